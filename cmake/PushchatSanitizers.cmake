@@ -1,0 +1,10 @@
+# Sanitizer instrumentation for the whole build tree, chosen with PUSHCHAT_SANITIZE.
+if(PUSHCHAT_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(PUSHCHAT_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT PUSHCHAT_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "PUSHCHAT_SANITIZE must be empty, 'address' or 'thread'")
+endif()

@@ -2,6 +2,7 @@
 
 #include "mqttmessage.h"
 
+#include "compactjson.h"
 #include "protocollog.h"
 #include "pushclient.h"
 #include "vantrelcrypt.h"
@@ -25,62 +26,20 @@ constexpr int kDefaultMsgType = 1;
 constexpr int kDefaultBodyType = 0;
 constexpr int kKeyCount = int(sizeof(keyList) / sizeof(keyList[0]));
 
-// Whether `data` is well-formed UTF-8 (no overlongs, no surrogates).
-bool isUtf8(const QByteArray &data)
-{
-    const auto *s = reinterpret_cast<const unsigned char *>(data.constData());
-    const int n = data.size();
-    int i = 0;
-    while (i < n) {
-        const unsigned char c = s[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        int extra = 0;
-        unsigned int cp = 0;
-        if (c >= 0xC2 && c <= 0xDF) {
-            extra = 1;
-            cp = c & 0x1Fu;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            extra = 2;
-            cp = c & 0x0Fu;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            extra = 3;
-            cp = c & 0x07u;
-        } else {
-            return false;
-        }
-        if (n - i <= extra)
-            return false;
-        for (int k = 1; k <= extra; ++k) {
-            if ((s[i + k] & 0xC0) != 0x80)
-                return false;
-            cp = (cp << 6) | (s[i + k] & 0x3Fu);
-        }
-        if ((extra == 2 && (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF))) ||
-            (extra == 3 && (cp < 0x10000 || cp > 0x10FFFF)))
-            return false;
-        i += extra + 1;
-    }
-    return true;
-}
-
-// The envelope's JSON text as Qt would have it after decoding it as UTF-8:
-// malformed sequences become U+FFFD instead of failing the JSON parser.
-QByteArray asUtf8Text(QByteArray bytes)
+// The envelope's JSON document. The text is read as UTF-8 up to its first
+// NUL; malformed sequences become U+FFFD as QString::fromUtf8 makes them,
+// instead of failing the JSON parser. Well-formed text, the common case, is
+// parsed as it is.
+QJsonDocument envelopeDocument(QByteArray bytes)
 {
     const int nul = bytes.indexOf('\0');
     if (nul >= 0)
         bytes.truncate(nul);
-    if (isUtf8(bytes))
-        return bytes;
-    return QString::fromUtf8(bytes).toUtf8();
-}
-
-std::string stringField(const QJsonObject &obj, QLatin1String key)
-{
-    return obj.value(key).toString().toStdString();
+    QJsonParseError error{};
+    QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
+    if (error.error == QJsonParseError::IllegalUTF8String && !CompactJson::isUtf8(bytes.constData(), bytes.size()))
+        doc = QJsonDocument::fromJson(QString::fromUtf8(bytes).toUtf8());
+    return doc;
 }
 
 // Seeds this thread's Qt generator from the millisecond clock, as the
@@ -128,19 +87,38 @@ bool MQTTMessage::encText(QString fromJid, QString toJid, QString text, MediaInf
     bodyType = kind;
     secLevel = level;
 
-    // Strings go into the JSON up to their first NUL byte.
-    auto str = [](const std::string &s) { return QJsonValue(QString::fromUtf8(s.c_str())); };
-    QJsonObject obj;
-    obj.insert(QLatin1String("k"), str(messageKey));
-    obj.insert(QLatin1String("p"), str(p));
-    obj.insert(QLatin1String("s"), secLevel);
-    obj.insert(QLatin1String("f"), str(from));
-    obj.insert(QLatin1String("t"), str(to));
-    obj.insert(QLatin1String("v"), msgType);
-    obj.insert(QLatin1String("b"), str(body));
-    obj.insert(QLatin1String("bt"), bodyType);
-    obj.insert(QLatin1String("st"), str(stamp));
-    const QByteArray json = QJsonDocument(obj).toJson(QJsonDocument::Compact);
+    // The envelope as Qt's compact writer gives it: keys in sorted order,
+    // strings up to their first NUL byte.
+    QByteArray json;
+    json.reserve(int(body.size() + from.size() + to.size() + messageKey.size() + stamp.size()) + 64);
+    json.append('{');
+    CompactJson::appendKey(json, "b");
+    CompactJson::appendString(json, body.c_str());
+    json.append(',');
+    CompactJson::appendKey(json, "bt");
+    CompactJson::appendInt(json, bodyType);
+    json.append(',');
+    CompactJson::appendKey(json, "f");
+    CompactJson::appendString(json, from.c_str());
+    json.append(',');
+    CompactJson::appendKey(json, "k");
+    CompactJson::appendString(json, messageKey.c_str());
+    json.append(',');
+    CompactJson::appendKey(json, "p");
+    CompactJson::appendString(json, p.c_str());
+    json.append(',');
+    CompactJson::appendKey(json, "s");
+    CompactJson::appendInt(json, secLevel);
+    json.append(',');
+    CompactJson::appendKey(json, "st");
+    CompactJson::appendString(json, stamp.c_str());
+    json.append(',');
+    CompactJson::appendKey(json, "t");
+    CompactJson::appendString(json, to.c_str());
+    json.append(',');
+    CompactJson::appendKey(json, "v");
+    CompactJson::appendInt(json, msgType);
+    json.append('}');
 
     if (encrypted) {
         char letter = '\0';
@@ -185,20 +163,44 @@ bool MQTTMessage::parseMessage(const char *data)
         encrypted = true;
     }
 
-    const QJsonDocument doc = QJsonDocument::fromJson(asUtf8Text(text));
+    const QJsonDocument doc = envelopeDocument(text);
     if (!doc.isObject())
         return false;
+    // One pass over the object (Qt keeps its keys sorted and unique);
+    // missing or mistyped keys read as the defaults.
+    messageKey.clear();
+    p.clear();
+    from.clear();
+    to.clear();
+    body.clear();
+    stamp.clear();
+    secLevel = kDefaultSecLevel;
+    msgType = kDefaultMsgType;
+    bodyType = kDefaultBodyType;
     const QJsonObject obj = doc.object();
-    messageKey = stringField(obj, QLatin1String("k"));
-    p = stringField(obj, QLatin1String("p"));
-    secLevel = obj.value(QLatin1String("s")).toInt(kDefaultSecLevel);
-    from = stringField(obj, QLatin1String("f"));
-    to = stringField(obj, QLatin1String("t"));
-    msgType = obj.value(QLatin1String("v")).toInt(kDefaultMsgType);
-    const QJsonValue b = obj.value(QLatin1String("b"));
-    body = b.isObject() ? QJsonDocument(b.toObject()).toJson().toStdString() : b.toString().toStdString();
-    bodyType = obj.value(QLatin1String("bt")).toInt(kDefaultBodyType);
-    stamp = stringField(obj, QLatin1String("st"));
+    for (auto it = obj.constBegin(); it != obj.constEnd(); ++it) {
+        const QString key = it.key();
+        const QJsonValue value = it.value();
+        if (key == QLatin1String("b"))
+            body = value.isObject() ? QJsonDocument(value.toObject()).toJson().toStdString()
+                                    : value.toString().toStdString();
+        else if (key == QLatin1String("bt"))
+            bodyType = value.toInt(kDefaultBodyType);
+        else if (key == QLatin1String("f"))
+            from = value.toString().toStdString();
+        else if (key == QLatin1String("k"))
+            messageKey = value.toString().toStdString();
+        else if (key == QLatin1String("p"))
+            p = value.toString().toStdString();
+        else if (key == QLatin1String("s"))
+            secLevel = value.toInt(kDefaultSecLevel);
+        else if (key == QLatin1String("st"))
+            stamp = value.toString().toStdString();
+        else if (key == QLatin1String("t"))
+            to = value.toString().toStdString();
+        else if (key == QLatin1String("v"))
+            msgType = value.toInt(kDefaultMsgType);
+    }
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "patternmatcher.h"
 
+#include "mqttmesaageprotocol.h"
+
 #include <cstring>
 
 namespace {
@@ -18,6 +20,26 @@ bool hasAt(std::string_view text)
 }
 
 } // namespace
+
+const PatternMatcher::Compiled *PatternMatcher::grammarPattern(const char *pattern)
+{
+    static const std::unordered_map<const char *, Compiled> grammar = [] {
+        std::unordered_map<const char *, Compiled> table;
+        for (const ProtocolHead *rows :
+             { protocolHeadALL, messageSubHead, groupCMDProtocolHead, groupInfoProtocolHead,
+               friendSubCmdProtocolHead, friendSubInfoProtocolHead, remoteDesktopSubCmdProtocolHead,
+               remoteDesktopSubInfoProtocolHead, HistorySubCmdProtocolHead, HistorySubInfoHead }) {
+            for (int i = 0; i <= rows[0].code; ++i) {
+                Compiled c = compile(rows[i].pattern);
+                if (c.shaped) // only stateless matchers may be shared between threads
+                    table.emplace(rows[i].pattern, std::move(c));
+            }
+        }
+        return table;
+    }();
+    const auto it = grammar.find(pattern);
+    return it == grammar.end() ? nullptr : &it->second;
+}
 
 PatternMatcher &PatternMatcher::forThisThread()
 {
@@ -107,19 +129,28 @@ bool PatternMatcher::matchGroups(const std::vector<Group> &groups, std::string_v
     return false;
 }
 
+bool PatternMatcher::matchShaped(const Compiled &c, std::string_view subject, PatternCaptures &captures)
+{
+    if (subject.compare(0, c.prefix.size(), c.prefix) != 0)
+        return false;
+    if (c.groups.empty())
+        return true;
+    captures.groups.resize(c.groups.size());
+    return matchGroups(c.groups, subject, c.prefix.size(), 0, captures.groups);
+}
+
 bool PatternMatcher::matchAtStart(const char *pattern, std::string_view subject, PatternCaptures &captures)
 {
     captures.groups.clear();
     captures.storage.clear();
+    if (const Compiled *grammar = grammarPattern(pattern))
+        return matchShaped(*grammar, subject, captures);
+
     Compiled &c = forThisThread().compiled(pattern);
+    if (c.shaped)
+        return matchShaped(c, subject, captures);
     if (subject.compare(0, c.prefix.size(), c.prefix) != 0)
         return false;
-    if (c.shaped) {
-        if (c.groups.empty())
-            return true;
-        captures.groups.resize(c.groups.size());
-        return matchGroups(c.groups, subject, c.prefix.size(), 0, captures.groups);
-    }
     const QString text = QString::fromLatin1(subject.data(), int(subject.size()));
     if (c.fallback.indexIn(text, 0, QRegExp::CaretAtZero) != 0)
         return false;

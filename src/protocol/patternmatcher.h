@@ -12,8 +12,10 @@
 // (the sub-command letters) match when the subject starts with them. Any
 // other pattern falls back to a QRegExp compiled once per thread.
 //
-// Compiled patterns are kept per thread, keyed by the pattern's address, so
-// matching takes no lock and compiles nothing on the steady path.
+// The grammar's own patterns are compiled once, on first use, into a table
+// that is read-only afterwards and shared by every thread. Other patterns
+// (tables a caller brings to parseTopic) are compiled on first use into a
+// per-thread cache keyed by the pattern's address. Matching takes no lock.
 
 #include <QRegExp>
 
@@ -47,9 +49,11 @@ private:
         QRegExp fallback;          ///< when not shaped: "^(?:pattern)"
     };
 
+    static const Compiled *grammarPattern(const char *pattern);
     static PatternMatcher &forThisThread();
     Compiled &compiled(const char *pattern);
     static Compiled compile(const char *pattern);
+    static bool matchShaped(const Compiled &c, std::string_view subject, PatternCaptures &captures);
     static bool matchGroups(const std::vector<Group> &groups, std::string_view text, std::size_t pos,
                             std::size_t index, std::vector<std::string_view> &out);
 

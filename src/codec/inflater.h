@@ -1,0 +1,36 @@
+#ifndef PUSHCHAT_INFLATER_H
+#define PUSHCHAT_INFLATER_H
+
+#include <QByteArray>
+#include <zlib.h>
+
+// Reads the qCompress form (4-byte big-endian length, then a zlib stream)
+// with the result qUncompress gives: the whole inflated data when the stream
+// is complete and sound, a null array otherwise, whatever length the prefix
+// claims (qUncompress only uses it to size its first buffer, and rejects a
+// claim of 2 GB or more). The inflate state is kept between calls and reset,
+// instead of being set up and torn down for every message; the prefix only
+// sizes the first buffer up to what the input can possibly inflate to, so a
+// forged claim costs nothing.
+//
+// Not copyable; one instance serves one thread (forThisThread()).
+class Inflater
+{
+public:
+    Inflater();
+    ~Inflater();
+    Inflater(const Inflater &) = delete;
+    Inflater &operator=(const Inflater &) = delete;
+
+    QByteArray uncompress(const char *data, int size);
+
+    // The calling thread's Inflater, created on first use and destroyed when
+    // the thread ends; never shared, so it needs no lock.
+    static Inflater &forThisThread();
+
+private:
+    z_stream stream_{};
+    bool ready_ = false;  // inflateInit succeeded; otherwise fall back to qUncompress
+};
+
+#endif // PUSHCHAT_INFLATER_H

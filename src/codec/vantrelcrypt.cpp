@@ -1,0 +1,275 @@
+#include "vantrelcrypt.h"
+
+#include "crc16.h"
+#include "deflater.h"
+#include "inflater.h"
+
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <QLoggingCategory>
+#include <QtEndian>
+
+#include <array>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+namespace {
+
+Q_LOGGING_CATEGORY(lcCodec, "pushchat.codec")
+
+constexpr char cipherVersion = 0x03;
+constexpr int headerSize = 2;  // version and flags, not enciphered
+
+enum Flag : uchar {
+    FlagCompressed = 0x01,
+    FlagChecksum = 0x02,
+    FlagSha1 = 0x04,
+};
+
+constexpr int checksumSize = 2;
+constexpr int sha1Size = 20;
+
+// The random byte leads the block so that the chaining spreads it over every
+// following byte. It comes from Qt's per-thread qrand() generator, reseeded
+// from the millisecond clock at every construction. qsrand/qrand are
+// deprecated in Qt 5.15, but that seeding is part of the cipher's defined
+// behaviour (instances made at one clock reading draw the same byte).
+QT_WARNING_PUSH
+QT_WARNING_DISABLE_DEPRECATED
+void seedThreadGenerator()
+{
+    qsrand(uint(QDateTime::currentMSecsSinceEpoch() & 0xFFFF));
+}
+
+char drawRandomByte()
+{
+    return char(qrand() & 0xFF);
+}
+QT_WARNING_POP
+
+// The eight key bytes, zero where keyBytes (a public field) is short, so the
+// chaining never indexes past it.
+using KeyBytes = std::array<uchar, 8>;
+
+KeyBytes keyBytesOf(const QVector<char> &keyBytes)
+{
+    KeyBytes bytes{};
+    for (int i = 0; i < int(bytes.size()); ++i)
+        bytes[size_t(i)] = uchar(keyBytes.value(i));
+    return bytes;
+}
+
+// E[p] = X[p] ^ K[p mod 8] ^ E[p-1], E[-1] = 0.
+void encipher(char *block, int size, const KeyBytes &key)
+{
+    uchar previous = 0;
+    for (int p = 0; p < size; ++p) {
+        previous = uchar(block[p]) ^ key[size_t(p & 7)] ^ previous;
+        block[p] = char(previous);
+    }
+}
+
+// X[p] = E[p] ^ K[p mod 8] ^ E[p-1], E[-1] = 0.
+void decipher(char *block, int size, const KeyBytes &key)
+{
+    uchar previous = 0;
+    for (int p = 0; p < size; ++p) {
+        const uchar enciphered = uchar(block[p]);
+        block[p] = char(enciphered ^ key[size_t(p & 7)] ^ previous);
+        previous = enciphered;
+    }
+}
+
+// Over the whole length: QString::fromUtf8(QByteArray) would stop at a NUL.
+QString wholeUtf8(const QByteArray &bytes)
+{
+    return QString::fromUtf8(bytes.constData(), bytes.size());
+}
+
+QByteArray sha1(const char *data, int size)
+{
+    QCryptographicHash hash(QCryptographicHash::Sha1);
+    hash.addData(data, size);
+    return hash.result();
+}
+
+} // namespace
+
+VantrelCrypt::VantrelCrypt()
+{
+    seedThreadGenerator();
+}
+
+VantrelCrypt::VantrelCrypt(unsigned long long key)
+    : key(key)
+{
+    seedThreadGenerator();
+    splitKey();
+}
+
+void VantrelCrypt::setKey(unsigned long long key)
+{
+    this->key = key;
+    splitKey();
+}
+
+void VantrelCrypt::splitKey()
+{
+    keyBytes.clear();
+    keyBytes.resize(8);
+    for (int i = 0; i < keyBytes.size(); ++i)
+        keyBytes[i] = char((key >> (8 * i)) & 0xFF);
+}
+
+QByteArray VantrelCrypt::encryptToByteArray(QByteArray plaintext)
+{
+    if (keyBytes.isEmpty()) {
+        qCWarning(lcCodec, "No key set.");
+        lastStatus = StatusNoKey;
+        return QByteArray();
+    }
+
+    uchar flags = 0;
+    QByteArray payload = std::move(plaintext);
+    if (compressionPolicy == CompressAlways || compressionPolicy == CompressWhenSmaller) {
+        QByteArray compressed = Deflater::forThisThread().compress(payload);
+        // An empty result means compression failed (out of memory); the
+        // payload then goes out as it is, which any reader still accepts.
+        const bool use = !compressed.isEmpty()
+                && (compressionPolicy == CompressAlways || compressed.size() < payload.size());
+        if (use) {
+            payload = std::move(compressed);
+            flags |= FlagCompressed;
+        }
+    }
+
+    char checksum[checksumSize];
+    QByteArray digest;
+    const char *integrity = nullptr;
+    int integritySize = 0;
+    if (integrityCheck == IntegrityChecksum) {
+        // Big-endian, as QDataStream writes it.
+        qToBigEndian<quint16>(Crc16::x25(payload.constData(), payload.size()), checksum);
+        integrity = checksum;
+        integritySize = checksumSize;
+        flags |= FlagChecksum;
+    } else if (integrityCheck == IntegritySha1) {
+        digest = sha1(payload.constData(), payload.size());
+        integrity = digest.constData();
+        integritySize = digest.size();
+        flags |= FlagSha1;
+    }
+
+    // A QByteArray holds a little under 2 GB; only a plaintext of about that
+    // size gets here, and it cannot be enciphered.
+    const qint64 cypherSize = qint64(headerSize) + 1 + integritySize + payload.size();
+    if (cypherSize > std::numeric_limits<int>::max() - 64) {
+        qCWarning(lcCodec, "Payload too large.");
+        return QByteArray();
+    }
+
+    QByteArray cypher(int(cypherSize), Qt::Uninitialized);
+    char *out = cypher.data();
+    out[0] = cipherVersion;
+    out[1] = char(flags);
+    out[headerSize] = drawRandomByte();
+    if (integritySize > 0)
+        std::memcpy(out + headerSize + 1, integrity, size_t(integritySize));
+    if (!payload.isEmpty())
+        std::memcpy(out + headerSize + 1 + integritySize, payload.constData(), size_t(payload.size()));
+    encipher(out + headerSize, cypher.size() - headerSize, keyBytesOf(keyBytes));
+
+    lastStatus = StatusOk;
+    return cypher;
+}
+
+QByteArray VantrelCrypt::encryptToByteArray(const QString &plaintext)
+{
+    return encryptToByteArray(plaintext.toUtf8());
+}
+
+QString VantrelCrypt::encryptToString(QByteArray plaintext)
+{
+    return QString::fromLatin1(encryptToByteArray(std::move(plaintext)).toBase64());
+}
+
+QString VantrelCrypt::encryptToString(const QString &plaintext)
+{
+    return encryptToString(plaintext.toUtf8());
+}
+
+QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher)
+{
+    if (keyBytes.isEmpty()) {
+        qCWarning(lcCodec, "No key set.");
+        lastStatus = StatusNoKey;
+        return QByteArray();
+    }
+    if (cypher.size() < headerSize + 1)
+        return QByteArray();
+    if (cypher.at(0) != cipherVersion) {
+        lastStatus = StatusBadVersion;
+        qCWarning(lcCodec, "Invalid version or not a cyphertext.");
+        return QByteArray();
+    }
+
+    const uchar flags = uchar(cypher.at(1));
+    char *data = cypher.data();
+    const int size = cypher.size();
+    decipher(data + headerSize, size - headerSize, keyBytesOf(keyBytes));
+
+    int offset = headerSize + 1;  // past the random byte
+    if (flags & FlagChecksum) {
+        if (size - offset < checksumSize) {
+            lastStatus = StatusIntegrityFailed;
+            return QByteArray();
+        }
+        const quint16 stored = qFromBigEndian<quint16>(data + offset);
+        offset += checksumSize;
+        if (Crc16::x25(data + offset, size - offset) != stored) {
+            lastStatus = StatusIntegrityFailed;
+            return QByteArray();
+        }
+    } else if (flags & FlagSha1) {
+        if (size - offset < sha1Size) {
+            lastStatus = StatusIntegrityFailed;
+            return QByteArray();
+        }
+        const QByteArray digest = sha1(data + offset + sha1Size, size - offset - sha1Size);
+        if (std::memcmp(digest.constData(), data + offset, sha1Size) != 0) {
+            lastStatus = StatusIntegrityFailed;
+            return QByteArray();
+        }
+        offset += sha1Size;
+    }
+
+    QByteArray payload;
+    if (flags & FlagCompressed) {
+        const int stored = size - offset;
+        payload = Inflater::forThisThread().uncompress(data + offset, stored);
+        // qUncompress answers the four zero bytes that stand for no data with
+        // a null array, as it answers damaged data; keep success non-null.
+        if (payload.isNull() && stored == 4 && std::memcmp(data + offset, "\0\0\0\0", 4) == 0)
+            payload = QByteArray("");
+    } else {
+        payload = cypher.mid(offset);  // non-null, also when empty
+    }
+    lastStatus = StatusOk;
+    return payload;
+}
+
+QByteArray VantrelCrypt::decryptToByteArray(const QString &cypher)
+{
+    return decryptToByteArray(QByteArray::fromBase64(cypher.toLatin1()));
+}
+
+QString VantrelCrypt::decryptToString(QByteArray cypher)
+{
+    return wholeUtf8(decryptToByteArray(std::move(cypher)));
+}
+
+QString VantrelCrypt::decryptToString(const QString &cypher)
+{
+    return wholeUtf8(decryptToByteArray(cypher));
+}

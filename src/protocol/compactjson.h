@@ -1,0 +1,30 @@
+#ifndef PUSHCHAT_COMPACTJSON_H
+#define PUSHCHAT_COMPACTJSON_H
+
+// Writes JSON text exactly as Qt's compact JSON writer does, without
+// building a QJsonObject first (internal header).
+//
+// Every message envelope is written on the send path; going through
+// QJsonObject and QJsonDocument costs more than the rest of the envelope.
+// The output is byte for byte what QJsonDocument::toJson(Compact) gives for
+// the same values, which a test checks on random text: strings are taken
+// up to their first NUL and decoded as UTF-8 (malformed sequences become
+// U+FFFD, as QString::fromUtf8 makes them), '"' and '\' and control
+// characters are escaped the way Qt escapes them, everything else is copied
+// as UTF-8. The caller writes the keys in sorted order, as Qt does.
+
+#include <QByteArray>
+
+class CompactJson {
+public:
+    /// Appends `"key":` to `out`; keys are plain ASCII.
+    static void appendKey(QByteArray &out, const char *key);
+    /// Appends a JSON string for the UTF-8 text up to its first NUL.
+    static void appendString(QByteArray &out, const char *utf8);
+    static void appendInt(QByteArray &out, int value);
+
+    /// Whether `data` is well-formed UTF-8 (no overlongs, no surrogates).
+    static bool isUtf8(const char *data, int size);
+};
+
+#endif // PUSHCHAT_COMPACTJSON_H

@@ -1,0 +1,96 @@
+// Deflater: the kept deflate stream gives exactly the bytes of qCompress
+// level 9, call after call and on several threads at once.
+
+#include "deflater.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+enum class Content { Random, Text, Zeros };
+
+QByteArray sample(Content content, int size, unsigned seed)
+{
+    std::mt19937 generator(seed);
+    QByteArray bytes(size, Qt::Uninitialized);
+    const char words[] = "hello room alice bob {\"b\":\"msg\",\"t\":\"x@y\"} ";
+    for (int i = 0; i < size; ++i) {
+        switch (content) {
+        case Content::Random: bytes[i] = char(generator()); break;
+        case Content::Text: bytes[i] = words[generator() % (sizeof(words) - 1)]; break;
+        case Content::Zeros: bytes[i] = '\0'; break;
+        }
+    }
+    return bytes;
+}
+
+std::vector<int> testSizes()
+{
+    std::vector<int> sizes;
+    for (int size = 0; size <= 1100; ++size)
+        sizes.push_back(size);
+    for (int size : {2047, 2048, 4096, 32767, 32768, 65535, 65536, 70000, 262145, 1 << 20})
+        sizes.push_back(size);
+    return sizes;
+}
+
+} // namespace
+
+TEST(Deflater, MatchesQCompressForEverySize)
+{
+    Deflater deflater;
+    std::vector<int> sizes = testSizes();
+    // Large inputs first, then small ones: state left over from a big stream
+    // must not leak into the next.
+    std::reverse(sizes.begin(), sizes.end());
+    for (Content content : {Content::Random, Content::Text, Content::Zeros}) {
+        for (int size : sizes) {
+            const QByteArray data = sample(content, size, unsigned(size));
+            ASSERT_EQ(deflater.compress(data), qCompress(data, 9))
+                    << "size " << size << " content " << int(content);
+        }
+    }
+}
+
+TEST(Deflater, EmptyInputIsFourZeroBytes)
+{
+    Deflater deflater;
+    EXPECT_EQ(deflater.compress(QByteArray()), QByteArray(4, '\0'));
+    EXPECT_EQ(deflater.compress("", 0), qCompress(QByteArray(), 9));
+    EXPECT_EQ(qUncompress(deflater.compress(QByteArray())), QByteArray());
+}
+
+TEST(Deflater, OnePerThreadAndEachMatchesQCompress)
+{
+    constexpr int threadCount = 4;
+    std::vector<const Deflater *> instances(threadCount);
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([t, &instances, &mismatches] {
+            Deflater &deflater = Deflater::forThisThread();
+            instances[size_t(t)] = &deflater;
+            if (&Deflater::forThisThread() != &deflater)
+                ++mismatches;
+            std::mt19937 generator{unsigned(t)};
+            for (int i = 0; i < 300; ++i) {
+                const int size = int(generator() % 5000);
+                const Content content = i % 2 ? Content::Text : Content::Random;
+                const QByteArray data = sample(content, size, generator());
+                if (deflater.compress(data) != qCompress(data, 9))
+                    ++mismatches;
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    std::sort(instances.begin(), instances.end());
+    EXPECT_EQ(std::unique(instances.begin(), instances.end()), instances.end());
+}

@@ -1,0 +1,378 @@
+// End-to-end throughput through a local mosquitto: N messages of 300 bytes at
+// QoS 2 from one client to another, with PushClient and with bare libmosquitto
+// clients (mosquitto_loop_start, same session and socket options), printed
+// with their ratio. Also the QoS 2 round trip (publish, echo, reply), with and
+// without TCP_NODELAY on the bare client, to show what Nagle's algorithm costs.
+// PUSHCHAT_BENCH_SMOKE=1 sends 500 messages instead of 20 000.
+
+#include "mosquittobroker.h"
+#include "pushclient.h"
+
+#include <benchmark/benchmark.h>
+#include <mosquitto.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Counts arrivals; the sender waits until the count reaches its target.
+class Arrivals
+{
+public:
+    void reset(long target)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        count_ = 0;
+        target_ = target;
+    }
+    void arrived()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (++count_ >= target_)
+            done_.notify_all();
+    }
+    bool wait(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return done_.wait_for(lock, timeout, [&] { return count_ >= target_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable done_;
+    long count_ = 0;
+    long target_ = 0;
+};
+
+// --- PushClient side ---------------------------------------------------------
+
+class CountingReceiver : public PushEventReciever
+{
+public:
+    explicit CountingReceiver(Arrivals& arrivals) : arrivals_(arrivals) {}
+    std::function<void(char* topic, void* payload)> onMessage; // set before connecting
+    void messgeRecievedMore(int, char* topic, void* payload, int, int, bool) override
+    {
+        if (onMessage)
+            onMessage(topic, payload);
+        arrivals_.arrived();
+    }
+    void connectStatus(bool connected) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        online_ = connected;
+        changed_.notify_all();
+    }
+    bool waitOnline()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return online_; });
+    }
+
+private:
+    Arrivals& arrivals_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool online_ = false;
+};
+
+struct PushPair
+{
+    Arrivals arrivals;
+    CountingReceiver senderSide{arrivals}, receiverSide{arrivals};
+    std::unique_ptr<PushClient> sender, receiver;
+
+    PushPair(const std::string& tag, const PushClientOptions& options)
+    {
+        std::string senderId = "bench-sender-" + tag, receiverId = "bench-receiver-" + tag;
+        sender = std::make_unique<PushClient>(senderId.data(), options);
+        receiver = std::make_unique<PushClient>(receiverId.data(), options);
+        sender->setEventRecv(&senderSide);
+        receiver->setEventRecv(&receiverSide);
+    }
+
+    bool connect(const MosquittoBroker& broker, const std::string& topic)
+    {
+        sender->start_connect(broker.host(), broker.port(), 60);
+        receiver->start_connect(broker.host(), broker.port(), 60);
+        if (!senderSide.waitOnline() || !receiverSide.waitOnline())
+            return false;
+        std::string filter = topic;
+        receiver->subscribe(filter.data());
+        // One message through proves the subscription is in force.
+        for (int attempt = 0; attempt < 50; ++attempt) {
+            arrivals.reset(1);
+            sender->publish(topic.c_str(), "probe", 2, false);
+            if (arrivals.wait(std::chrono::milliseconds(100)))
+                return true;
+        }
+        return false;
+    }
+};
+
+// --- bare libmosquitto side --------------------------------------------------
+
+class BareClient
+{
+public:
+    BareClient(const std::string& id, bool noDelay, Arrivals& arrivals) : arrivals_(arrivals)
+    {
+        mosq_ = mosquitto_new(id.c_str(), false, this);
+        mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+        mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, noDelay ? 1 : 0);
+        mosquitto_connect_callback_set(mosq_, [](mosquitto*, void* self, int rc) {
+            static_cast<BareClient*>(self)->signal(rc == 0 ? 1 : -1);
+        });
+        mosquitto_subscribe_callback_set(mosq_, [](mosquitto*, void* self, int, int, const int*) {
+            static_cast<BareClient*>(self)->signal(2);
+        });
+        mosquitto_message_callback_set(mosq_, [](mosquitto* m, void* self, const mosquitto_message* message) {
+            auto* client = static_cast<BareClient*>(self);
+            if (client->echoTopic_)
+                mosquitto_publish(m, nullptr, client->echoTopic_, message->payloadlen, message->payload, 2, false);
+            client->arrivals_.arrived();
+        });
+    }
+    ~BareClient()
+    {
+        mosquitto_disconnect(mosq_);
+        mosquitto_loop_stop(mosq_, false);
+        mosquitto_destroy(mosq_);
+    }
+
+    bool connect(const MosquittoBroker& broker)
+    {
+        mosquitto_connect(mosq_, broker.host(), broker.port(), 60);
+        mosquitto_loop_start(mosq_);
+        return waitFor(1);
+    }
+    bool subscribe(const char* topic)
+    {
+        mosquitto_subscribe(mosq_, nullptr, topic, 2);
+        return waitFor(2);
+    }
+    void echoTo(const char* topic) { echoTopic_ = topic; } // before subscribing
+    int publish(const char* topic, const std::string& payload)
+    {
+        return mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(payload.size()), payload.data(), 2, false);
+    }
+
+private:
+    void signal(int what)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        event_ = what;
+        changed_.notify_all();
+    }
+    bool waitFor(int what)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        const bool ok = changed_.wait_for(lock, std::chrono::seconds(10), [&] { return event_ == what; });
+        event_ = 0;
+        return ok;
+    }
+
+    mosquitto* mosq_ = nullptr;
+    Arrivals& arrivals_;
+    const char* echoTopic_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int event_ = 0;
+};
+
+// --- benchmarks --------------------------------------------------------------
+
+// Messages per second of every timed run, for the closing comparison.
+struct Results
+{
+    std::vector<double> push;
+    std::vector<double> bare;
+};
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+long messageCount()
+{
+    const char* smoke = std::getenv("PUSHCHAT_BENCH_SMOKE");
+    return smoke && std::strcmp(smoke, "1") == 0 ? 500 : 20000;
+}
+
+const std::string kPayload(300, 'p');
+
+void report(benchmark::State& state, long messages, const std::vector<double>& rates)
+{
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * messages);
+    state.counters["median_msgs_per_s"] = median(rates);
+}
+
+void pushThroughput(benchmark::State& state, const MosquittoBroker& broker, Results& results)
+{
+    const long n = messageCount();
+    PushClientOptions options;
+    options.maxPendingMessages = static_cast<std::size_t>(n) + 10; // the whole burst at once, like bare
+    PushPair pair("throughput", options);
+    if (!pair.connect(broker, "bench/push")) {
+        state.SkipWithError("PushClient pair did not connect");
+        return;
+    }
+    for (auto _ : state) {
+        pair.arrivals.reset(n);
+        const auto start = Clock::now();
+        for (long i = 0; i < n; ++i) {
+            if (pair.sender->publish("bench/push", kPayload.c_str(), 2, false) != 0) {
+                state.SkipWithError("publish refused");
+                return;
+            }
+        }
+        if (!pair.arrivals.wait(std::chrono::seconds(120))) {
+            state.SkipWithError("messages missing");
+            return;
+        }
+        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        state.SetIterationTime(elapsed);
+        results.push.push_back(static_cast<double>(n) / elapsed);
+    }
+    report(state, n, results.push);
+}
+
+void bareThroughput(benchmark::State& state, const MosquittoBroker& broker, Results& results)
+{
+    const long n = messageCount();
+    Arrivals arrivals;
+    BareClient sender("bare-sender", true, arrivals), receiver("bare-receiver", true, arrivals);
+    if (!sender.connect(broker) || !receiver.connect(broker) || !receiver.subscribe("bench/bare")) {
+        state.SkipWithError("bare pair did not connect");
+        return;
+    }
+    for (auto _ : state) {
+        arrivals.reset(n);
+        const auto start = Clock::now();
+        for (long i = 0; i < n; ++i)
+            sender.publish("bench/bare", kPayload);
+        if (!arrivals.wait(std::chrono::seconds(120))) {
+            state.SkipWithError("messages missing");
+            return;
+        }
+        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        state.SetIterationTime(elapsed);
+        results.bare.push_back(static_cast<double>(n) / elapsed);
+    }
+    report(state, n, results.bare);
+}
+
+// One QoS 2 round trip: publish, the peer echoes from its callback, the reply
+// arrives. Both ends are PushClients.
+void pushRoundTrip(benchmark::State& state, const MosquittoBroker& broker)
+{
+    PushPair pair("roundtrip", PushClientOptions());
+    PushClient* echo = pair.receiver.get();
+    pair.receiverSide.onMessage = [echo](char* topic, void* payload) {
+        if (std::strcmp(topic, "bench/ping") == 0)
+            echo->publish("bench/pong", static_cast<const char*>(payload), 2, false);
+    };
+    if (!pair.connect(broker, "bench/ping")) {
+        state.SkipWithError("PushClient pair did not connect");
+        return;
+    }
+    char pong[] = "bench/pong";
+    pair.sender->subscribe(pong);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    for (auto _ : state) {
+        pair.arrivals.reset(2); // the echo's arrival and the reply's
+        pair.sender->publish("bench/ping", "ping", 2, false);
+        if (!pair.arrivals.wait(std::chrono::seconds(10))) {
+            state.SkipWithError("no reply");
+            return;
+        }
+    }
+}
+
+void bareRoundTrip(benchmark::State& state, const MosquittoBroker& broker, bool noDelay)
+{
+    Arrivals arrivals;
+    const std::string tag = noDelay ? "nodelay" : "nagle";
+    BareClient pinger("ping-" + tag, noDelay, arrivals), echo("echo-" + tag, noDelay, arrivals);
+    const std::string ping = "bench/ping-" + tag, pongTopic = "bench/pong-" + tag;
+    echo.echoTo(pongTopic.c_str());
+    if (!pinger.connect(broker) || !echo.connect(broker) || !echo.subscribe(ping.c_str()) ||
+        !pinger.subscribe(pongTopic.c_str())) {
+        state.SkipWithError("bare pair did not connect");
+        return;
+    }
+    for (auto _ : state) {
+        arrivals.reset(2);
+        pinger.publish(ping.c_str(), "ping");
+        if (!arrivals.wait(std::chrono::seconds(10))) {
+            state.SkipWithError("no reply");
+            return;
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    mosquitto_lib_init();
+    MosquittoBroker broker;
+    if (!broker.start()) {
+        std::fprintf(stderr, "could not start mosquitto:\n%s\n", broker.log().c_str());
+        return 1;
+    }
+    Results results;
+    const bool smoke = messageCount() < 20000;
+    const int iterations = smoke ? 1 : 5;
+    benchmark::RegisterBenchmark("PushClient_QoS2_throughput", pushThroughput, std::cref(broker), std::ref(results))
+        ->Iterations(iterations)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BareLibmosquitto_QoS2_throughput", bareThroughput, std::cref(broker),
+                                 std::ref(results))
+        ->Iterations(iterations)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("PushClient_QoS2_round_trip", pushRoundTrip, std::cref(broker))
+        ->Iterations(smoke ? 5 : 200)
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("BareLibmosquitto_QoS2_round_trip_nodelay", bareRoundTrip, std::cref(broker), true)
+        ->Iterations(smoke ? 5 : 200)
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("BareLibmosquitto_QoS2_round_trip_nagle", bareRoundTrip, std::cref(broker), false)
+        ->Iterations(smoke ? 2 : 20)
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+
+    const double push = median(results.push), bare = median(results.bare);
+    if (push > 0 && bare > 0) {
+        std::printf("\n%ld messages of %zu bytes at QoS 2 (median of %zu runs): PushClient %.0f msg/s, "
+                    "bare libmosquitto %.0f msg/s, ratio %.1f %%\n",
+                    messageCount(), kPayload.size(), results.push.size(), push, bare, 100.0 * push / bare);
+    }
+    return 0;
+}

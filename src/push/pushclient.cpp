@@ -1,0 +1,59 @@
+#include "pushclient.h"
+
+#include "pushconnection.h"
+
+void PushEventReciever::messgeRecieved(char*, char*) {}
+
+PushEventReciever::~PushEventReciever() = default;
+
+PushClient::PushClient(char* clientId) : PushClient(clientId, PushClientOptions()) {}
+
+PushClient::PushClient(char* clientId, const PushClientOptions& options)
+    : connection_(std::make_shared<PushConnection>(clientId, options))
+{
+}
+
+PushClient::~PushClient()
+{
+    connection_->close();
+}
+
+void PushClient::setEventRecv(PushEventReciever* receiver)
+{
+    connection_->setReceiver(receiver);
+}
+
+int PushClient::will_set(const char* topic, char* payload, int qos, bool /*retain*/)
+{
+    return connection_->setWill(topic, payload, qos);
+}
+
+int PushClient::start_connect(const char* host, int port, int keepalive)
+{
+    return connection_->start(host, port, keepalive);
+}
+
+int PushClient::subscribe(char* topic)
+{
+    return connection_->subscribe(topic);
+}
+
+int PushClient::unsubscribe(const char* topic)
+{
+    return connection_->unsubscribe(topic);
+}
+
+int PushClient::publish(const char* topic, const char* payload, int qos, bool /*retain*/)
+{
+    return connection_->publish(topic, payload, qos);
+}
+
+PushClient::State PushClient::state() const
+{
+    return connection_->state();
+}
+
+std::size_t PushClient::pendingCount() const
+{
+    return connection_->pendingCount();
+}

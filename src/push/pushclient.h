@@ -1,0 +1,121 @@
+#ifndef PUSHCLIENT_H
+#define PUSHCLIENT_H
+
+// PushClient: a generic MQTT 3.1.1 client over libmosquitto; it knows nothing
+// of what topics and payloads mean.
+//
+// Ownership: the caller owns the client and its receiver (never deleted by the
+// client; destroy the client first). Callback arguments live for the call only.
+//
+// Threads: each client has its own network thread (from start_connect); every
+// callback runs there, one at a time, outside libmosquitto's locks, so it may
+// call publish/subscribe/unsubscribe/will_set, which any thread may call. Keep
+// callbacks short (the link, keepalive included, waits for them). Call
+// setEventRecv before start_connect.
+//
+// Session: stable client id, clean session off, subscriptions at QoS 2, retain
+// always false (the argument is ignored). connectStatus(true) follows every
+// accepted CONNACK, connectStatus(false) every going offline (link lost, first
+// attempt failed, connection refused); they alternate.
+//
+// Reconnection: automatic, after 0.5 s doubling to 30 s (reconnectDelayMin/
+// Max), each wait randomised down to half; reset once a link has lasted 10 s.
+// An attempt without CONNACK within the keepalive (30 s at most) has failed.
+// A refusal retrying cannot fix (CONNACK 1, 2, 4, 5: protocol, id, credentials,
+// not authorised) is reported once and not retried until start_connect again.
+//
+// Outbox: QoS 1/2 publications count until the broker acknowledges them; those
+// made offline (and subscribe/unsubscribe requests) wait in order for the next
+// CONNACK. At most maxPendingMessages (1000) and maxPendingBytes (16 MiB of
+// topic + payload), online or not: when full, the new request is refused with
+// PushResult::OutboxFull and the accepted ones are kept. QoS 0 is never kept
+// (offline: PushResult::NotConnected). Nothing goes to disk.
+//
+// Destruction: waits up to closeTimeout (1 s) for pending acknowledgements,
+// then up to 0.25 s for a clean DISCONNECT (no will), stops the thread; no
+// callback runs after it returns. From inside the client's own callback it is
+// allowed: no further callback runs, and the thread disconnects cleanly and
+// ends by itself. A callback must not wait for a thread destroying the client.
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+
+// Callback interface, called on the client's network thread. The order of the
+// virtual operations is part of the binary interface: do not reorder.
+class PushEventReciever
+{
+public:
+    // Legacy slot: never called by PushClient.
+    virtual void messgeRecieved(char* topic, char* payload);
+    // One incoming message: (message id, topic, payload, payload length, qos,
+    // retain). Topic and payload are NUL-terminated copies (the payload may
+    // also hold NUL bytes of its own: use the length for binary data).
+    virtual void messgeRecievedMore(int mid, char* topic, void* payload, int payloadlen, int qos,
+                                    bool retain) = 0;
+    virtual void connectStatus(bool connected) = 0;
+    virtual ~PushEventReciever();
+};
+
+// Results of the operations that return int; 0 is success.
+enum class PushResult : int {
+    Ok = 0,
+    InvalidArgument = 1, // bad topic, qos, keepalive, port or client id
+    NotConnected = 2,    // QoS 0 publication while offline
+    OutboxFull = 3,      // pending bound reached; the request was not taken
+    Failed = 4,          // libmosquitto failed (out of memory, ...)
+};
+
+struct PushClientOptions
+{
+    std::chrono::milliseconds reconnectDelayMin{500};
+    std::chrono::milliseconds reconnectDelayMax{30000};
+    std::size_t maxPendingMessages = 1000; // capped at 65000 (MQTT message ids)
+    std::size_t maxPendingBytes = 16u * 1024u * 1024u;
+    std::chrono::milliseconds closeTimeout{1000};
+    // Deployment settings (TLS, username and password) belong here; they are
+    // applied by the connection before each attempt.
+};
+
+class PushConnection;
+
+class PushClient
+{
+public:
+    enum class State {
+        Idle,       // start_connect not called yet
+        Connecting, // an attempt is under way or waiting for its turn
+        Online,     // CONNACK accepted, link up
+        Refused,    // the broker refused the connection; no more attempts
+    };
+
+    explicit PushClient(char* clientId);
+    PushClient(char* clientId, const PushClientOptions& options);
+    ~PushClient();
+    PushClient(const PushClient&) = delete;
+    PushClient& operator=(const PushClient&) = delete;
+
+    void setEventRecv(PushEventReciever* receiver);
+    // Last will, sent with the next CONNECT; used by the broker only if the
+    // link dies without DISCONNECT. A null topic clears it.
+    int will_set(const char* topic, char* payload, int qos, bool retain);
+    // Starts connecting on the network thread and returns at once. keepalive
+    // is in seconds: 0 turns it off, 1 to 4 are raised to 5 (libmosquitto's
+    // minimum). Calling it again sets the target of later attempts and, when
+    // offline or refused, makes an attempt at once.
+    int start_connect(const char* host, int port, int keepalive);
+    int subscribe(char* topic);
+    int unsubscribe(const char* topic);
+    // payload is NUL-terminated text; qos is 0, 1 or 2.
+    int publish(const char* topic, const char* payload, int qos, bool retain);
+
+    State state() const;
+    // What counts against the outbox bound: QoS 1/2 publications not yet
+    // acknowledged by the broker, plus requests waiting for the link.
+    std::size_t pendingCount() const;
+
+private:
+    std::shared_ptr<PushConnection> connection_;
+};
+
+#endif // PUSHCLIENT_H

@@ -1,0 +1,588 @@
+#include "pushconnection.h"
+
+#include <mosquitto.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+// How long one mosquitto_loop call may wait for network activity. Requests
+// from other threads wake it at once (libmosquitto signals its own socket
+// pair); this bounds only how late the thread notices close().
+constexpr int kLoopTimeoutMs = 100;
+// An attempt without CONNACK after this long is abandoned (libmosquitto gives
+// up after the keepalive interval, but never when keepalive is 0).
+constexpr auto kConnackTimeout = std::chrono::seconds(30);
+// A link that stayed up this long resets the reconnection delay.
+constexpr auto kStableLink = std::chrono::seconds(10);
+// Time given, after the wait for acknowledgements, to the DISCONNECT and the
+// broker's closing of the connection.
+constexpr auto kDisconnectFlush = std::chrono::milliseconds(250);
+constexpr std::size_t kMaxTopicBytes = 65535;
+constexpr std::size_t kMaxPayloadBytes = 268435455;
+
+void initialiseLibrary()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { mosquitto_lib_init(); });
+}
+
+int toResult(PushResult result)
+{
+    return static_cast<int>(result);
+}
+
+int fromLibrary(int rc)
+{
+    switch (rc) {
+    case MOSQ_ERR_SUCCESS:
+        return toResult(PushResult::Ok);
+    case MOSQ_ERR_NO_CONN:
+        return toResult(PushResult::NotConnected);
+    case MOSQ_ERR_INVAL:
+    case MOSQ_ERR_PAYLOAD_SIZE:
+    case MOSQ_ERR_MALFORMED_UTF8:
+    case MOSQ_ERR_OVERSIZE_PACKET:
+    case MOSQ_ERR_QOS_NOT_SUPPORTED:
+        return toResult(PushResult::InvalidArgument);
+    default:
+        return toResult(PushResult::Failed);
+    }
+}
+
+bool validUtf8(const char* text, std::size_t length)
+{
+    return length <= kMaxTopicBytes && mosquitto_validate_utf8(text, static_cast<int>(length)) == MOSQ_ERR_SUCCESS;
+}
+
+bool validPublishTopic(const char* topic)
+{
+    return topic && *topic && validUtf8(topic, std::strlen(topic)) &&
+           mosquitto_pub_topic_check(topic) == MOSQ_ERR_SUCCESS;
+}
+
+bool validSubscribeTopic(const char* topic)
+{
+    return topic && *topic && validUtf8(topic, std::strlen(topic)) &&
+           mosquitto_sub_topic_check(topic) == MOSQ_ERR_SUCCESS;
+}
+
+// CONNACK codes that another attempt with the same settings cannot fix:
+// unacceptable protocol version, identifier rejected, bad user name or
+// password, not authorised. 3 (server unavailable) is worth retrying.
+bool refusedForGood(int code)
+{
+    return code == 1 || code == 2 || code == 4 || code == 5;
+}
+
+} // namespace
+
+PushConnection::PushConnection(const char* clientId, const PushClientOptions& options)
+    : options_(options),
+      outbox_(options.maxPendingMessages, options.maxPendingBytes),
+      backoff_(options.reconnectDelayMin, options.reconnectDelayMax)
+{
+    initialiseLibrary();
+    if (!clientId || !*clientId || !validUtf8(clientId, std::strlen(clientId)))
+        return;
+    // Clean session off: the broker keeps our subscriptions and queues QoS 1/2
+    // messages for this client id while it is away.
+    mosq_ = mosquitto_new(clientId, false, this);
+    if (!mosq_)
+        return;
+    mosquitto_threaded_set(mosq_, true);
+    mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+    mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_connect_callback_set(mosq_, &PushConnection::onConnect);
+    mosquitto_disconnect_callback_set(mosq_, &PushConnection::onDisconnect);
+    mosquitto_publish_callback_set(mosq_, &PushConnection::onPublish);
+    mosquitto_message_callback_set(mosq_, &PushConnection::onMessage);
+}
+
+PushConnection::~PushConnection()
+{
+    if (thread_.joinable())
+        thread_.detach(); // only when the last owner is the network thread itself
+    if (mosq_)
+        mosquitto_destroy(mosq_);
+}
+
+// --- operations called from any thread --------------------------------------
+
+void PushConnection::setReceiver(PushEventReciever* receiver)
+{
+    if (!closing_)
+        receiver_.store(receiver);
+}
+
+int PushConnection::setWill(const char* topic, const char* payload, int qos)
+{
+    if (!mosq_)
+        return toResult(PushResult::InvalidArgument);
+    Will will;
+    if (topic) {
+        if (!validPublishTopic(topic) || qos < 0 || qos > 2)
+            return toResult(PushResult::InvalidArgument);
+        will.set = true;
+        will.topic = topic;
+        will.payload = payload ? payload : "";
+        will.qos = qos;
+        if (will.payload.size() > kMaxPayloadBytes)
+            return toResult(PushResult::InvalidArgument);
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    will_ = std::move(will);
+    return toResult(PushResult::Ok);
+}
+
+int PushConnection::start(const char* host, int port, int keepalive)
+{
+    if (!mosq_ || !host || !*host || port <= 0 || port > 65535 || keepalive < 0 || keepalive > 65535)
+        return toResult(PushResult::InvalidArgument);
+    if (keepalive > 0 && keepalive < 5)
+        keepalive = 5;
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closing_)
+        return toResult(PushResult::Failed);
+    target_ = Target{host, port, keepalive};
+    if (link_ == Link::Idle || link_ == Link::Refused) {
+        backoff_.reset();
+        link_ = Link::Waiting;
+    }
+    if (link_ == Link::Waiting)
+        nextAttempt_ = Clock::now();
+    if (!thread_.joinable()) {
+        thread_ = std::thread([self = shared_from_this()]() mutable {
+            self->run();
+            self.reset(); // may destroy this object, on this thread
+        });
+    }
+    wake_.notify_all();
+    return toResult(PushResult::Ok);
+}
+
+int PushConnection::publish(const char* topic, const char* payload, int qos)
+{
+    if (!mosq_ || !validPublishTopic(topic) || qos < 0 || qos > 2)
+        return toResult(PushResult::InvalidArgument);
+    const std::size_t length = payload ? std::strlen(payload) : 0;
+    if (length > kMaxPayloadBytes)
+        return toResult(PushResult::InvalidArgument);
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closing_)
+        return toResult(PushResult::Failed);
+    if (qos == 0) {
+        if (link_ != Link::Online)
+            return toResult(PushResult::NotConnected);
+        return fromLibrary(mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(length), payload, 0, false));
+    }
+
+    const std::size_t size = std::strlen(topic) + length;
+    if (!outbox_.hasRoomFor(size))
+        return toResult(PushResult::OutboxFull);
+    if (link_ != Link::Online) {
+        outbox_.enqueue({PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos});
+        return toResult(PushResult::Ok);
+    }
+    int mid = 0;
+    const int rc = mosquitto_publish(mosq_, &mid, topic, static_cast<int>(length), payload, qos, false);
+    // NO_CONN here means the link dropped and we have not processed it yet:
+    // libmosquitto still keeps the message and resends it after reconnecting,
+    // so it is accepted, and must not be queued a second time.
+    if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
+        outbox_.trackInFlight(mid, size);
+        return toResult(PushResult::Ok);
+    }
+    return fromLibrary(rc);
+}
+
+int PushConnection::subscribe(const char* topic)
+{
+    if (!mosq_ || !validSubscribeTopic(topic))
+        return toResult(PushResult::InvalidArgument);
+    return request({PushOutbox::Request::Kind::Subscribe, topic, std::string(), 2});
+}
+
+int PushConnection::unsubscribe(const char* topic)
+{
+    if (!mosq_ || !validSubscribeTopic(topic))
+        return toResult(PushResult::InvalidArgument);
+    return request({PushOutbox::Request::Kind::Unsubscribe, topic, std::string(), 0});
+}
+
+int PushConnection::request(PushOutbox::Request request)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closing_)
+        return toResult(PushResult::Failed);
+    if (link_ == Link::Online) {
+        const char* topic = request.topic.c_str();
+        const int rc = request.kind == PushOutbox::Request::Kind::Subscribe
+                           ? mosquitto_subscribe(mosq_, nullptr, topic, 2)
+                           : mosquitto_unsubscribe(mosq_, nullptr, topic);
+        if (rc != MOSQ_ERR_NO_CONN) // libmosquitto does not keep these: queue them
+            return fromLibrary(rc);
+    }
+    return outbox_.enqueue(std::move(request)) ? toResult(PushResult::Ok) : toResult(PushResult::OutboxFull);
+}
+
+PushClient::State PushConnection::state() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    switch (link_) {
+    case Link::Idle:
+        return PushClient::State::Idle;
+    case Link::Online:
+        return PushClient::State::Online;
+    case Link::Refused:
+        return PushClient::State::Refused;
+    case Link::Waiting:
+    case Link::Connecting:
+        break;
+    }
+    return PushClient::State::Connecting;
+}
+
+std::size_t PushConnection::pendingCount() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return outbox_.count();
+}
+
+void PushConnection::close()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        closing_ = true;
+        receiver_.store(nullptr);
+    }
+    wake_.notify_all();
+    if (!thread_.joinable())
+        return;
+    if (thread_.get_id() == std::this_thread::get_id())
+        thread_.detach();
+    else
+        thread_.join();
+}
+
+// --- libmosquitto callbacks (inside mosquitto_loop, library locks held) -----
+
+void PushConnection::onConnect(mosquitto*, void* self, int code)
+{
+    static_cast<PushConnection*>(self)->record({Event::Kind::Connack, code, {}, {}});
+}
+
+void PushConnection::onDisconnect(mosquitto*, void* self, int reason)
+{
+    static_cast<PushConnection*>(self)->record({Event::Kind::Disconnected, reason, {}, {}});
+}
+
+void PushConnection::onPublish(mosquitto*, void* self, int mid)
+{
+    static_cast<PushConnection*>(self)->record({Event::Kind::Published, mid, {}, {}});
+}
+
+void PushConnection::onMessage(mosquitto*, void* self, const mosquitto_message* message)
+{
+    Event event{Event::Kind::Message, message->mid, message->topic ? message->topic : "", {}};
+    if (message->payload && message->payloadlen > 0)
+        event.payload.assign(static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen));
+    event.qos = message->qos;
+    event.retain = message->retain;
+    static_cast<PushConnection*>(self)->record(std::move(event));
+}
+
+void PushConnection::record(Event event)
+{
+    std::lock_guard<std::mutex> lock(eventMutex_);
+    events_.push_back(std::move(event));
+}
+
+// --- network thread ----------------------------------------------------------
+
+void PushConnection::run()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!closing_) {
+        switch (link_) {
+        case Link::Idle:
+        case Link::Refused:
+            wake_.wait(lock);
+            break;
+        case Link::Waiting:
+            if (Clock::now() < nextAttempt_) {
+                wake_.wait_until(lock, nextAttempt_);
+            } else {
+                lock.unlock();
+                attemptConnection();
+                lock.lock();
+            }
+            break;
+        case Link::Connecting:
+        case Link::Online: {
+            lock.unlock();
+            const int rc = mosquitto_loop(mosq_, kLoopTimeoutMs, 1);
+            processEvents();
+            lock.lock();
+            const bool unanswered = link_ == Link::Connecting && Clock::now() - attemptStartedAt_ > kConnackTimeout;
+            if (rc != MOSQ_ERR_SUCCESS || unanswered) {
+                lock.unlock();
+                handleLinkDown(); // the next attempt replaces the socket
+                lock.lock();
+            }
+            break;
+        }
+        }
+    }
+    lock.unlock();
+    shutdown();
+}
+
+void PushConnection::attemptConnection()
+{
+    Target target;
+    Will will;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        target = target_;
+        will = will_;
+        link_ = Link::Connecting;
+        attemptStartedAt_ = Clock::now();
+    }
+    // Only this thread touches the handle while the link is not online.
+    if (will.set)
+        mosquitto_will_set(mosq_, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(),
+                           will.qos, false);
+    else
+        mosquitto_will_clear(mosq_);
+    // Deployment settings (TLS, credentials) are applied here, before CONNECT.
+    const int rc = mosquitto_connect_async(mosq_, target.host.c_str(), target.port, target.keepalive);
+    if (rc != MOSQ_ERR_SUCCESS)
+        handleLinkDown();
+}
+
+void PushConnection::processEvents()
+{
+    {
+        std::lock_guard<std::mutex> lock(eventMutex_);
+        batch_.swap(events_);
+    }
+    if (batch_.empty())
+        return;
+
+    const bool anyAck = std::any_of(batch_.begin(), batch_.end(),
+                                    [](const Event& e) { return e.kind == Event::Kind::Published; });
+    if (anyAck) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const Event& event : batch_) {
+            if (event.kind == Event::Kind::Published)
+                outbox_.acknowledge(event.code);
+        }
+    }
+    for (Event& event : batch_) {
+        switch (event.kind) {
+        case Event::Kind::Connack:
+            handleConnack(event.code);
+            break;
+        case Event::Kind::Disconnected:
+            handleLinkDown();
+            break;
+        case Event::Kind::Message:
+            deliver(event);
+            break;
+        case Event::Kind::Published:
+            break;
+        }
+    }
+    batch_.clear();
+}
+
+void PushConnection::handleConnack(int code)
+{
+    if (code == 0) {
+        bool online = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (closing_ || link_ != Link::Connecting)
+                return;
+            online = drainOutboxLocked();
+            if (online) {
+                link_ = Link::Online;
+                connectedAt_ = Clock::now();
+            }
+        }
+        if (online)
+            report(true);
+        return;
+    }
+    if (!refusedForGood(code)) {
+        handleLinkDown();
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closing_ || link_ != Link::Connecting)
+            return;
+        link_ = Link::Refused;
+    }
+    report(false);
+}
+
+// Sends what waited for the link, oldest first; libmosquitto has already
+// queued its own resends, which are older still. Returns false if the link
+// died meanwhile: what is left stays queued, ahead of anything newer.
+bool PushConnection::drainOutboxLocked()
+{
+    while (outbox_.hasQueued()) {
+        const PushOutbox::Request& next = outbox_.front();
+        const char* topic = next.topic.c_str();
+        int mid = 0;
+        int rc = MOSQ_ERR_SUCCESS;
+        switch (next.kind) {
+        case PushOutbox::Request::Kind::Publish:
+            rc = mosquitto_publish(mosq_, &mid, topic, static_cast<int>(next.payload.size()), next.payload.data(),
+                                   next.qos, false);
+            if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
+                const std::size_t size = PushOutbox::sizeOf(next);
+                outbox_.popFront();
+                outbox_.trackInFlight(mid, size); // libmosquitto holds it now
+                if (rc == MOSQ_ERR_NO_CONN)
+                    return false;
+                continue;
+            }
+            break;
+        case PushOutbox::Request::Kind::Subscribe:
+            rc = mosquitto_subscribe(mosq_, nullptr, topic, next.qos);
+            break;
+        case PushOutbox::Request::Kind::Unsubscribe:
+            rc = mosquitto_unsubscribe(mosq_, nullptr, topic);
+            break;
+        }
+        if (rc == MOSQ_ERR_NO_CONN)
+            return false;
+        outbox_.popFront(); // sent, or refused for good by libmosquitto
+    }
+    return true;
+}
+
+void PushConnection::handleLinkDown()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (link_ != Link::Connecting && link_ != Link::Online)
+            return;
+        if (closing_) {
+            link_ = Link::Idle;
+            return;
+        }
+        const auto now = Clock::now();
+        if (link_ == Link::Online && now - connectedAt_ >= kStableLink)
+            backoff_.reset();
+        link_ = Link::Waiting;
+        nextAttempt_ = now + backoff_.next();
+    }
+    report(false);
+}
+
+void PushConnection::deliver(Event& message)
+{
+    if (closing_)
+        return;
+    if (PushEventReciever* receiver = receiver_.load()) {
+        receiver->messgeRecievedMore(message.code, message.topic.data(), message.payload.data(),
+                                     static_cast<int>(message.payload.size()), message.qos, message.retain);
+    }
+}
+
+void PushConnection::report(bool connected)
+{
+    const Report now = connected ? Report::Online : Report::Offline;
+    if (closing_ || lastReport_ == now)
+        return;
+    lastReport_ = now;
+    if (PushEventReciever* receiver = receiver_.load())
+        receiver->connectStatus(connected);
+}
+
+// Runs on the network thread once close() was called: lets pending QoS 1/2
+// publications be acknowledged (bounded by closeTimeout), then disconnects
+// cleanly so the broker drops the will.
+void PushConnection::shutdown()
+{
+    const auto deadline = Clock::now() + options_.closeTimeout;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (link_ != Link::Online || !outbox_.hasInFlight())
+                break;
+        }
+        if (Clock::now() >= deadline)
+            break;
+        const int rc = mosquitto_loop(mosq_, 20, 1);
+        processEvents();
+        if (rc != MOSQ_ERR_SUCCESS) {
+            handleLinkDown();
+            break;
+        }
+    }
+
+    bool linked = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        linked = link_ == Link::Online || link_ == Link::Connecting;
+        link_ = Link::Idle;
+    }
+    if (linked)
+        disconnectCleanly(Clock::now() + kDisconnectFlush);
+    std::lock_guard<std::mutex> lock(eventMutex_);
+    events_.clear();
+}
+
+// Sends DISCONNECT so that the broker drops the will, without letting a
+// message still arriving spoil it:
+//  - once disconnecting, libmosquitto takes any packet it reads as a protocol
+//    error and drops the socket without sending DISCONNECT: so only write;
+//  - libmosquitto closes its socket right after writing DISCONNECT, and the
+//    broker, still writing to us, would then get a reset and may drop the
+//    connection (and publish the will) before reading the DISCONNECT: so keep
+//    a duplicate of the socket open, half-close it after the DISCONNECT, and
+//    read until the broker closes its side.
+void PushConnection::disconnectCleanly(Clock::time_point limit)
+{
+    while (Clock::now() < limit && mosquitto_want_write(mosq_)) {
+        if (mosquitto_loop(mosq_, 20, 1) != MOSQ_ERR_SUCCESS)
+            return;
+    }
+    const int socket = mosquitto_socket(mosq_);
+    if (socket < 0)
+        return;
+    const int held = ::dup(socket);
+    if (mosquitto_disconnect(mosq_) == MOSQ_ERR_SUCCESS) {
+        while (Clock::now() < limit && mosquitto_loop_write(mosq_, 1) == MOSQ_ERR_SUCCESS) {
+            pollfd writable{mosquitto_socket(mosq_), POLLOUT, 0};
+            if (writable.fd < 0)
+                break; // DISCONNECT written, libmosquitto closed its descriptor
+            ::poll(&writable, 1, 20);
+        }
+    }
+    if (held < 0)
+        return;
+    ::shutdown(held, SHUT_WR);
+    char scratch[4096];
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit - Clock::now()).count();
+        pollfd readable{held, POLLIN, 0};
+        if (left <= 0 || ::poll(&readable, 1, static_cast<int>(left)) <= 0)
+            break;
+        if (::recv(held, scratch, sizeof scratch, 0) <= 0)
+            break; // the broker closed its side
+    }
+    ::close(held);
+}

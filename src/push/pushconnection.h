@@ -1,0 +1,134 @@
+#ifndef PUSHCONNECTION_H
+#define PUSHCONNECTION_H
+
+#include "pushbackoff.h"
+#include "pushclient.h"
+#include "pushoutbox.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct mosquitto;
+struct mosquitto_message;
+
+// The machinery behind PushClient: one libmosquitto handle driven by a
+// network thread of our own with mosquitto_loop (libmosquitto's own loop
+// thread and reconnect logic are not used). libmosquitto's callbacks only
+// record events; the network thread acts on them and calls the receiver after
+// mosquitto_loop has returned, so no libmosquitto lock is held during a
+// receiver callback.
+//
+// Locking: mutex_ guards the link state, target, will and outbox, and is held
+// across every call that hands a request to libmosquitto (so requests keep
+// their order). eventMutex_ guards only the recorded events and is the one
+// lock taken inside libmosquitto callbacks; nothing is called while holding
+// it. Neither is held while a receiver callback runs.
+//
+// The network thread keeps a shared_ptr to this object, so it can finish a
+// clean disconnect on its own when the client is destroyed from a callback.
+class PushConnection : public std::enable_shared_from_this<PushConnection>
+{
+public:
+    PushConnection(const char* clientId, const PushClientOptions& options);
+    ~PushConnection();
+    PushConnection(const PushConnection&) = delete;
+    PushConnection& operator=(const PushConnection&) = delete;
+
+    void setReceiver(PushEventReciever* receiver);
+    int setWill(const char* topic, const char* payload, int qos);
+    int start(const char* host, int port, int keepalive);
+    int publish(const char* topic, const char* payload, int qos);
+    int subscribe(const char* topic);
+    int unsubscribe(const char* topic);
+    PushClient::State state() const;
+    std::size_t pendingCount() const;
+
+    // No receiver callback starts after this. Joins the network thread, or,
+    // when called on that thread (from a callback), leaves it to finish and
+    // exit by itself.
+    void close();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    enum class Link { Idle, Waiting, Connecting, Online, Refused };
+    enum class Report { None, Online, Offline };
+
+    struct Event
+    {
+        enum class Kind { Connack, Disconnected, Message, Published };
+        Kind kind;
+        int code; // CONNACK code, disconnect reason or message id
+        std::string topic;
+        std::string payload;
+        int qos = 0;
+        bool retain = false;
+    };
+
+    struct Target
+    {
+        std::string host;
+        int port = 0;
+        int keepalive = 0;
+    };
+
+    struct Will
+    {
+        bool set = false;
+        std::string topic;
+        std::string payload;
+        int qos = 0;
+    };
+
+    static void onConnect(mosquitto*, void* self, int code);
+    static void onDisconnect(mosquitto*, void* self, int reason);
+    static void onPublish(mosquitto*, void* self, int mid);
+    static void onMessage(mosquitto*, void* self, const mosquitto_message* message);
+    void record(Event event);
+
+    // Network thread.
+    void run();
+    void attemptConnection();
+    void processEvents();
+    void handleConnack(int code);
+    void handleLinkDown();
+    bool drainOutboxLocked();
+    int request(PushOutbox::Request request);
+    void deliver(Event& message);
+    void report(bool connected);
+    void shutdown();
+    void disconnectCleanly(Clock::time_point limit);
+
+    const PushClientOptions options_;
+    mosquitto* mosq_ = nullptr;
+    std::atomic<PushEventReciever*> receiver_{nullptr};
+    std::atomic<bool> closing_{false};
+
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;
+    Link link_ = Link::Idle;
+    Target target_;
+    Will will_;
+    PushOutbox outbox_;
+    PushBackoff backoff_;
+    Clock::time_point nextAttempt_;
+    Clock::time_point connectedAt_;
+    Clock::time_point attemptStartedAt_;
+    std::thread thread_;
+
+    std::mutex eventMutex_;
+    std::vector<Event> events_;
+
+    // Network thread only.
+    std::vector<Event> batch_;
+    Report lastReport_ = Report::None;
+};
+
+#endif // PUSHCONNECTION_H

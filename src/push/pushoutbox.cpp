@@ -1,0 +1,62 @@
+#include "pushoutbox.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+// MQTT message ids are 16 bits; stay well clear of a wrap-around while a
+// tracked id is still waiting for its acknowledgement.
+constexpr std::size_t kMaxTrackedMessages = 65000;
+} // namespace
+
+PushOutbox::PushOutbox(std::size_t maxMessages, std::size_t maxBytes)
+    : maxMessages_(std::min(maxMessages, kMaxTrackedMessages)), maxBytes_(maxBytes)
+{
+}
+
+bool PushOutbox::hasRoomFor(std::size_t bytes) const
+{
+    return count() < maxMessages_ && bytes <= maxBytes_ && bytes_ <= maxBytes_ - bytes;
+}
+
+bool PushOutbox::enqueue(Request request)
+{
+    const std::size_t size = sizeOf(request);
+    if (!hasRoomFor(size))
+        return false;
+    bytes_ += size;
+    queued_.push_back(std::move(request));
+    return true;
+}
+
+void PushOutbox::popFront()
+{
+    bytes_ -= sizeOf(queued_.front());
+    queued_.pop_front();
+}
+
+void PushOutbox::clearQueued()
+{
+    while (!queued_.empty())
+        popFront();
+}
+
+void PushOutbox::trackInFlight(int mid, std::size_t bytes)
+{
+    auto [it, inserted] = inFlight_.emplace(mid, bytes);
+    if (!inserted) {
+        // Same id still tracked: the old one can no longer be told apart.
+        bytes_ -= it->second;
+        it->second = bytes;
+    }
+    bytes_ += bytes;
+}
+
+void PushOutbox::acknowledge(int mid)
+{
+    auto it = inFlight_.find(mid);
+    if (it == inFlight_.end())
+        return;
+    bytes_ -= it->second;
+    inFlight_.erase(it);
+}

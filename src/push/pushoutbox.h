@@ -1,0 +1,61 @@
+#ifndef PUSHOUTBOX_H
+#define PUSHOUTBOX_H
+
+#include <cstddef>
+#include <deque>
+#include <string>
+#include <unordered_map>
+
+// What a client has accepted and the broker has not yet confirmed:
+//  - requests made while the link is down, kept in order until the next
+//    CONNACK;
+//  - QoS 1/2 publications handed to libmosquitto, by message id, until their
+//    PUBACK/PUBCOMP (libmosquitto keeps and resends those itself).
+// Both count against one bound in messages and in bytes (topic + payload).
+// Not thread-safe: the owner guards it.
+class PushOutbox
+{
+public:
+    struct Request
+    {
+        enum class Kind { Publish, Subscribe, Unsubscribe };
+        Kind kind;
+        std::string topic;
+        std::string payload;
+        int qos;
+    };
+
+    PushOutbox(std::size_t maxMessages, std::size_t maxBytes);
+
+    bool hasRoomFor(std::size_t bytes) const;
+    // Queues a request for the next connection; false (nothing queued) when
+    // the bound would be exceeded.
+    bool enqueue(Request request);
+    bool hasQueued() const { return !queued_.empty(); }
+    const Request& front() const { return queued_.front(); }
+    void popFront();
+    void clearQueued();
+
+    // A QoS 1/2 publication libmosquitto now holds under this message id.
+    void trackInFlight(int mid, std::size_t bytes);
+    // Broker acknowledged mid; unknown ids (QoS 0) are ignored.
+    void acknowledge(int mid);
+    bool hasInFlight() const { return !inFlight_.empty(); }
+
+    std::size_t count() const { return queued_.size() + inFlight_.size(); }
+    std::size_t bytes() const { return bytes_; }
+
+    static std::size_t sizeOf(const Request& request)
+    {
+        return request.topic.size() + request.payload.size();
+    }
+
+private:
+    std::size_t maxMessages_;
+    std::size_t maxBytes_;
+    std::size_t bytes_ = 0;
+    std::deque<Request> queued_;
+    std::unordered_map<int, std::size_t> inFlight_;
+};
+
+#endif // PUSHOUTBOX_H

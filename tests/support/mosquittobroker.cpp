@@ -1,0 +1,227 @@
+#include "mosquittobroker.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int freeLoopbackPort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0)
+        return 0;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    int port = 0;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+        port = ntohs(address.sin_port);
+    ::close(fd);
+    return port;
+}
+
+bool portAccepts(int port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0)
+        return false;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return ok;
+}
+
+// Runs a program, its output appended to logPath; returns its pid or -1.
+pid_t spawn(const std::vector<std::string>& argv, const std::string& logPath)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    std::vector<char*> args;
+    for (const std::string& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = -1;
+    const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return rc == 0 ? pid : -1;
+}
+
+// Waits for pid to end, up to timeout; true if it did (and was reaped).
+bool reap(pid_t pid, std::chrono::milliseconds timeout, int* status)
+{
+    const auto limit = Clock::now() + timeout;
+    for (;;) {
+        const pid_t done = ::waitpid(pid, status, WNOHANG);
+        if (done == pid || (done < 0 && errno == ECHILD))
+            return true;
+        if (Clock::now() >= limit)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+} // namespace
+
+MosquittoBroker::MosquittoBroker() : MosquittoBroker(Options()) {}
+
+MosquittoBroker::MosquittoBroker(Options options) : options_(std::move(options)) {}
+
+MosquittoBroker::~MosquittoBroker()
+{
+    stop();
+    if (!dir_.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+}
+
+bool MosquittoBroker::start()
+{
+    if (running())
+        return true;
+    if (dir_.empty() && !prepareDirectory())
+        return false;
+    if (port_ != 0)
+        return launch();
+    // The free port is only free until someone takes it: try a few.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        port_ = freeLoopbackPort();
+        if (port_ != 0 && launch())
+            return true;
+    }
+    port_ = 0;
+    return false;
+}
+
+void MosquittoBroker::stop()
+{
+    if (!running())
+        return;
+    int status = 0;
+    ::kill(pid_, SIGTERM);
+    if (!reap(pid_, std::chrono::seconds(5), &status)) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
+}
+
+bool MosquittoBroker::restart()
+{
+    stop();
+    return start();
+}
+
+std::string MosquittoBroker::log() const
+{
+    std::ifstream in(dir_ + "/mosquitto.log");
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool MosquittoBroker::prepareDirectory()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "pushchat-broker-XXXXXX").string();
+    if (!::mkdtemp(pattern.data()))
+        return false;
+    dir_ = pattern;
+    return options_.users.empty() || writePasswordFile();
+}
+
+bool MosquittoBroker::writeConfig() const
+{
+    std::ofstream out(dir_ + "/mosquitto.conf");
+    out << "listener " << port_ << " 127.0.0.1\n"
+        << "allow_anonymous " << (options_.allowAnonymous ? "true" : "false") << "\n"
+        << "set_tcp_nodelay true\n"
+        << "max_queued_messages 100000\n"
+        << "log_dest stderr\n"
+        << "log_type error\nlog_type warning\nlog_type notice\nlog_type information\n"
+        << "log_timestamp_format %H:%M:%S\n";
+    // As root, mosquitto switches to the "mosquitto" user unless told to stay;
+    // that user could not write into our directory.
+    if (::geteuid() == 0)
+        out << "user root\n";
+    if (!options_.users.empty())
+        out << "password_file " << dir_ << "/passwords\n";
+    if (options_.persistence)
+        out << "persistence true\npersistence_location " << dir_ << "/\n";
+    out << options_.extraConfig << "\n";
+    return static_cast<bool>(out.flush());
+}
+
+bool MosquittoBroker::writePasswordFile() const
+{
+    const std::string path = dir_ + "/passwords";
+    {
+        std::ofstream out(path);
+        for (const auto& [user, password] : options_.users)
+            out << user << ":" << password << "\n";
+        if (!out.flush())
+            return false;
+    }
+    // Hash the plain-text file in place.
+    const pid_t pid = spawn({"mosquitto_passwd", "-U", path}, dir_ + "/mosquitto.log");
+    int status = 0;
+    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool MosquittoBroker::launch()
+{
+    if (!writeConfig())
+        return false;
+    // The broker logs this once it listens; counting it tells our broker from
+    // another process that might hold the port.
+    const auto listening = [this] {
+        const std::string text = log();
+        std::size_t count = 0;
+        for (std::size_t at = text.find(" running"); at != std::string::npos; at = text.find(" running", at + 1))
+            ++count;
+        return count;
+    };
+    const std::size_t before = listening();
+    pid_ = spawn({"mosquitto", "-c", dir_ + "/mosquitto.conf"}, dir_ + "/mosquitto.log");
+    if (pid_ <= 0) {
+        pid_ = -1;
+        return false;
+    }
+    const auto limit = Clock::now() + std::chrono::seconds(5);
+    while (Clock::now() < limit) {
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) == pid_) { // exited: port taken or bad config
+            pid_ = -1;
+            return false;
+        }
+        if (listening() > before && portAccepts(port_))
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    stop();
+    return false;
+}

@@ -33,12 +33,11 @@ public:
 const QString kFrom = QStringLiteral("alice@im.example.org");
 const QString kTo = QStringLiteral("bob@im.example.org");
 
-// A chat body that makes the whole JSON envelope about 300 bytes.
+// A chat body that makes the whole JSON envelope 300 bytes.
 QString chatBody()
 {
     return QString::fromUtf8("Hello Bob, the build is green again; the numbers from last night's run are "
-                             "in the shared folder. Let me know when you have looked at the receive "
-                             "path figures, then we can decide on the release. 周一见!");
+                             "in the shared folder. Let me know when you have looked at them. 周一见!");
 }
 
 void sendMessage(MQTTMessage &out)

@@ -11,6 +11,9 @@ namespace {
 constexpr quint32 kLargestClaim = (1u << 31u) - 24u;
 // No zlib stream of n bytes inflates to more than about 1032 * n bytes.
 constexpr qint64 kMaxRatio = 1032;
+// Room past the expected end: zlib decodes with its fast loop only while at
+// least 258 bytes of output space are left.
+constexpr qint64 kSlack = 512;
 
 QByteArray viaQUncompress(const char *data, int size)
 {
@@ -45,7 +48,7 @@ QByteArray Inflater::uncompress(const char *data, int size)
         return QByteArray();
 
     const qint64 bound = qint64(size - 4) * kMaxRatio + kMaxRatio;
-    qint64 capacity = std::max<qint64>(1, std::min<qint64>(claim, bound));
+    qint64 capacity = std::min<qint64>(claim, bound) + kSlack;
     QByteArray out(int(capacity), Qt::Uninitialized);
 
     inflateReset(&stream_);
@@ -55,7 +58,9 @@ QByteArray Inflater::uncompress(const char *data, int size)
     for (;;) {
         stream_.next_out = reinterpret_cast<Bytef *>(out.data() + produced);
         stream_.avail_out = uInt(capacity - produced);
-        const int result = inflate(&stream_, Z_NO_FLUSH);
+        // Z_FINISH: when the data fits, inflate skips copying it into its
+        // window; when it does not, the loop grows the buffer and goes on.
+        const int result = inflate(&stream_, Z_FINISH);
         produced = capacity - stream_.avail_out;
         if (result == Z_STREAM_END)
             break;

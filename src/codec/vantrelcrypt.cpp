@@ -1,5 +1,6 @@
 #include "vantrelcrypt.h"
 
+#include "base64.h"
 #include "crc16.h"
 #include "deflater.h"
 #include "inflater.h"
@@ -261,7 +262,8 @@ QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher)
 
 QByteArray VantrelCrypt::decryptToByteArray(const QString &cypher)
 {
-    return decryptToByteArray(QByteArray::fromBase64(cypher.toLatin1()));
+    const QByteArray text = cypher.toLatin1();
+    return decryptToByteArray(Base64::decode(text.constData(), text.size()));
 }
 
 QString VantrelCrypt::decryptToString(QByteArray cypher)

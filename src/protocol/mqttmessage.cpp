@@ -2,6 +2,7 @@
 
 #include "mqttmessage.h"
 
+#include "base64.h"
 #include "compactjson.h"
 #include "jsonkeycheck.h"
 #include "protocollog.h"
@@ -171,7 +172,7 @@ bool MQTTMessage::parseMessage(const char *data)
     } else {
         VantrelCrypt crypt(key);
         const QByteArray plain =
-            crypt.decryptToByteArray(QByteArray::fromBase64(QByteArray::fromRawData(rest, int(std::strlen(rest)))));
+            crypt.decryptToByteArray(Base64::decode(rest, int(std::strlen(rest))));
         if (!plain.isNull())
             text = plain;
         encrypted = true;

@@ -16,6 +16,8 @@
 // Text: topics and JIDs are byte strings. The parser keeps their bytes as
 // they are, so a UTF-8 JID in a topic comes out as the same UTF-8 bytes.
 
+#include "groupsubcmd.h"
+
 #include <QString>
 
 #include <cstdarg>
@@ -57,19 +59,8 @@ enum ProtocolCode : int {
     RemoteDesktopINFO = 11,
     HistoryCMD = 12,
     HistoryINFO = 13,
-    // groupCMDProtocolHead
+    // groupCMDProtocolHead: its rows are the GroupSubCmd values
     GroupSub_MAX = 11,
-    GroupSub_Create = 10,
-    GroupSub_Release = 11,
-    GroupSub_Invite = 12,
-    GroupSub_Kick = 13,
-    GroupSub_SetGroupName = 14,
-    GroupSub_Exit = 15,
-    GroupSub_Query = 16,
-    GroupSub_Join = 17,
-    GroupSub_SetRoomCreater = 18,
-    GroupSub_Refresh = 19,
-    GroupSub_Modify_Type = 20,
     // groupInfoProtocolHead
     SubInfo_MAX = 2,
     SubInfo_CMD_RESPONSE = 20,

@@ -10,45 +10,46 @@
 //
 // The 28 operations occupy virtual slots 0 to 27 in declaration order, so
 // the destructor is not virtual: implementations are never deleted through
-// this interface.
+// this interface. Each operation does nothing by default: a handler set
+// that leaves one alone ignores that command.
 
 class MQTTMessage;
 
 class MQTTProtocolMatchCallback {
 public:
     // Group rooms.
-    virtual void SysGroupCreated(MQTTMessage *msg) = 0;
-    virtual void SysGroupReleased(MQTTMessage *msg) = 0;
-    virtual void SysGroupInvited(MQTTMessage *msg) = 0;
-    virtual void SysGroupKicked(MQTTMessage *msg) = 0;
-    virtual void SysGroupNameChanged(MQTTMessage *msg) = 0;
-    virtual void SysGroupExited(MQTTMessage *msg) = 0;
-    virtual void SysGroupQueryed(MQTTMessage *msg) = 0;
-    virtual void SysGroupJoined(MQTTMessage *msg) = 0;
-    virtual void SysGroupRefreshed(MQTTMessage *msg) = 0;
-    virtual void SysGroupSetCreater(MQTTMessage *msg) = 0;
-    virtual void SysGroupModifyType(MQTTMessage *msg) = 0;
+    virtual void SysGroupCreated(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupReleased(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupInvited(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupKicked(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupNameChanged(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupExited(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupQueryed(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupJoined(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupRefreshed(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupSetCreater(MQTTMessage *msg) { (void)msg; }
+    virtual void SysGroupModifyType(MQTTMessage *msg) { (void)msg; }
     // Chat messages.
-    virtual void messageReceive(MQTTMessage *msg) = 0;
-    virtual void messagePresenceIn(MQTTMessage *msg) = 0;
-    virtual void messageModifyStatus(MQTTMessage *msg) = 0;
-    virtual void messageModifyClientStatus(MQTTMessage *msg) = 0;
+    virtual void messageReceive(MQTTMessage *msg) { (void)msg; }
+    virtual void messagePresenceIn(MQTTMessage *msg) { (void)msg; }
+    virtual void messageModifyStatus(MQTTMessage *msg) { (void)msg; }
+    virtual void messageModifyClientStatus(MQTTMessage *msg) { (void)msg; }
     // Friends.
-    virtual void FriendAdded(MQTTMessage *msg) = 0;
-    virtual void FriendAccepted(MQTTMessage *msg) = 0;
-    virtual void FriendDeleted(MQTTMessage *msg) = 0;
-    virtual void FriendListRequest(MQTTMessage *msg) = 0;
-    virtual void FriendListIncoming(MQTTMessage *msg) = 0;
-    virtual void setFriendPropoties(MQTTMessage *msg) = 0;
+    virtual void FriendAdded(MQTTMessage *msg) { (void)msg; }
+    virtual void FriendAccepted(MQTTMessage *msg) { (void)msg; }
+    virtual void FriendDeleted(MQTTMessage *msg) { (void)msg; }
+    virtual void FriendListRequest(MQTTMessage *msg) { (void)msg; }
+    virtual void FriendListIncoming(MQTTMessage *msg) { (void)msg; }
+    virtual void setFriendPropoties(MQTTMessage *msg) { (void)msg; }
     // Remote desktop.
-    virtual void RemoteDesktopControlRequest(MQTTMessage *msg) = 0;
-    virtual void RemoteDesktopControlResponse(MQTTMessage *msg) = 0;
-    virtual void RemoteDesktopBeControlRequest(MQTTMessage *msg) = 0;
-    virtual void RemoteDesktopBeControlResponse(MQTTMessage *msg) = 0;
+    virtual void RemoteDesktopControlRequest(MQTTMessage *msg) { (void)msg; }
+    virtual void RemoteDesktopControlResponse(MQTTMessage *msg) { (void)msg; }
+    virtual void RemoteDesktopBeControlRequest(MQTTMessage *msg) { (void)msg; }
+    virtual void RemoteDesktopBeControlResponse(MQTTMessage *msg) { (void)msg; }
     // History.
-    virtual void historyMessageResponse(MQTTMessage *msg) = 0;
-    virtual void historyMessageConvResonse(MQTTMessage *msg) = 0;
-    virtual void historyMessageConvDetailResonse(MQTTMessage *msg) = 0;
+    virtual void historyMessageResponse(MQTTMessage *msg) { (void)msg; }
+    virtual void historyMessageConvResonse(MQTTMessage *msg) { (void)msg; }
+    virtual void historyMessageConvDetailResonse(MQTTMessage *msg) { (void)msg; }
 
 protected:
     ~MQTTProtocolMatchCallback() = default;

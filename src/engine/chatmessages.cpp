@@ -1,0 +1,112 @@
+// Chat: sending messages, notices, locations and status changes, and the
+// handlers of incoming chat messages, presence and status notifications.
+
+#include "messageprivate.h"
+
+#include "enginelog.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+namespace {
+
+constexpr const char *kLocationPrefix = "LOCATION/";
+
+QString text(const std::string &utf8)
+{
+    return QString::fromStdString(utf8);
+}
+
+} // namespace
+
+int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel, QString body,
+                                      MESSAGE_BODY_TYPE bodyType, bool toRoom, QString messageKey, QString stamp)
+{
+    Q_UNUSED(ignored) // the sender is always the logged-in user
+    const QString target = completeJid(to);
+    const bool notice = bodyType == BODY_TYPE_NOTICE;
+
+    MQTTMessage msg(pushClient, true);
+    msg.setSysProtocol(target.toUtf8().constData(), 2, MESSAGE_INFO, MESSAGE_NORMAL);
+    if (!msg.fromText(text(jid), target, body,
+                      toRoom ? MediaInfo::MESSAGE_TYPE_GROUPCHAT : MediaInfo::MESSAGE_TYPE_CHAT,
+                      notice ? SECURITY_LEVEL_UNRESTRICTED : secLevel, bodyType, messageKey, stamp))
+        return 0;
+    if (notice) {
+        msg.protocol.topic = NOTICE_TOPIC;
+        msg.topicText = NOTICE_TOPIC;
+        PUSHCHAT_ENGINE_LOG("MessagePrivate") << "sendTopic:" << NOTICE_TOPIC;
+    }
+    return msg.send(2) ? 1 : 0;
+}
+
+int MessagePrivate::sendLocation(QString target, QString first, QString second)
+{
+    const QByteArray topic = QByteArray(kLocationPrefix) + target.toUtf8();
+    const QByteArray payload = (first + QLatin1Char(':') + second).toUtf8();
+    if (pushClient == nullptr || closing)
+        return 0;
+    // Raw text, no envelope; the push client reports success with 0.
+    return pushClient->publish(topic.constData(), payload.constData(), 0, false) == 0 ? 1 : 0;
+}
+
+int MessagePrivate::modifyMessageStatus(QString uuid, MSG_STATUS status)
+{
+    modifyMessageStatusRun(std::move(uuid), status);
+    return 1;
+}
+
+void MessagePrivate::modifyMessageStatusRun(QString uuid, MSG_STATUS status)
+{
+    MQTTMessage msg(pushClient, true);
+    const bool built = msg.setSysProtocol(serverJidText().c_str(), 2, MESSAGE_INFO, MESSAGE_MODYFY_STATUS);
+    PUSHCHAT_ENGINE_LOG("modifyMessageStatus") << "uuid:" << uuid << "status:" << int(status)
+                                               << "ret:" << (built ? "true" : "false")
+                                               << "topic:" << msg.protocol.topic.c_str() << "type"
+                                               << msg.protocol.code;
+    const QJsonObject body{ { QStringLiteral("uuid"), uuid }, { QStringLiteral("status"), int(status) } };
+    if (msg.fromText(text(jid), serverJid(), QString::fromUtf8(QJsonDocument(body).toJson(QJsonDocument::Compact)),
+                     MediaInfo::MESSAGE_TYPE_SYSTEM, SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(),
+                     QString()))
+        msg.send(2);
+}
+
+void MessagePrivate::messageReceive(MQTTMessage *msg)
+{
+    PUSHCHAT_ENGINE_LOG("messageReceive") << "MessagePrivate::messageReceive length:" << msg->body.size()
+                                          << " secLevel:" << msg->secLevel;
+    // 9999 is for everyone; otherwise the message's level must not be below
+    // the user's own.
+    const bool readable = msg->secLevel == SECURITY_LEVEL_UNRESTRICTED || msg->secLevel >= securityLevel;
+    if (imReciever == nullptr)
+        return;
+    imReciever->onMessageReceive(text(msg->from), text(msg->to),
+                                 readable ? text(msg->body) : QString::fromUtf8(UNREADABLE_TEXT), msg->bodyType,
+                                 msg->msgType, text(msg->messageKey), text(msg->stamp), readable);
+}
+
+void MessagePrivate::messagePresenceIn(MQTTMessage *msg)
+{
+    PUSHCHAT_ENGINE_LOG("messagePresenceIn") << "messagePresenceIn" << msg->from.c_str() << msg->body.c_str();
+    if (imReciever != nullptr)
+        imReciever->onPresence(text(msg->from), text(msg->body));
+}
+
+void MessagePrivate::messageModifyStatus(MQTTMessage *msg)
+{
+    PUSHCHAT_ENGINE_LOG("messageModifyStatus") << "messageModifyStatus" << msg->body.c_str();
+}
+
+void MessagePrivate::messageModifyClientStatus(MQTTMessage *msg)
+{
+    const QJsonObject obj = QJsonDocument::fromJson(QByteArray::fromStdString(msg->body)).object();
+    if (obj.isEmpty())
+        return; // not a status notification
+    const QString uuid = obj.value(QLatin1String("uuid")).toString();
+    const QString modifier = obj.value(QLatin1String("modifier")).toString();
+    const int status = obj.value(QLatin1String("status")).toInt();
+    PUSHCHAT_ENGINE_LOG("messageModifyClientStatus") << "messageModifyClientStatus uuid" << uuid << "status"
+                                                     << status;
+    if (imReciever != nullptr)
+        imReciever->onMessageStatusModified(modifier, uuid, status);
+}

@@ -1,0 +1,47 @@
+// The façade: every operation forwards to the engine.
+
+#include "message_lib.h"
+
+#include "messageprivate.h"
+
+Message_lib::Message_lib(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName)
+    : d(new MessagePrivate(im, muc, std::move(deviceId), std::move(deviceName)))
+{
+}
+
+Message_lib::~Message_lib()
+{
+    delete d;
+}
+
+void Message_lib::setServerJid(QString jid)
+{
+    d->setServerJid(jid);
+}
+
+int Message_lib::registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
+                                    QString domain, QString extra2)
+{
+    return d->registerToServer(host, port, userId, extra1, securityLevel, domain, extra2);
+}
+
+int Message_lib::unRegisterToImServer()
+{
+    return d->disconnectToIMServer();
+}
+
+int Message_lib::sendTextMessageTo(QString ignored, QString to, int secLevel, QString text,
+                                   MESSAGE_BODY_TYPE bodyType, bool toRoom, QString messageKey, QString stamp)
+{
+    return d->sendTextMessageTo(ignored, to, secLevel, text, bodyType, toRoom, messageKey, stamp);
+}
+
+int Message_lib::sendLocation(QString target, QString first, QString second)
+{
+    return d->sendLocation(target, first, second);
+}
+
+int Message_lib::modifyMessageStatus(QString uuid, MSG_STATUS status)
+{
+    return d->modifyMessageStatus(uuid, status);
+}

@@ -1,0 +1,69 @@
+#ifndef PUSHCHAT_MESSAGE_LIB_H
+#define PUSHCHAT_MESSAGE_LIB_H
+
+// Message_lib: the one class an application drives.
+//
+//   class App : public ImEventReciever { ... };
+//   App app;
+//   Message_lib lib(&app, nullptr, "", "");        // device id persisted
+//   lib.registerToImServer("127.0.0.1", 1883, "alice", "", 5, "im.example.org", "");
+//   // ... onConnected arrives on the library's thread ...
+//   lib.sendTextMessageTo("", "bob", 5, "hello", BODY_TYPE_DEFAULT, false, key, stamp);
+//   lib.unRegisterToImServer();
+//
+// Ownership: the façade owns its engine; the callback objects stay the
+// application's and must outlive the façade. Destroying a connected façade
+// logs out in order first.
+//
+// Threads: call it from the application's threads; callbacks arrive on the
+// library's threads (see imeventreciever.h). It takes no lock of its own.
+//
+// Device settings: with an empty device id the library keeps a generated
+// id in the application's default QSettings store (key "sms_uuid"), so set
+// the organisation and application names on QCoreApplication as usual.
+
+#include "imeventreciever.h"
+#include "mediainfo.h"
+#include "room.h"
+
+#include <QString>
+
+#include <string>
+
+class MessagePrivate;
+
+class Message_lib {
+public:
+    Message_lib(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName);
+    ~Message_lib();
+    Message_lib(const Message_lib &) = delete;
+    Message_lib &operator=(const Message_lib &) = delete;
+
+    /// The IM server's JID, addressee of every system request. Set it before
+    /// logging in; by default it is "server@" + the login domain.
+    void setServerJid(QString jid);
+
+    /// Logs in and connects; always 1 (the outcome arrives as onConnected).
+    /// A login while connected logs out first. An empty domain uses `host`.
+    int registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
+                           QString domain, QString extra2);
+    /// Logs out in order; always 1.
+    int unRegisterToImServer();
+
+    /// 1 if the message was published. `to` without "@" gets the domain;
+    /// BODY_TYPE_NOTICE sends a notice readable by all.
+    int sendTextMessageTo(QString ignored, QString to, int secLevel, QString text, MESSAGE_BODY_TYPE bodyType,
+                          bool toRoom, QString messageKey, QString stamp);
+    /// 1 if "first:second" was published on "LOCATION/" + target.
+    int sendLocation(QString target, QString first, QString second);
+    /// Asks the server to change a message's status; always 1.
+    int modifyMessageStatus(QString uuid, MSG_STATUS status);
+
+    /// The engine, for advanced use and tests.
+    MessagePrivate *engine() const { return d; }
+
+private:
+    MessagePrivate *d;
+};
+
+#endif // PUSHCHAT_MESSAGE_LIB_H

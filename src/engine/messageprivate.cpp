@@ -1,0 +1,287 @@
+// The engine's identity and connection lifecycle: construction, login, the
+// online sequence, receiving, presence, room topics and logout.
+
+#include "messageprivate.h"
+
+#include "enginelog.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSettings>
+#include <QSysInfo>
+#include <QUuid>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+Q_LOGGING_CATEGORY(lcEngine, "pushchat.engine", QtInfoMsg)
+
+namespace {
+
+constexpr const char *kDeviceIdKey = "sms_uuid";
+constexpr const char *kStartupText = "APP_STARTUP";
+constexpr const char *kQuitText = "APP_QUIT";
+constexpr const char *kLostText = "NETWORK_DISCONNECTED";
+constexpr const char *kRefreshBody = "empty_message";
+constexpr int kWillQos = 2;
+constexpr int kStartupQos = 2;
+constexpr int kQuitQos = 0;
+constexpr int kCommandQos = 2;
+
+// The persisted device id, generated once per installation.
+std::string persistedDeviceId()
+{
+    QSettings settings;
+    const QString fresh = QUuid::createUuid().toString().remove(QLatin1Char('{')).remove(QLatin1Char('}'));
+    const QString id = settings.value(QLatin1String(kDeviceIdKey), fresh).toString();
+    settings.setValue(QLatin1String(kDeviceIdKey), id);
+    return id.toStdString();
+}
+
+// A mutable NUL-terminated copy, for the push client's char* parameters.
+std::vector<char> mutableText(const std::string &text)
+{
+    return std::vector<char>(text.c_str(), text.c_str() + text.size() + 1);
+}
+
+} // namespace
+
+const char *const MessagePrivate::UNREADABLE_TEXT = "[此消息已加密,您无权阅读]";
+
+MessagePrivate::MessagePrivate(ImEventReciever *im, ImMUCEventReciever *muc, std::string devId,
+                               std::string devName)
+    : imReciever(im), mucReciever(muc)
+{
+    deviceId = devId.empty() ? persistedDeviceId() : std::move(devId);
+    deviceName = devName.empty()
+                     ? (QSysInfo::prettyProductName() + QLatin1Char(':') + QSysInfo::currentCpuArchitecture())
+                           .toStdString()
+                     : std::move(devName);
+}
+
+MessagePrivate::~MessagePrivate()
+{
+    disconnectToIMServer();
+}
+
+void MessagePrivate::setServerJid(const QString &serverJidText)
+{
+    configuredServerJid = serverJidText;
+}
+
+QString MessagePrivate::serverJid() const
+{
+    if (!effectiveServerJid.isEmpty())
+        return effectiveServerJid;
+    return configuredServerJid.isEmpty() ? QStringLiteral("server@") + domain : configuredServerJid;
+}
+
+std::string MessagePrivate::serverJidText() const
+{
+    return serverJid().toStdString();
+}
+
+QString MessagePrivate::completeJid(const QString &id) const
+{
+    return id.contains(QLatin1Char('@')) ? id : QStringLiteral("%1@%2").arg(id, domain);
+}
+
+int MessagePrivate::registerToServer(QString host, int port, QString user, QString extra1, int level,
+                                     QString loginDomain, QString extra2)
+{
+    securityLevel = level;
+    return registerToIMServer(std::move(host), port, std::move(user), std::move(extra1), std::move(loginDomain),
+                              std::move(extra2));
+}
+
+int MessagePrivate::registerToIMServer(QString host, int port, QString user, QString extra1, QString loginDomain,
+                                       QString extra2)
+{
+    Q_UNUSED(extra1)
+    Q_UNUSED(extra2)
+    if (pushClient != nullptr)
+        disconnectToIMServer(); // one connection at a time: the old one logs out in order
+    if (loginDomain.isEmpty())
+        loginDomain = host;
+
+    serverHost = host;
+    closing = false;
+    domain = loginDomain;
+    jid = QStringLiteral("%1@%2").arg(user, loginDomain).toStdString();
+    userId = user.toStdString();
+    effectiveServerJid.clear();
+    effectiveServerJid = serverJid();
+
+    std::vector<char> clientId = mutableText(jid + "@" + deviceId);
+    pushClient = new PushClient(clientId.data());
+    pushClient->setEventRecv(this);
+
+    std::unique_ptr<MQTTMessage> will(createPresenseMsg(PRESENCE_OFFLINE, kLostText));
+    std::vector<char> willPayload = mutableText(will->payload);
+    pushClient->will_set(will->protocol.topic.c_str(), willPayload.data(), kWillQos, false);
+    pushClient->start_connect(host.toUtf8().constData(), port, PUSH_KEEPALIVE_SECONDS);
+
+    PUSHCHAT_ENGINE_LOG("registerToServer") << "MessagePrivate::registerToServer connecting to " << host << ":"
+                                            << port << " userid:" << user;
+    return 1;
+}
+
+void MessagePrivate::connectStatus(bool connected)
+{
+    PUSHCHAT_ENGINE_LOG("connectStatus") << "MessagePrivate::connectStatus connection is "
+                                         << (connected ? "true" : "false");
+    if (!connected) {
+        if (imReciever != nullptr)
+            imReciever->onDisconnected();
+        return;
+    }
+    for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {
+        PUSHCHAT_ENGINE_LOG("connectStatus") << "subscribe:" << topic.c_str();
+        std::vector<char> t = mutableText(topic);
+        pushClient->unsubscribe(t.data());
+        pushClient->subscribe(t.data());
+    }
+    refreshGroupList();
+    send_online_state(PRESENCE_ONLINE, kStartupText, kStartupQos);
+    if (imReciever != nullptr)
+        imReciever->onConnected();
+}
+
+void MessagePrivate::messgeRecieved(char *topic, char *payload)
+{
+    Q_UNUSED(topic)
+    Q_UNUSED(payload)
+}
+
+void MessagePrivate::messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain)
+{
+    Q_UNUSED(mid)
+    Q_UNUSED(length)
+    Q_UNUSED(qos)
+    Q_UNUSED(retain)
+    const char *text = static_cast<const char *>(payload);
+    PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << topic << " msg:" << text;
+
+    MQTTMessage msg(pushClient, true);
+    if (std::strcmp(topic, NOTICE_TOPIC) == 0) {
+        // Notices are for everyone: no command chain, no security check.
+        msg.parseMessage(text);
+        PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << msg.from.c_str() << " msg:"
+                                                  << msg.to.c_str();
+        if (imReciever != nullptr)
+            imReciever->onMessageReceive(QString::fromStdString(msg.from), QString::fromStdString(msg.to),
+                                         QString::fromStdString(msg.body), msg.bodyType, msg.msgType,
+                                         QString::fromStdString(msg.messageKey),
+                                         QString::fromStdString(msg.stamp), true);
+        return;
+    }
+    if (msg.fromTopic(topic, text) && (msg.protocol.code == MESSAGE || msg.protocol.code == SYSTEM))
+        msg.startMatchSys(this);
+}
+
+MQTTMessage *MessagePrivate::createPresenseMsg(MESSAGE_PRESENCE_TYPE type, std::string text)
+{
+    QJsonObject body;
+    body.insert(QLatin1String("type"), int(type));
+    body.insert(QLatin1String("text"), QString::fromStdString(text));
+    body.insert(QLatin1String("device_id"), QString::fromStdString(deviceId));
+    body.insert(QLatin1String("device_name"), QString::fromStdString(deviceName));
+
+    auto *msg = new MQTTMessage(pushClient, true);
+    msg->setSysProtocol(serverJidText().c_str(), 2, MESSAGE_INFO, MESSAGE_PRESENCE);
+    msg->fromText(QString::fromStdString(jid), serverJid(),
+                  QString::fromUtf8(QJsonDocument(body).toJson(QJsonDocument::Compact)),
+                  MediaInfo::MESSAGE_TYPE_SYSTEM, SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(),
+                  QString());
+    return msg;
+}
+
+int MessagePrivate::send_online_state(MESSAGE_PRESENCE_TYPE type, std::string text, int qos)
+{
+    std::unique_ptr<MQTTMessage> msg(createPresenseMsg(type, std::move(text)));
+    msg->send(qos);
+    return 1;
+}
+
+bool MessagePrivate::sendSystemRequest(int family, int command, const QString &body)
+{
+    MQTTMessage msg(pushClient, true);
+    if (!msg.setSysProtocol(serverJidText().c_str(), 2, family, command))
+        return false;
+    if (!msg.fromText(QString::fromStdString(jid), serverJid(), body, MediaInfo::MESSAGE_TYPE_SYSTEM,
+                      SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString()))
+        return false;
+    return msg.send(kCommandQos);
+}
+
+int MessagePrivate::refreshGroupList()
+{
+    return sendSystemRequest(GroupCMD, GroupSub_Refresh, QLatin1String(kRefreshBody)) ? 1 : 0;
+}
+
+int MessagePrivate::subscribe_message_group(QList<std::string> roomJids)
+{
+    for (const std::string &room : roomJids) {
+        const std::string topic = MqttMesaageProtocol::getSendToTopic(room) + "#";
+        PUSHCHAT_ENGINE_LOG("subscribe_message_group") << "subscribe:" << topic.c_str();
+        if (pushClient == nullptr)
+            continue; // not logged in: nothing subscribed, nothing recorded
+        std::vector<char> t = mutableText(topic);
+        pushClient->unsubscribe(t.data());
+        pushClient->subscribe(t.data());
+        std::lock_guard<std::mutex> lock(roomsMutex);
+        subscribedRooms.append(room);
+    }
+    return 1;
+}
+
+int MessagePrivate::unsubscribe_message_group(QList<std::string> roomJids)
+{
+    for (const std::string &room : roomJids) {
+        const std::string topic = MqttMesaageProtocol::getSendToTopic(room) + "#";
+        PUSHCHAT_ENGINE_LOG("unsubscribe_message_group") << "unsubscribe:" << topic.c_str();
+        if (pushClient != nullptr)
+            pushClient->unsubscribe(topic.c_str());
+    }
+    return 1;
+}
+
+QList<std::string> MessagePrivate::subscribedRoomJids() const
+{
+    std::lock_guard<std::mutex> lock(roomsMutex);
+    return subscribedRooms;
+}
+
+int MessagePrivate::disconnectToIMServer()
+{
+    closing = true;
+    if (pushClient == nullptr)
+        return 1;
+    send_online_state(PRESENCE_OFFLINE, kQuitText, kQuitQos);
+    for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {
+        PUSHCHAT_ENGINE_LOG("disconnectToIMServer") << "unsubscribe:" << topic.c_str();
+        pushClient->unsubscribe(topic.c_str());
+    }
+    unsubscribe_message_group(subscribedRoomJids());
+    {
+        std::lock_guard<std::mutex> lock(roomsMutex);
+        subscribedRooms.clear();
+    }
+    // The client's destructor waits for a callback in progress and stops
+    // its thread: no callback reaches this engine afterwards.
+    delete pushClient;
+    pushClient = nullptr;
+    PUSHCHAT_ENGINE_LOG("disconnectToIMServer") << "[MessagePrivate::disconnectToIMServer]";
+    return 1;
+}
+
+void MessagePrivate::delayedSyncMessage(std::string topic, std::string data)
+{
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    PUSHCHAT_ENGINE_LOG("delayedSyncMessage") << "delayedSyncMessage,topic:" << topic.c_str()
+                                              << "data:" << data.c_str();
+    if (pushClient != nullptr && !closing)
+        pushClient->publish(topic.c_str(), data.c_str(), 0, false);
+}

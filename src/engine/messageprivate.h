@@ -1,0 +1,135 @@
+#ifndef PUSHCHAT_MESSAGEPRIVATE_H
+#define PUSHCHAT_MESSAGEPRIVATE_H
+
+// MessagePrivate: the engine behind Message_lib.
+//
+// It owns the push connection (from login to disconnection) and the user's
+// identity, turns application calls into commands on the push channel, and
+// turns every delivered message into a call on the application's callbacks.
+// It keeps no table of messages or rooms, only the list of room JIDs whose
+// topics it has subscribed.
+//
+// Threads: application calls (login, disconnect, every sending operation)
+// run on the caller's thread; connectStatus, messgeRecievedMore and every
+// command handler run on the push client's delivery thread, and so do the
+// callbacks they make. The identity fields are written by login before the
+// connection starts; the subscribed-room list is guarded by a lock. Do not
+// disconnect while another application thread is still sending.
+//
+// Ownership: the callback objects are borrowed and never deleted; the push
+// client is owned. Destruction disconnects first.
+
+#include "imeventreciever.h"
+#include "mqttmessage.h"
+#include "pushclient.h"
+
+#include <QList>
+#include <QString>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class MessagePrivate : public MQTTProtocolMatchCallback, public PushEventReciever {
+public:
+    /// The notice topic: notices are published and received on it.
+    static constexpr const char *NOTICE_TOPIC = "m/ntc/";
+    /// Keepalive of the push connection, in seconds.
+    static constexpr int PUSH_KEEPALIVE_SECONDS = 60;
+    /// Replaces the body of a message the user may not read.
+    static const char *const UNREADABLE_TEXT;
+
+    /// An empty deviceId uses the id persisted in the application's default
+    /// QSettings store under "sms_uuid" (generated on first use); an empty
+    /// deviceName is composed from the platform. No connection is made.
+    MessagePrivate(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName);
+    virtual ~MessagePrivate();
+    MessagePrivate(const MessagePrivate &) = delete;
+    MessagePrivate &operator=(const MessagePrivate &) = delete;
+
+    // --- configuration -------------------------------------------------
+    /// The IM server's own JID, the addressee of every system request. Set
+    /// it before login; when never set, login uses "server@" + the domain.
+    void setServerJid(const QString &jid);
+    QString serverJid() const;
+
+    // --- connection lifecycle ------------------------------------------
+    /// Stores the security level, then logs in. Returns 1.
+    int registerToServer(QString host, int port, QString userId, QString extra1, int securityLevel,
+                         QString domain, QString extra2);
+    /// Logs in: creates the push client (an existing connection is closed
+    /// first, in order), sets the will, starts connecting. Returns 1; the
+    /// outcome arrives as connectStatus.
+    int registerToIMServer(QString host, int port, QString userId, QString extra1, QString domain,
+                           QString extra2);
+    /// Orderly logout: "APP_QUIT", unsubscriptions, push client released.
+    int disconnectToIMServer();
+
+    MQTTMessage *createPresenseMsg(MESSAGE_PRESENCE_TYPE type, std::string text);
+    int send_online_state(MESSAGE_PRESENCE_TYPE type, std::string text, int qos);
+    int subscribe_message_group(QList<std::string> roomJids);
+    int unsubscribe_message_group(QList<std::string> roomJids);
+    /// Asks the server for the user's rooms; 1 if the request was published.
+    int refreshGroupList();
+    /// Publishes raw data on a topic after 5 seconds (blocks the caller).
+    void delayedSyncMessage(std::string topic, std::string data);
+
+    // --- chat ----------------------------------------------------------
+    /// Sends a chat message (or, with BODY_TYPE_NOTICE, a notice on the
+    /// notice topic). A recipient without "@" is completed with the domain.
+    /// The first argument is not used: the sender is the logged-in user.
+    int sendTextMessageTo(QString ignored, QString to, int secLevel, QString text, MESSAGE_BODY_TYPE bodyType,
+                          bool toRoom, QString messageKey, QString stamp);
+    /// Publishes "first:second" as raw text on "LOCATION/" + target, QoS 0.
+    /// 1 when published, 0 otherwise (not logged in, or refused).
+    int sendLocation(QString target, QString first, QString second);
+    /// Asks the server to change a stored message's status. Returns 1.
+    int modifyMessageStatus(QString uuid, MSG_STATUS status);
+    void modifyMessageStatusRun(QString uuid, MSG_STATUS status);
+
+    // --- push client callbacks (delivery thread) -----------------------
+    void messgeRecieved(char *topic, char *payload) override;
+    void messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain) override;
+    void connectStatus(bool connected) override;
+
+    // --- command handlers (delivery thread) ----------------------------
+    void messageReceive(MQTTMessage *msg) override;
+    void messagePresenceIn(MQTTMessage *msg) override;
+    void messageModifyStatus(MQTTMessage *msg) override;
+    void messageModifyClientStatus(MQTTMessage *msg) override;
+
+    // --- state, for tests and diagnostics ------------------------------
+    std::string userJid() const { return jid; }
+    std::string currentDeviceId() const { return deviceId; }
+    std::string currentDeviceName() const { return deviceName; }
+    int currentSecurityLevel() const { return securityLevel; }
+    bool isLoggedIn() const { return pushClient != nullptr; }
+    QList<std::string> subscribedRoomJids() const;
+
+private:
+    /// A system request: the JSON body, enciphered, to serverJid on the
+    /// command's chain at QoS 2. True when published.
+    bool sendSystemRequest(int family, int command, const QString &body);
+    /// The JID of `id`, completed with the domain when it has no "@".
+    QString completeJid(const QString &id) const;
+    std::string serverJidText() const;
+
+    ImEventReciever *imReciever;
+    ImMUCEventReciever *mucReciever;
+    PushClient *pushClient = nullptr;
+    std::string jid;
+    std::string userId;
+    QString domain;
+    QString serverHost;
+    QList<std::string> subscribedRooms;
+    mutable std::mutex roomsMutex; // guards subscribedRooms
+    std::atomic<bool> closing{ true };
+    int securityLevel = 0;
+    std::string deviceId;
+    std::string deviceName;
+    QString configuredServerJid; // empty: "server@" + domain
+    QString effectiveServerJid;  // fixed at login
+};
+
+#endif // PUSHCHAT_MESSAGEPRIVATE_H

@@ -6,17 +6,15 @@
 // PUSHCHAT_BENCH_SMOKE=1 sends 500 messages instead of 20 000.
 
 #include "mosquittobroker.h"
+#include "mqttbench.h"
 #include "pushclient.h"
 
 #include <benchmark/benchmark.h>
 #include <mosquitto.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -27,36 +25,11 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Counts arrivals; the sender waits until the count reaches its target.
-class Arrivals
-{
-public:
-    void reset(long target)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        count_ = 0;
-        target_ = target;
-    }
-    void arrived()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (++count_ >= target_)
-            done_.notify_all();
-    }
-    bool wait(std::chrono::milliseconds timeout)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return done_.wait_for(lock, timeout, [&] { return count_ >= target_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable done_;
-    long count_ = 0;
-    long target_ = 0;
-};
+using benchmqtt::Arrivals;
+using benchmqtt::BareClient;
+using benchmqtt::Clock;
+using benchmqtt::median;
+using benchmqtt::messageCount;
 
 // --- PushClient side ---------------------------------------------------------
 
@@ -124,76 +97,6 @@ struct PushPair
     }
 };
 
-// --- bare libmosquitto side --------------------------------------------------
-
-class BareClient
-{
-public:
-    BareClient(const std::string& id, bool noDelay, Arrivals& arrivals) : arrivals_(arrivals)
-    {
-        mosq_ = mosquitto_new(id.c_str(), false, this);
-        mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
-        mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, noDelay ? 1 : 0);
-        mosquitto_connect_callback_set(mosq_, [](mosquitto*, void* self, int rc) {
-            static_cast<BareClient*>(self)->signal(rc == 0 ? 1 : -1);
-        });
-        mosquitto_subscribe_callback_set(mosq_, [](mosquitto*, void* self, int, int, const int*) {
-            static_cast<BareClient*>(self)->signal(2);
-        });
-        mosquitto_message_callback_set(mosq_, [](mosquitto* m, void* self, const mosquitto_message* message) {
-            auto* client = static_cast<BareClient*>(self);
-            if (client->echoTopic_)
-                mosquitto_publish(m, nullptr, client->echoTopic_, message->payloadlen, message->payload, 2, false);
-            client->arrivals_.arrived();
-        });
-    }
-    ~BareClient()
-    {
-        mosquitto_disconnect(mosq_);
-        mosquitto_loop_stop(mosq_, false);
-        mosquitto_destroy(mosq_);
-    }
-
-    bool connect(const MosquittoBroker& broker)
-    {
-        mosquitto_connect(mosq_, broker.host(), broker.port(), 60);
-        mosquitto_loop_start(mosq_);
-        return waitFor(1);
-    }
-    bool subscribe(const char* topic)
-    {
-        mosquitto_subscribe(mosq_, nullptr, topic, 2);
-        return waitFor(2);
-    }
-    void echoTo(const char* topic) { echoTopic_ = topic; } // before subscribing
-    int publish(const char* topic, const std::string& payload)
-    {
-        return mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(payload.size()), payload.data(), 2, false);
-    }
-
-private:
-    void signal(int what)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        event_ = what;
-        changed_.notify_all();
-    }
-    bool waitFor(int what)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        const bool ok = changed_.wait_for(lock, std::chrono::seconds(10), [&] { return event_ == what; });
-        event_ = 0;
-        return ok;
-    }
-
-    mosquitto* mosq_ = nullptr;
-    Arrivals& arrivals_;
-    const char* echoTopic_ = nullptr;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int event_ = 0;
-};
-
 // --- benchmarks --------------------------------------------------------------
 
 // Messages per second of every timed run, for the closing comparison.
@@ -202,20 +105,6 @@ struct Results
     std::vector<double> push;
     std::vector<double> bare;
 };
-
-double median(std::vector<double> values)
-{
-    if (values.empty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-long messageCount()
-{
-    const char* smoke = std::getenv("PUSHCHAT_BENCH_SMOKE");
-    return smoke && std::strcmp(smoke, "1") == 0 ? 500 : 20000;
-}
 
 const std::string kPayload(300, 'p');
 

@@ -1,0 +1,140 @@
+#include "eventflag.h"
+#include "jsonevents.h"
+#include "jsonlinewriter.h"
+
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Events printed into a temporary file, read back line by line.
+class PrintedEvents : public ::testing::Test {
+protected:
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> file{std::tmpfile(), &std::fclose};
+    JsonLineWriter writer{file.get()};
+    EventFlag connected;
+    JsonEvents events{&writer, &connected};
+
+    std::vector<QByteArray> lines()
+    {
+        std::fflush(file.get());
+        std::rewind(file.get());
+        std::vector<QByteArray> result;
+        char buffer[65536];
+        while (std::fgets(buffer, sizeof buffer, file.get()))
+            result.emplace_back(buffer);
+        return result;
+    }
+
+    // The single printed line, parsed; fails the test on anything else.
+    QJsonObject onlyEvent()
+    {
+        const std::vector<QByteArray> printed = lines();
+        EXPECT_EQ(printed.size(), 1u);
+        if (printed.empty())
+            return {};
+        EXPECT_TRUE(printed[0].endsWith('\n'));
+        QJsonParseError error{};
+        const QJsonDocument document = QJsonDocument::fromJson(printed[0], &error);
+        EXPECT_EQ(error.error, QJsonParseError::NoError) << printed[0].constData();
+        return document.object();
+    }
+};
+
+TEST_F(PrintedEvents, MessageCarriesEveryArgumentWithItsType)
+{
+    events.onMessageReceive("alice@im", "bob@im", "héllo \"you\"\n", 7, 4, "k-1", "2024-01-02 03:04:05", false);
+    const QJsonObject line = onlyEvent();
+    EXPECT_EQ(line.size(), 9);
+    EXPECT_EQ(line["event"].toString(), "onMessageReceive");
+    EXPECT_EQ(line["from"].toString(), "alice@im");
+    EXPECT_EQ(line["to"].toString(), "bob@im");
+    EXPECT_EQ(line["body"].toString(), QString::fromUtf8("héllo \"you\"\n"));
+    EXPECT_TRUE(line["bodyType"].isDouble());
+    EXPECT_EQ(line["bodyType"].toInt(), 7);
+    EXPECT_EQ(line["msgType"].toInt(), 4);
+    EXPECT_EQ(line["messageKey"].toString(), "k-1");
+    EXPECT_EQ(line["stamp"].toString(), "2024-01-02 03:04:05");
+    EXPECT_TRUE(line["readable"].isBool());
+    EXPECT_FALSE(line["readable"].toBool());
+}
+
+TEST_F(PrintedEvents, ConnectedRaisesTheFlag)
+{
+    EXPECT_FALSE(connected.clear());
+    events.onConnected();
+    EXPECT_EQ(onlyEvent(), QJsonObject({{"event", "onConnected"}}));
+    EXPECT_TRUE(connected.clear());
+    EXPECT_FALSE(connected.clear());
+}
+
+TEST(JsonEventsWithoutWriter, StillRaisesTheConnectedFlag)
+{
+    EventFlag connected;
+    JsonEvents events(nullptr, &connected);
+    events.onMessageReceive("a", "b", "c", 0, 1, "", "", true);
+    events.onConnected();
+    EXPECT_TRUE(connected.clear());
+}
+
+TEST_F(PrintedEvents, LibraryTextArgumentsMayBeNull)
+{
+    events.onRemoteDesktopControlRequest("alice@im", nullptr, "{\"x\":1}");
+    const QJsonObject line = onlyEvent();
+    EXPECT_EQ(line["event"].toString(), "onRemoteDesktopControlRequest");
+    EXPECT_EQ(line["from"].toString(), "alice@im");
+    EXPECT_TRUE(line["to"].isString());
+    EXPECT_EQ(line["to"].toString(), "");
+    EXPECT_EQ(line["body"].toString(), "{\"x\":1}");
+}
+
+TEST_F(PrintedEvents, RoomChangeCarriesTheRoomAndTheCommand)
+{
+    Room room;
+    room.jid = "team@im";
+    room.name = "Team";
+    room.members["bob@im"] = new Member{"bob@im", "Bob", ""};
+    events.onRoomChanged(room, GroupSub_Invite);
+    const QJsonObject line = onlyEvent();
+    EXPECT_EQ(line["event"].toString(), "onRoomChanged");
+    EXPECT_EQ(line["cmd"].toInt(), 12);
+    EXPECT_EQ(line["room"].toObject(), room.toJson());
+    EXPECT_EQ(line["room"].toObject()["jid"].toString(), "team@im");
+}
+
+// Callbacks come from several library threads at once: every line must
+// come out whole.
+TEST_F(PrintedEvents, ConcurrentEventsNeverInterleave)
+{
+    constexpr int kThreads = 8;
+    constexpr int kEach = 5000;
+    const QString body(20, QLatin1Char('x'));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kEach; ++i)
+                events.onMessageReceive(QString::number(t), "bob", body, 0, 1, QString::number(i), "", true);
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+
+    const std::vector<QByteArray> printed = lines();
+    ASSERT_EQ(printed.size(), static_cast<size_t>(kThreads * kEach));
+    std::vector<int> next(kThreads, 0);
+    for (const QByteArray &line : printed) {
+        const QJsonObject event = QJsonDocument::fromJson(line).object();
+        ASSERT_EQ(event["body"].toString(), body) << line.left(80).constData();
+        const int thread = event["from"].toString().toInt();
+        // Each thread's events keep their order.
+        EXPECT_EQ(event["messageKey"].toString().toInt(), next[thread]++);
+    }
+}
+
+} // namespace

@@ -1,0 +1,77 @@
+#ifndef PUSHCHAT_CLI_CLIOPTIONS_H
+#define PUSHCHAT_CLI_CLIOPTIONS_H
+
+// The command line of the pushchat client: GNU-style options, then a
+// command and its arguments.
+//
+//   pushchat [options] listen
+//   pushchat [options] send [--notice] [--room] TO TEXT
+//   pushchat [options] location TARGET FIRST SECOND
+//   pushchat [options] status UUID STATUS
+//
+// parse() checks everything that can be checked without a network: option
+// values, the command and its argument count; error() is then one line
+// meant for stderr.
+
+#include <QString>
+#include <QStringList>
+
+#include <chrono>
+#include <string>
+
+class CliOptions {
+public:
+    enum class Command { None, Listen, Send, Location, Status };
+
+    /// Parses `arguments`, the program name first. False on any error.
+    bool parse(const QStringList &arguments);
+    /// Why parse() failed: one line, no trailing newline.
+    QString error() const { return m_error; }
+    /// --help was given; nothing else was checked.
+    bool helpRequested() const { return m_help; }
+    /// The full help text. Needs a QCoreApplication.
+    static QString helpText();
+
+    Command command() const { return m_command; }
+    /// The command's arguments, in order (TO TEXT; TARGET FIRST SECOND;
+    /// UUID STATUS).
+    QStringList commandArguments() const { return m_arguments; }
+    /// STATUS of the status command.
+    int status() const { return m_status; }
+
+    QString host() const { return m_host; }
+    int port() const { return m_port; }
+    QString user() const { return m_user; }
+    /// Empty: the library uses the host as the domain.
+    QString domain() const { return m_domain; }
+    /// The user's security level; send also sends its message at it.
+    int level() const { return m_level; }
+    /// Empty: the library's persisted device id.
+    std::string deviceId() const { return m_deviceId; }
+    /// Empty: the library's default server JID.
+    QString serverJid() const { return m_serverJid; }
+    std::chrono::milliseconds connectTimeout() const { return m_timeout; }
+    bool notice() const { return m_notice; }
+    bool room() const { return m_room; }
+
+private:
+    bool fail(const QString &message);
+
+    QString m_error;
+    bool m_help = false;
+    Command m_command = Command::None;
+    QStringList m_arguments;
+    int m_status = 0;
+    QString m_host = QStringLiteral("127.0.0.1");
+    int m_port = 1883;
+    QString m_user;
+    QString m_domain;
+    int m_level = 0;
+    std::string m_deviceId;
+    QString m_serverJid;
+    std::chrono::milliseconds m_timeout{10000};
+    bool m_notice = false;
+    bool m_room = false;
+};
+
+#endif // PUSHCHAT_CLI_CLIOPTIONS_H

@@ -1,0 +1,83 @@
+#include "clisession.h"
+
+#include "clioptions.h"
+#include "terminationsignals.h"
+
+#include <cerrno>
+#include <chrono>
+#include <optional>
+#include <poll.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Index of the first readable descriptor, or -1 once the deadline (if any)
+// has passed.
+int waitReadable(pollfd *fds, nfds_t count, std::optional<Clock::time_point> deadline)
+{
+    for (;;) {
+        int timeoutMs = -1;
+        if (deadline) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
+            timeoutMs = left.count() > 0 ? static_cast<int>(left.count()) : 0;
+        }
+        const int ready = ::poll(fds, count, timeoutMs);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return -1;
+        for (nfds_t i = 0; i < count; ++i) {
+            if (fds[i].revents != 0)
+                return static_cast<int>(i);
+        }
+    }
+}
+
+} // namespace
+
+CliSession::CliSession(const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer)
+    : m_options(options),
+      m_termination(termination),
+      m_events(writer, &m_connected),
+      m_library(&m_events, &m_events, options.deviceId(), std::string())
+{
+}
+
+CliSession::~CliSession() { logout(); }
+
+CliSession::Outcome CliSession::login()
+{
+    if (!m_options.serverJid().isEmpty())
+        m_library.setServerJid(m_options.serverJid());
+    m_library.registerToImServer(m_options.host(), m_options.port(), m_options.user(), QString(), m_options.level(),
+                                 m_options.domain(), QString());
+    m_loggedIn = true;
+
+    pollfd fds[] = {{m_termination.fd(), POLLIN, 0}, {m_connected.fd(), POLLIN, 0}};
+    switch (waitReadable(fds, 2, Clock::now() + m_options.connectTimeout())) {
+    case 0:
+        m_termination.take();
+        return Outcome::Interrupted;
+    case 1:
+        m_connected.clear();
+        return Outcome::Connected;
+    default:
+        return Outcome::TimedOut;
+    }
+}
+
+int CliSession::waitForTermination()
+{
+    pollfd fds[] = {{m_termination.fd(), POLLIN, 0}};
+    waitReadable(fds, 1, std::nullopt);
+    return m_termination.take();
+}
+
+void CliSession::logout()
+{
+    if (!m_loggedIn)
+        return;
+    m_loggedIn = false;
+    m_library.unRegisterToImServer();
+}

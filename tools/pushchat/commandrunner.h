@@ -1,0 +1,47 @@
+#ifndef PUSHCHAT_CLI_COMMANDRUNNER_H
+#define PUSHCHAT_CLI_COMMANDRUNNER_H
+
+// Runs the command of a parsed command line and returns the process's exit
+// status (exitcode.h). Failures are reported as one line on stderr.
+//
+// listen prints the library's events on `out` until a termination signal,
+// then logs out and returns 0. send, location and status log in, wait for
+// the connection, make one call to the library, log out in order and
+// return 0 only if the library published.
+
+#include "exitcode.h"
+
+#include <QString>
+
+#include <cstdio>
+#include <functional>
+
+class CliOptions;
+class CliSession;
+class Message_lib;
+class TerminationSignals;
+
+class CommandRunner {
+public:
+    /// Everything is borrowed. `out` receives the events of listen.
+    CommandRunner(const CliOptions &options, TerminationSignals &termination, std::FILE *out);
+
+    ExitCode run();
+
+private:
+    ExitCode listen();
+    ExitCode send();
+    ExitCode location();
+    ExitCode status();
+    /// Logs in, runs `call` once connected (1 means published) and logs out.
+    ExitCode sendOnce(const char *what, const std::function<int(Message_lib &)> &call);
+    /// Logs in and waits; anything but Ok has been reported.
+    ExitCode connect(CliSession &session);
+    void fail(const QString &message) const;
+
+    const CliOptions &m_options;
+    TerminationSignals &m_termination;
+    std::FILE *m_out;
+};
+
+#endif // PUSHCHAT_CLI_COMMANDRUNNER_H

@@ -1,0 +1,16 @@
+#ifndef PUSHCHAT_CLI_EXITCODE_H
+#define PUSHCHAT_CLI_EXITCODE_H
+
+/// Exit statuses of the pushchat command-line client.
+enum class ExitCode : int {
+    Ok = 0,            ///< done; for send/location/status: published
+    NotPublished = 1,  ///< connected, but the library did not publish
+    NotConnected = 2,  ///< no connection within the timeout
+    Failure = 3,       ///< the client could not set itself up
+    Usage = 64,        ///< bad option, missing argument, unknown command
+    Interrupted = 130  ///< SIGINT/SIGTERM before a command was sent
+};
+
+inline int toInt(ExitCode code) { return static_cast<int>(code); }
+
+#endif // PUSHCHAT_CLI_EXITCODE_H

@@ -45,3 +45,38 @@ int Message_lib::modifyMessageStatus(QString uuid, MSG_STATUS status)
 {
     return d->modifyMessageStatus(uuid, status);
 }
+
+int Message_lib::createMucRoom(QString roomId, QString roomName, QString memberList, ROOM_TYPE type)
+{
+    return d->createMucRoom(roomId, roomName, memberList, type);
+}
+
+int Message_lib::modifyRoomType(QString roomId, ROOM_TYPE type)
+{
+    return d->modifyRoomType(roomId, type);
+}
+
+int Message_lib::destoryRoom(QString roomId)
+{
+    return d->destoryRoom(roomId);
+}
+
+int Message_lib::inviteToRoom(QString roomId, QString memberList)
+{
+    return d->inviteToRoom(roomId, memberList);
+}
+
+int Message_lib::kickFromRoom(QString roomId, QString memberList)
+{
+    return d->kickFromRoom(roomId, memberList);
+}
+
+int Message_lib::setRoomHumanName(QString roomId, QString humanName)
+{
+    return d->setRoomHumanName(roomId, humanName);
+}
+
+int Message_lib::setRoomCreater(QString roomId, QString memberId)
+{
+    return d->setRoomCreater(roomId, memberId);
+}

@@ -59,6 +59,23 @@ public:
     /// Asks the server to change a message's status; always 1.
     int modifyMessageStatus(QString uuid, MSG_STATUS status);
 
+    // Group rooms. Each sends one request to the server; what the server
+    // makes of it arrives later as onRoomChanged (and, for rooms the user
+    // enters or leaves, a room message). `memberList` holds member ids
+    // separated by ","; ids are completed with "@" + domain unless the room
+    // id already holds an "@". 1 if the request was published, 0 if not,
+    // except where noted.
+    int createMucRoom(QString roomId, QString roomName, QString memberList, ROOM_TYPE type);
+    int modifyRoomType(QString roomId, ROOM_TYPE type);
+    int destoryRoom(QString roomId);
+    /// Always 1.
+    int inviteToRoom(QString roomId, QString memberList);
+    int kickFromRoom(QString roomId, QString memberList);
+    /// Always 0.
+    int setRoomHumanName(QString roomId, QString humanName);
+    /// Hands the creator role of the room to `memberId`.
+    int setRoomCreater(QString roomId, QString memberId);
+
     /// The engine, for advanced use and tests.
     MessagePrivate *engine() const { return d; }
 

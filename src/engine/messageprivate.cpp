@@ -4,6 +4,7 @@
 #include "messageprivate.h"
 
 #include "enginelog.h"
+#include "roomnotifier.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -52,7 +53,7 @@ const char *const MessagePrivate::UNREADABLE_TEXT = "[此消息已加密,您无�
 
 MessagePrivate::MessagePrivate(ImEventReciever *im, ImMUCEventReciever *muc, std::string devId,
                                std::string devName)
-    : imReciever(im), mucReciever(muc)
+    : imReciever(im), mucReciever(muc), roomNotifier(newRoomNotifier())
 {
     deviceId = devId.empty() ? persistedDeviceId() : std::move(devId);
     deviceName = devName.empty()
@@ -64,6 +65,7 @@ MessagePrivate::MessagePrivate(ImEventReciever *im, ImMUCEventReciever *muc, std
 MessagePrivate::~MessagePrivate()
 {
     disconnectToIMServer();
+    roomNotifier->finish(); // also when events arrived without a login
 }
 
 void MessagePrivate::setServerJid(const QString &serverJidText)
@@ -91,6 +93,10 @@ QString MessagePrivate::completeJid(const QString &id) const
 int MessagePrivate::registerToServer(QString host, int port, QString user, QString extra1, int level,
                                      QString loginDomain, QString extra2)
 {
+    // The delivery thread of a live connection reads securityLevel: end
+    // that connection before the level changes.
+    if (pushClient != nullptr)
+        disconnectToIMServer();
     securityLevel = level;
     return registerToIMServer(std::move(host), port, std::move(user), std::move(extra1), std::move(loginDomain),
                               std::move(extra2));
@@ -273,6 +279,9 @@ int MessagePrivate::disconnectToIMServer()
     // its thread: no callback reaches this engine afterwards.
     delete pushClient;
     pushClient = nullptr;
+    // No event arrives any more: deliver those already received, end the
+    // notification threads.
+    roomNotifier->finish();
     PUSHCHAT_ENGINE_LOG("disconnectToIMServer") << "[MessagePrivate::disconnectToIMServer]";
     return 1;
 }

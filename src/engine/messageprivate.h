@@ -16,6 +16,16 @@
 // connection starts; the subscribed-room list is guarded by a lock. Do not
 // disconnect while another application thread is still sending.
 //
+// Room notifications: onRoomChanged and onRoomListRefreshed run on a small
+// bounded pool of notification threads (several at once, in any order
+// among themselves and relative to onMessageReceive). When thousands of
+// room events wait for them, the delivery thread waits too, so a room
+// callback must not wait for a delivery-thread callback. Logout and
+// destruction wait until every room event received before them has been
+// delivered and the threads have ended; so do not log out or destroy the
+// façade from a thread a room callback is waiting for. Logging out from
+// inside a room callback is allowed; destroying the façade there is not.
+//
 // Ownership: the callback objects are borrowed and never deleted; the push
 // client is owned. Destruction disconnects first.
 
@@ -23,13 +33,17 @@
 #include "mqttmessage.h"
 #include "pushclient.h"
 
+#include <QByteArray>
 #include <QList>
 #include <QString>
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <string>
+
+class RoomNotifier;
 
 class MessagePrivate : public MQTTProtocolMatchCallback, public PushEventReciever {
 public:
@@ -88,6 +102,22 @@ public:
     int modifyMessageStatus(QString uuid, MSG_STATUS status);
     void modifyMessageStatusRun(QString uuid, MSG_STATUS status);
 
+    // --- group rooms: commands ------------------------------------------
+    // Each publishes one request to the server and changes nothing locally;
+    // the server's answer comes back as a room event. Member ids are
+    // completed with "@" + domain unless the room id already holds an "@";
+    // the room id always is. 1 when published, 0 otherwise, except where
+    // noted.
+    int createMucRoom(const QString &roomId, const QString &roomName, const QString &memberList, ROOM_TYPE type);
+    /// Always 1, published or not.
+    int inviteToRoom(const QString &roomId, const QString &memberList);
+    int kickFromRoom(const QString &roomId, const QString &memberList);
+    int destoryRoom(const QString &roomId);
+    /// Always 0, published or not.
+    int setRoomHumanName(const QString &roomId, const QString &humanName);
+    int setRoomCreater(const QString &roomId, const QString &memberId);
+    int modifyRoomType(QString roomId, ROOM_TYPE type);
+
     // --- push client callbacks (delivery thread) -----------------------
     void messgeRecieved(char *topic, char *payload) override;
     void messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain) override;
@@ -98,6 +128,20 @@ public:
     void messagePresenceIn(MQTTMessage *msg) override;
     void messageModifyStatus(MQTTMessage *msg) override;
     void messageModifyClientStatus(MQTTMessage *msg) override;
+    // Room events. Subscription changes and the synthetic room messages
+    // (onMessageReceive) happen here, on the delivery thread; onRoomChanged
+    // and onRoomListRefreshed run on the room notification threads.
+    void SysGroupCreated(MQTTMessage *msg) override;
+    void SysGroupReleased(MQTTMessage *msg) override;
+    void SysGroupInvited(MQTTMessage *msg) override;
+    void SysGroupKicked(MQTTMessage *msg) override;
+    void SysGroupNameChanged(MQTTMessage *msg) override;
+    void SysGroupExited(MQTTMessage *msg) override;
+    void SysGroupQueryed(MQTTMessage *msg) override;
+    void SysGroupJoined(MQTTMessage *msg) override;
+    void SysGroupRefreshed(MQTTMessage *msg) override;
+    void SysGroupSetCreater(MQTTMessage *msg) override;
+    void SysGroupModifyType(MQTTMessage *msg) override;
 
     // --- state, for tests and diagnostics ------------------------------
     std::string userJid() const { return jid; }
@@ -106,6 +150,9 @@ public:
     int currentSecurityLevel() const { return securityLevel; }
     bool isLoggedIn() const { return pushClient != nullptr; }
     QList<std::string> subscribedRoomJids() const;
+    /// Room notification threads running now / the most that ran at once.
+    std::size_t roomNotificationThreads() const;
+    std::size_t roomNotificationPeakThreads() const;
 
 private:
     /// A system request: the JSON body, enciphered, to serverJid on the
@@ -114,6 +161,17 @@ private:
     /// The JID of `id`, completed with the domain when it has no "@".
     QString completeJid(const QString &id) const;
     std::string serverJidText() const;
+
+    // Room events: the work handed to the notification threads, and the
+    // synthetic room message. See roomnotifier.h for the threads' bound.
+    void refresh_room(MQTTMessage *message, GroupSubCmd cmd);
+    void refresh_roomRun(QByteArray body, GroupSubCmd cmd);
+    void SysGroupRefreshedRun(QString json);
+    void deliverRoomMessage(const std::string &roomJid, MESSAGE_BODY_TYPE bodyType);
+    // Room commands: the JID rules, and the common send of a room record.
+    QString jidWithDomain(const QString &id) const; // id "@" domain, always
+    QString memberJidOf(const QString &roomId, const QString &memberId) const;
+    bool sendRoomCommand(int command, Room &room);
 
     ImEventReciever *imReciever;
     ImMUCEventReciever *mucReciever;
@@ -130,6 +188,12 @@ private:
     std::string deviceName;
     QString configuredServerJid; // empty: "server@" + domain
     QString effectiveServerJid;  // fixed at login
+    // Runs the room callbacks off the delivery thread, on a few threads at
+    // most. Finished (every accepted event delivered, every thread joined)
+    // by logout and by destruction, after the push client is gone, so no
+    // notification thread outlives the engine.
+    std::unique_ptr<RoomNotifier> roomNotifier; // never null
+    static std::unique_ptr<RoomNotifier> newRoomNotifier();
 };
 
 #endif // PUSHCHAT_MESSAGEPRIVATE_H

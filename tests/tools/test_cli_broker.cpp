@@ -1,10 +1,12 @@
 // The pushchat program against a real broker: what listen prints for what
-// send delivers, the exit statuses, and what reaches the wire.
+// send delivers, the room requests as the stand-in server receives them and
+// the events it answers with, the exit statuses, and what reaches the wire.
 
 #include "mosquittobroker.h"
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -248,6 +250,114 @@ TEST_F(CliBroker, SecurityLevelsDecideWhatListenMaySee)
     EXPECT_EQ(bob.stop(SIGINT), 0);
 }
 
+// The room subcommands, each checked where the stand-in server reads it and
+// where bob's listen prints the server's answer.
+TEST_F(CliBroker, RoomRequestsReachTheServerAndListenShowsTheEvents)
+{
+    QProcess serverProcess;
+    prepare(serverProcess, QStringLiteral(PUSHCHAT_DEMO_SERVER));
+    Listener server(serverProcess);
+    ASSERT_TRUE(server.start({"--port", QString::number(broker.port())}));
+    ASSERT_EQ(server.waitForEvent("ready")["server"].toString(), "server@127.0.0.1");
+
+    QProcess bobProcess;
+    prepare(bobProcess);
+    Listener bob(bobProcess);
+    ASSERT_TRUE(bob.start(common("bob") << "listen"));
+    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty()) << bobProcess.readAllStandardError().constData();
+    EXPECT_EQ(bob.waitForEvent("onRoomListRefreshed")["json"].toString(),
+              R"({"jid":"bob@127.0.0.1","name":"","rooms":[]})");
+
+    // The request as the server read it, and the room bob was told of.
+    const auto request = [&](const QString &letter) {
+        const QString topic = "s/g/c/server@127.0.0.1/" + letter;
+        const QJsonObject received = server.waitFor([&](const QJsonObject &event) {
+            return event["event"].toString() == "received" && event["topic"].toString() == topic;
+        });
+        EXPECT_EQ(received["from"].toString(), "alice@127.0.0.1") << topic.toStdString();
+        return QJsonDocument::fromJson(received["body"].toString().toUtf8()).object();
+    };
+    const auto roomEvent = [&](int cmd) {
+        const QJsonObject changed = bob.waitFor([&](const QJsonObject &event) {
+            return event["event"].toString() == "onRoomChanged" && event["cmd"].toInt() == cmd;
+        });
+        EXPECT_FALSE(changed.isEmpty()) << "no onRoomChanged " << cmd;
+        EXPECT_EQ(changed["room"]["jid"].toString(), "team@127.0.0.1");
+        return changed["room"].toObject();
+    };
+    const auto memberJids = [](const QJsonObject &room) {
+        QStringList jids;
+        for (const QJsonValue &member : room["members"].toArray())
+            jids += member.toObject().keys();
+        return jids;
+    };
+
+    expectSent(common("alice") << "room" << "create" << "team" << "The team" << "bob,carol" << "--type" << "3");
+    const QJsonObject created = request("c");
+    EXPECT_EQ(created["jid"].toString(), "team@127.0.0.1");
+    EXPECT_EQ(created["name"].toString(), "The team");
+    EXPECT_EQ(created["type"].toInt(), 3);
+    EXPECT_EQ(memberJids(created), QStringList({"alice@127.0.0.1", "bob@127.0.0.1", "carol@127.0.0.1"}));
+    // The room event and the room's first message, in either order.
+    QJsonObject room;
+    bool roomMessage = false;
+    bob.waitFor([&](const QJsonObject &event) {
+        if (event["event"].toString() == "onRoomChanged" && event["cmd"].toInt() == 10)
+            room = event["room"].toObject();
+        roomMessage = roomMessage || (event["event"].toString() == "onMessageReceive" &&
+                                      event["from"].toString() == "team@127.0.0.1");
+        return !room.isEmpty() && roomMessage;
+    });
+    EXPECT_TRUE(roomMessage);
+    EXPECT_EQ(room["jid"].toString(), "team@127.0.0.1");
+    EXPECT_EQ(room["creater"].toString(), "alice@127.0.0.1");
+    EXPECT_EQ(room["name"].toString(), "The team");
+    EXPECT_EQ(room["type"].toInt(), 3);
+
+    // The room list a later login gets holds the room.
+    {
+        QProcess carolProcess;
+        prepare(carolProcess);
+        Listener carol(carolProcess);
+        ASSERT_TRUE(carol.start(common("carol") << "listen"));
+        const QJsonObject list = QJsonDocument::fromJson(
+            carol.waitForEvent("onRoomListRefreshed")["json"].toString().toUtf8()).object();
+        EXPECT_EQ(list["jid"].toString(), "carol@127.0.0.1");
+        EXPECT_EQ(list["rooms"][0]["team@127.0.0.1"]["name"].toString(), "The team");
+        EXPECT_EQ(carol.stop(SIGTERM), 0);
+    }
+
+    expectSent(common("alice") << "room" << "rename" << "team" << "Renamed");
+    EXPECT_EQ(request("s")["name"].toString(), "Renamed");
+    EXPECT_EQ(roomEvent(14)["name"].toString(), "Renamed");
+
+    expectSent(common("alice") << "room" << "owner" << "team" << "bob");
+    const auto text = [](const QJsonObject &object) { return QJsonDocument(object).toJson(QJsonDocument::Compact); };
+    EXPECT_EQ(text(request("g")), R"({"member_id":"bob@127.0.0.1","room_id":"team@127.0.0.1"})");
+    EXPECT_EQ(roomEvent(19)["creater"].toString(), "bob@127.0.0.1");
+
+    expectSent(common("alice") << "room" << "type" << "team" << "5");
+    EXPECT_EQ(text(request("m")), R"({"room_id":"team@127.0.0.1","room_type":"5"})");
+    EXPECT_EQ(roomEvent(20)["type"].toInt(), 5);
+
+    expectSent(common("alice") << "room" << "invite" << "team" << "dave");
+    EXPECT_EQ(memberJids(request("i")), QStringList({"dave@127.0.0.1"}));
+    EXPECT_TRUE(memberJids(roomEvent(12)).contains("dave@127.0.0.1"));
+
+    expectSent(common("alice") << "room" << "kick" << "team" << "carol");
+    EXPECT_EQ(request("k")["operatorBy"].toString(), R"({"memberID":"carol","operatorBy":"alice"})");
+    EXPECT_EQ(roomEvent(13)["operatorBy"].toString(), R"({"memberID":"carol","operatorBy":"alice"})");
+
+    expectSent(common("alice") << "room" << "destroy" << "team");
+    EXPECT_EQ(request("r")["name"].toString(), "team");
+    EXPECT_FALSE(memberJids(roomEvent(11)).contains("carol@127.0.0.1"));
+
+    EXPECT_EQ(bob.stop(SIGTERM), 0);
+    EXPECT_EQ(bob.badLines(), 0);
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+    EXPECT_EQ(server.badLines(), 0);
+}
+
 // A raw subscriber shows what location and status put on the wire.
 TEST_F(CliBroker, LocationAndStatusReachTheWire)
 {
@@ -358,6 +468,12 @@ TEST_F(CliBroker, UsageErrorsGiveOneLineAndStatus64)
         common("alice") << "send" << "bob",
         {"--port", QString::number(broker.port()), "listen"},
         common("alice") << "dance",
+        common("alice") << "room",
+        common("alice") << "room" << "paint" << "team",
+        common("alice") << "room" << "create" << "team" << "Team",
+        common("alice") << "room" << "destroy" << "",
+        common("alice") << "room" << "type" << "team" << "big",
+        common("alice") << "room" << "invite" << "team" << "bob" << "--type" << "2",
     };
     for (const QStringList &arguments : bad) {
         const Finished done = run(arguments);
@@ -372,6 +488,7 @@ TEST_F(CliBroker, UsageErrorsGiveOneLineAndStatus64)
     const Finished help = run({"--help"});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_TRUE(help.out.contains("send TO TEXT")) << help.out.constData();
+    EXPECT_TRUE(help.out.contains("room create ROOM NAME MEMBERS [--type N]")) << help.out.constData();
 }
 
 } // namespace

@@ -62,6 +62,24 @@ TEST(CliOptions, LocationAndStatusArguments)
     EXPECT_EQ(status.status(), -2);
 }
 
+TEST(CliOptions, RoomSubcommandsAndTheirType)
+{
+    const RoomRequest create =
+        parsed({"--user", "a", "room", "create", "team", "The team", "bob,carol", "--type", "3"}).roomRequest();
+    EXPECT_EQ(create.action(), RoomRequest::Action::Create);
+    EXPECT_EQ(create.arguments(), QStringList({"team", "The team", "bob,carol"}));
+    EXPECT_EQ(create.type(), 3);
+    EXPECT_EQ(parsed({"--user", "a", "room", "create", "team", "T", ""}).roomRequest().type(), 0);
+
+    const CliOptions type = parsed({"--user", "a", "room", "type", "team", "--", "-2"});
+    EXPECT_EQ(type.command(), CliOptions::Command::Room);
+    EXPECT_EQ(type.roomRequest().action(), RoomRequest::Action::Type);
+    EXPECT_EQ(type.roomRequest().type(), -2);
+    EXPECT_EQ(parsed({"--user", "a", "room", "owner", "team", "bob"}).roomRequest().action(),
+              RoomRequest::Action::Owner);
+    EXPECT_EQ(parsed({"--user", "a", "room", "destroy", "team"}).roomRequest().arguments(), QStringList({"team"}));
+}
+
 TEST(CliOptions, HelpNeedsNothingElse)
 {
     const CliOptions options = parsed({"--help", "send"});
@@ -75,7 +93,8 @@ TEST(CliOptions, HelpNeedsNothingElse)
     EXPECT_TRUE(help.startsWith("Usage: pushchat [options] command")) << help.toStdString();
     for (const char *word : {"listen", "send TO TEXT", "location TARGET FIRST SECOND", "status UUID STATUS",
                              "--host", "--port", "--user", "--domain", "--level", "--device", "--server-jid",
-                             "--timeout", "--notice", "--room"})
+                             "--timeout", "--notice", "--room", "room create ROOM NAME MEMBERS", "room invite",
+                             "room kick", "room rename", "room owner", "room type ROOM N", "room destroy", "--type"})
         EXPECT_TRUE(help.contains(QLatin1String(word))) << word;
 }
 
@@ -109,6 +128,16 @@ TEST(CliOptions, BadCommandLinesGiveOneLine)
         {{"--user", "a", "status", "uuid", "read"}, "STATUS"},
         {{"--user", "a", "--notice", "listen"}, "send only"},
         {{"--user", "a", "--room", "status", "u", "1"}, "send only"},
+        {{"--user", "a", "room"}, "subcommand"},
+        {{"--user", "a", "room", "paint", "team"}, "paint"},
+        {{"--user", "a", "room", "create", "team", "T"}, "room create ROOM NAME MEMBERS"},
+        {{"--user", "a", "room", "destroy", "team", "now"}, "room destroy ROOM"},
+        {{"--user", "a", "room", "kick", "", "bob"}, "ROOM"},
+        {{"--user", "a", "room", "type", "team", "big"}, "big"},
+        {{"--user", "a", "room", "create", "team", "T", "bob", "--type", "x"}, "'x'"},
+        {{"--user", "a", "--type", "2", "room", "rename", "team", "T"}, "--type"},
+        {{"--user", "a", "--type", "2", "listen"}, "--type"},
+        {{"room", "destroy", "team"}, "--user"},
     };
     for (const BadLine &bad : cases) {
         QStringList arguments = bad.arguments;

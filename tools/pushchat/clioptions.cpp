@@ -4,6 +4,7 @@
 #include <QCommandLineParser>
 
 #include <cmath>
+#include <optional>
 
 namespace {
 
@@ -16,11 +17,25 @@ const char *const kDescription =
     "  send TO TEXT                send TEXT to user (or, with --room, room) TO\n"
     "  location TARGET FIRST SECOND  publish \"FIRST:SECOND\" for TARGET\n"
     "  status UUID STATUS          ask the server to set message UUID's status\n"
+    "  room create ROOM NAME MEMBERS [--type N]\n"
+    "                              ask the server for room ROOM named NAME with\n"
+    "                              MEMBERS (user ids separated by commas) and you\n"
+    "  room invite ROOM MEMBERS    ask the server to add MEMBERS to ROOM\n"
+    "  room kick ROOM MEMBERS      ask the server to remove MEMBERS from ROOM\n"
+    "  room rename ROOM NAME       ask the server to rename ROOM to NAME\n"
+    "  room owner ROOM MEMBER      ask the server to make MEMBER the room's owner\n"
+    "  room type ROOM N            ask the server to make ROOM of kind N\n"
+    "  room destroy ROOM           ask the server to close ROOM\n"
     "\n"
-    "send, location and status log in, wait for the connection, send, log out\n"
-    "and exit 0 only when the message was published. Exit statuses: 0 done,\n"
-    "1 not published, 2 no connection within the timeout, 3 set-up failure,\n"
-    "64 usage error, 130 interrupted.";
+    "ROOM is a room id; the room's JID is ROOM@<domain>. What the server makes\n"
+    "of a room request shows in listen.\n"
+    "\n"
+    "send, location, status and room log in, wait for the connection, send, log\n"
+    "out and exit 0 only when the request was published (room invite and room\n"
+    "rename: when it was handed over while connected, as the library reports\n"
+    "nothing more for them). Exit statuses: 0 done, 1 not published, 2 no\n"
+    "connection within the timeout, 3 set-up failure, 64 usage error,\n"
+    "130 interrupted.";
 
 // Upper bound of --timeout, so that the milliseconds always fit.
 constexpr double kMaxTimeoutSeconds = 24 * 3600;
@@ -50,14 +65,17 @@ struct OptionSet {
                                QStringLiteral("seconds"), QStringLiteral("10")};
     QCommandLineOption notice{QStringLiteral("notice"), QStringLiteral("send: send a notice, readable by all.")};
     QCommandLineOption room{QStringLiteral("room"), QStringLiteral("send: TO is a room.")};
+    QCommandLineOption type{QStringLiteral("type"), QStringLiteral("room create: the room's kind (default 0)."),
+                            QStringLiteral("n")};
     QCommandLineOption help{QStringList{QStringLiteral("h"), QStringLiteral("help")},
                             QStringLiteral("Show this help.")};
 
     void addTo(QCommandLineParser &parser) const
     {
         parser.setApplicationDescription(QString::fromUtf8(kDescription));
-        parser.addOptions({host, port, user, domain, level, device, serverJid, timeout, notice, room, help});
-        parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("listen, send, location or status."),
+        parser.addOptions({host, port, user, domain, level, device, serverJid, timeout, notice, room, type, help});
+        parser.addPositionalArgument(QStringLiteral("command"),
+                                     QStringLiteral("listen, send, location, status or room."),
                                      QStringLiteral("command [arguments...]"));
     }
 };
@@ -74,6 +92,7 @@ const CommandSpec kCommands[] = {
     {"send", CliOptions::Command::Send, 2, "send TO TEXT"},
     {"location", CliOptions::Command::Location, 3, "location TARGET FIRST SECOND"},
     {"status", CliOptions::Command::Status, 2, "status UUID STATUS"},
+    {"room", CliOptions::Command::Room, -1, "room SUBCOMMAND ARGUMENTS..."}, // checked by RoomRequest
 };
 
 bool toInt(const QString &text, int *value)
@@ -140,7 +159,7 @@ bool CliOptions::parse(const QStringList &arguments)
 
     QStringList positional = parser.positionalArguments();
     if (positional.isEmpty())
-        return fail(QStringLiteral("Missing command: listen, send, location or status. See --help."));
+        return fail(QStringLiteral("Missing command: listen, send, location, status or room. See --help."));
     const QString name = positional.takeFirst();
     const CommandSpec *spec = nullptr;
     for (const CommandSpec &candidate : kCommands) {
@@ -148,8 +167,8 @@ bool CliOptions::parse(const QStringList &arguments)
             spec = &candidate;
     }
     if (!spec)
-        return fail(QStringLiteral("Unknown command '%1': use listen, send, location or status.").arg(name));
-    if (positional.size() != spec->argumentCount)
+        return fail(QStringLiteral("Unknown command '%1': use listen, send, location, status or room.").arg(name));
+    if (spec->argumentCount >= 0 && positional.size() != spec->argumentCount)
         return fail(QStringLiteral("'%1' takes %2 argument(s), %3 given: pushchat [options] %4.")
                         .arg(name)
                         .arg(spec->argumentCount)
@@ -162,6 +181,14 @@ bool CliOptions::parse(const QStringList &arguments)
         return fail(QStringLiteral("--notice and --room apply to send only."));
     if (m_command == Command::Status && !toInt(m_arguments.at(1), &m_status))
         return fail(QStringLiteral("STATUS must be an integer, not '%1'.").arg(m_arguments.at(1)));
+    std::optional<QString> type;
+    if (parser.isSet(options.type))
+        type = parser.value(options.type);
+    if (m_command != Command::Room && type)
+        return fail(QStringLiteral("--type applies to room create only."));
+    QString roomError;
+    if (m_command == Command::Room && !m_roomRequest.parse(m_arguments, type, &roomError))
+        return fail(roomError);
 
     m_user = parser.value(options.user);
     if (m_user.isEmpty())

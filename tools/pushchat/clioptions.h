@@ -8,10 +8,13 @@
 //   pushchat [options] send [--notice] [--room] TO TEXT
 //   pushchat [options] location TARGET FIRST SECOND
 //   pushchat [options] status UUID STATUS
+//   pushchat [options] room SUBCOMMAND ARGUMENTS... (see roomrequest.h)
 //
 // parse() checks everything that can be checked without a network: option
 // values, the command and its argument count; error() is then one line
 // meant for stderr.
+
+#include "roomrequest.h"
 
 #include <QString>
 #include <QStringList>
@@ -21,7 +24,7 @@
 
 class CliOptions {
 public:
-    enum class Command { None, Listen, Send, Location, Status };
+    enum class Command { None, Listen, Send, Location, Status, Room };
 
     /// Parses `arguments`, the program name first. False on any error.
     bool parse(const QStringList &arguments);
@@ -38,6 +41,8 @@ public:
     QStringList commandArguments() const { return m_arguments; }
     /// STATUS of the status command.
     int status() const { return m_status; }
+    /// The room command's subcommand and arguments.
+    const RoomRequest &roomRequest() const { return m_roomRequest; }
 
     QString host() const { return m_host; }
     int port() const { return m_port; }
@@ -62,6 +67,7 @@ private:
     Command m_command = Command::None;
     QStringList m_arguments;
     int m_status = 0;
+    RoomRequest m_roomRequest;
     QString m_host = QStringLiteral("127.0.0.1");
     int m_port = 1883;
     QString m_user;

@@ -30,6 +30,8 @@ ExitCode CommandRunner::run()
         return location();
     case CliOptions::Command::Status:
         return status();
+    case CliOptions::Command::Room:
+        return room();
     case CliOptions::Command::None:
         break;
     }
@@ -116,4 +118,10 @@ ExitCode CommandRunner::status()
     const auto status = static_cast<MSG_STATUS>(m_options.status());
     return sendOnce("status change",
                     [&](Message_lib &library) { return library.modifyMessageStatus(uuid, status); });
+}
+
+ExitCode CommandRunner::room()
+{
+    const RoomRequest &request = m_options.roomRequest();
+    return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
 }

@@ -5,9 +5,10 @@
 // status (exitcode.h). Failures are reported as one line on stderr.
 //
 // listen prints the library's events on `out` until a termination signal,
-// then logs out and returns 0. send, location and status log in, wait for
-// the connection, make one call to the library, log out in order and
-// return 0 only if the library published.
+// then logs out and returns 0. send, location, status and room log in,
+// wait for the connection, make one call to the library, log out in order
+// and return 0 only if the library published (roomrequest.h tells the two
+// room requests the library reports nothing for).
 
 #include "exitcode.h"
 
@@ -33,6 +34,7 @@ private:
     ExitCode send();
     ExitCode location();
     ExitCode status();
+    ExitCode room();
     /// Logs in, runs `call` once connected (1 means published) and logs out.
     ExitCode sendOnce(const char *what, const std::function<int(Message_lib &)> &call);
     /// Logs in and waits; anything but Ok has been reported.

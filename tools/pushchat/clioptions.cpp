@@ -161,20 +161,20 @@ bool CliOptions::parse(const QStringList &arguments)
     if (positional.isEmpty())
         return fail(QStringLiteral("Missing command: listen, send, location, status or room. See --help."));
     const QString name = positional.takeFirst();
-    const CommandSpec *spec = nullptr;
+    const CommandSpec *entry = nullptr;
     for (const CommandSpec &candidate : kCommands) {
         if (name == QLatin1String(candidate.name))
-            spec = &candidate;
+            entry = &candidate;
     }
-    if (!spec)
+    if (!entry)
         return fail(QStringLiteral("Unknown command '%1': use listen, send, location, status or room.").arg(name));
-    if (spec->argumentCount >= 0 && positional.size() != spec->argumentCount)
+    if (entry->argumentCount >= 0 && positional.size() != entry->argumentCount)
         return fail(QStringLiteral("'%1' takes %2 argument(s), %3 given: pushchat [options] %4.")
                         .arg(name)
-                        .arg(spec->argumentCount)
+                        .arg(entry->argumentCount)
                         .arg(positional.size())
-                        .arg(QLatin1String(spec->usage)));
-    m_command = spec->command;
+                        .arg(QLatin1String(entry->usage)));
+    m_command = entry->command;
     m_arguments = positional;
 
     if (m_command != Command::Send && (m_notice || m_room))

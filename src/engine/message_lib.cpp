@@ -80,3 +80,43 @@ int Message_lib::setRoomCreater(QString roomId, QString memberId)
 {
     return d->setRoomCreater(roomId, memberId);
 }
+
+void Message_lib::fetchConversations(MediaInfo::MessageType type, int page, int pageSize)
+{
+    d->fetchConversations(type, page, pageSize);
+}
+
+void Message_lib::getMsgByConvid(QString convId, int page, int pageSize)
+{
+    d->getMsgByConvid(convId, page, pageSize);
+}
+
+void Message_lib::startPullMessage(int pullType, int start, int count, QString msgUuid)
+{
+    d->startPullMessage(pullType, start, count, msgUuid);
+}
+
+void Message_lib::startSyncMessage(QString msgUuid)
+{
+    d->startSyncMessage(msgUuid);
+}
+
+int Message_lib::remoteDesktopControl(QString ignored, QString jid, QString text)
+{
+    return d->remoteDesktopControl(ignored, jid, text) ? 1 : 0;
+}
+
+int Message_lib::remoteDesktopBeControl(QString ignored, QString jid, QString text)
+{
+    return d->remoteDesktopBeControl(ignored, jid, text) ? 1 : 0;
+}
+
+int Message_lib::remoteDesktopControlReply(QString ignored, QString jid, QString text)
+{
+    return d->remoteDesktopControlReply(ignored, jid, text) ? 1 : 0;
+}
+
+int Message_lib::remoteDesktopBeControlReply(QString ignored, QString jid, QString text)
+{
+    return d->remoteDesktopBeControlReply(ignored, jid, text) ? 1 : 0;
+}

@@ -76,6 +76,22 @@ public:
     /// Hands the creator role of the room to `memberId`.
     int setRoomCreater(QString roomId, QString memberId);
 
+    // History. Each asks the server; the answer arrives as onConversations,
+    // onConversationDetail or onHistoryMessages. Nothing is sent without a
+    // login.
+    void fetchConversations(MediaInfo::MessageType type, int page, int pageSize);
+    void getMsgByConvid(QString convId, int page, int pageSize);
+    void startPullMessage(int pullType, int start, int count, QString msgUuid);
+    void startSyncMessage(QString msgUuid);
+
+    // Remote-desktop signalling with the peer `jid` (completed with the
+    // domain when it has no "@"); `text` is free for the applications. The
+    // first argument is not used. 1 if published, 0 if not.
+    int remoteDesktopControl(QString ignored, QString jid, QString text);
+    int remoteDesktopBeControl(QString ignored, QString jid, QString text);
+    int remoteDesktopControlReply(QString ignored, QString jid, QString text);
+    int remoteDesktopBeControlReply(QString ignored, QString jid, QString text);
+
     /// The engine, for advanced use and tests.
     MessagePrivate *engine() const { return d; }
 

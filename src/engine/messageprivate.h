@@ -118,6 +118,24 @@ public:
     int setRoomCreater(const QString &roomId, const QString &memberId);
     int modifyRoomType(QString roomId, ROOM_TYPE type);
 
+    // --- history over the push channel ---------------------------------
+    // Each sends one request to the server (nothing without a login); the
+    // answers arrive as onConversations, onConversationDetail and
+    // onHistoryMessages, their bodies as the server wrote them.
+    void fetchConversations(MediaInfo::MessageType type, int page, int pageSize);
+    void getMsgByConvid(QString convId, int page, int pageSize);
+    void startSyncMessage(QString msgUuid);
+    void startPullMessage(int pullType, int start, int count, QString msgUuid);
+
+    // --- remote-desktop signalling --------------------------------------
+    // Each sends the caller's text to the peer (completed with the domain
+    // when it has no "@"); the first argument is not used. True when
+    // published.
+    bool remoteDesktopControl(QString ignored, QString peer, QString body);
+    bool remoteDesktopBeControl(QString ignored, QString peer, QString body);
+    bool remoteDesktopControlReply(QString ignored, QString peer, QString body);
+    bool remoteDesktopBeControlReply(QString ignored, QString peer, QString body);
+
     // --- push client callbacks (delivery thread) -----------------------
     void messgeRecieved(char *topic, char *payload) override;
     void messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain) override;
@@ -142,6 +160,14 @@ public:
     void SysGroupRefreshed(MQTTMessage *msg) override;
     void SysGroupSetCreater(MQTTMessage *msg) override;
     void SysGroupModifyType(MQTTMessage *msg) override;
+    // Remote desktop and history: straight to the application's callbacks.
+    void RemoteDesktopControlRequest(MQTTMessage *msg) override;
+    void RemoteDesktopControlResponse(MQTTMessage *msg) override;
+    void RemoteDesktopBeControlRequest(MQTTMessage *msg) override;
+    void RemoteDesktopBeControlResponse(MQTTMessage *msg) override;
+    void historyMessageResponse(MQTTMessage *msg) override;
+    void historyMessageConvResonse(MQTTMessage *msg) override;
+    void historyMessageConvDetailResonse(MQTTMessage *msg) override;
 
     // --- state, for tests and diagnostics ------------------------------
     std::string userJid() const { return jid; }
@@ -161,6 +187,9 @@ private:
     /// The JID of `id`, completed with the domain when it has no "@".
     QString completeJid(const QString &id) const;
     std::string serverJidText() const;
+    /// A remote-desktop message to `peer` on the given chain; true when
+    /// published.
+    bool sendRemoteDesktop(int family, int command, const QString &peer, const QString &body);
 
     // Room events: the work handed to the notification threads, and the
     // synthetic room message. See roomnotifier.h for the threads' bound.

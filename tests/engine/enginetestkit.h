@@ -84,6 +84,9 @@ struct AppState {
     std::vector<Delivery> messages;
     std::vector<std::pair<QString, QString>> presences;     // from, body
     std::vector<std::tuple<QString, QString, int>> statuses; // modifier, uuid, status
+    // The const char* callbacks (history, remote desktop): the callback's
+    // name followed by its arguments, copied.
+    std::vector<std::vector<std::string>> rawCalls;
 };
 
 class RecordingApp : public ImEventReciever {
@@ -105,6 +108,25 @@ public:
     {
         record([&](AppState &s) { s.statuses.emplace_back(modifier, uuid, status); });
     }
+    void onHistoryMessages(const char *json) override { raw({ "onHistoryMessages", json }); }
+    void onConversations(const char *json) override { raw({ "onConversations", json }); }
+    void onConversationDetail(const char *json) override { raw({ "onConversationDetail", json }); }
+    void onRemoteDesktopControlRequest(const char *from, const char *to, const char *body) override
+    {
+        raw({ "onRemoteDesktopControlRequest", from, to, body });
+    }
+    void onRemoteDesktopControlResponse(const char *from, const char *to, const char *body) override
+    {
+        raw({ "onRemoteDesktopControlResponse", from, to, body });
+    }
+    void onRemoteDesktopBeControlRequest(const char *from, const char *to, const char *body) override
+    {
+        raw({ "onRemoteDesktopBeControlRequest", from, to, body });
+    }
+    void onRemoteDesktopBeControlResponse(const char *from, const char *to, const char *body) override
+    {
+        raw({ "onRemoteDesktopBeControlResponse", from, to, body });
+    }
 
     template <class Predicate>
     bool waitFor(Predicate predicate, std::chrono::milliseconds timeout = kTimeout)
@@ -123,6 +145,10 @@ public:
     }
 
 private:
+    void raw(std::vector<std::string> call)
+    {
+        record([&](AppState &s) { s.rawCalls.push_back(std::move(call)); });
+    }
     template <class Change>
     void record(Change change)
     {

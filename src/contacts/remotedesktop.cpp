@@ -1,0 +1,70 @@
+// Remote-desktop signalling: the two requests and two replies sent to a
+// peer, and the handlers that hand the incoming ones to the application.
+// The bodies are the applications' free text.
+
+#include "messageprivate.h"
+
+#include "enginelog.h"
+
+bool MessagePrivate::sendRemoteDesktop(int family, int command, const QString &peer, const QString &body)
+{
+    const QString target = completeJid(peer);
+    MQTTMessage msg(pushClient, true);
+    msg.setSysProtocol(target.toUtf8().constData(), 2, family, command);
+    if (!msg.fromText(QString::fromStdString(jid), target, body, MediaInfo::MESSAGE_TYPE_SYSTEM,
+                      SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString()))
+        return false;
+    return msg.send(2);
+}
+
+bool MessagePrivate::remoteDesktopControl(QString ignored, QString peer, QString body)
+{
+    Q_UNUSED(ignored)
+    return sendRemoteDesktop(RemoteDesktopCMD, RemoteDesktopSub_ReqCtl, peer, body);
+}
+
+bool MessagePrivate::remoteDesktopBeControl(QString ignored, QString peer, QString body)
+{
+    Q_UNUSED(ignored)
+    return sendRemoteDesktop(RemoteDesktopCMD, RemoteDesktopSub_ReqBeCtl, peer, body);
+}
+
+bool MessagePrivate::remoteDesktopControlReply(QString ignored, QString peer, QString body)
+{
+    Q_UNUSED(ignored)
+    return sendRemoteDesktop(RemoteDesktopINFO, RemoteDesktopSubInfo_ReqCtl, peer, body);
+}
+
+bool MessagePrivate::remoteDesktopBeControlReply(QString ignored, QString peer, QString body)
+{
+    Q_UNUSED(ignored)
+    return sendRemoteDesktop(RemoteDesktopINFO, RemoteDesktopSubInfo_ReqBeCtl, peer, body);
+}
+
+void MessagePrivate::RemoteDesktopControlRequest(MQTTMessage *msg)
+{
+    PUSHCHAT_ENGINE_LOG("RemoteDesktopControlRequest") << "topic:" << msg->topicText.c_str();
+    if (imReciever != nullptr)
+        imReciever->onRemoteDesktopControlRequest(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
+}
+
+void MessagePrivate::RemoteDesktopControlResponse(MQTTMessage *msg)
+{
+    PUSHCHAT_ENGINE_LOG("RemoteDesktopControlResponse") << "topic:" << msg->topicText.c_str();
+    if (imReciever != nullptr)
+        imReciever->onRemoteDesktopControlResponse(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
+}
+
+void MessagePrivate::RemoteDesktopBeControlRequest(MQTTMessage *msg)
+{
+    PUSHCHAT_ENGINE_LOG("RemoteDesktopBeControlRequest") << "topic:" << msg->topicText.c_str();
+    if (imReciever != nullptr)
+        imReciever->onRemoteDesktopBeControlRequest(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
+}
+
+void MessagePrivate::RemoteDesktopBeControlResponse(MQTTMessage *msg)
+{
+    PUSHCHAT_ENGINE_LOG("RemoteDesktopBeControlResponse") << "topic:" << msg->topicText.c_str();
+    if (imReciever != nullptr)
+        imReciever->onRemoteDesktopBeControlResponse(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
+}

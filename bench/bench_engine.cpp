@@ -234,12 +234,7 @@ public:
     explicit ChatApp(Arrivals &arrivals) : arrivals_(arrivals) {}
     std::atomic<long> probes{ 0 };
 
-    void onConnected() override
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        connected_ = true;
-        changed_.notify_all();
-    }
+    void onConnected() override { connected_.set(true); }
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
                           QString stamp, bool readable) override
     {
@@ -250,17 +245,11 @@ public:
         else
             arrivals_.arrived();
     }
-    bool waitConnected()
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return connected_; });
-    }
+    bool waitConnected() { return connected_.waitSet(); }
 
 private:
     Arrivals &arrivals_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool connected_ = false;
+    benchmqtt::Flag connected_;
 };
 
 // alice and bob logged in through the broker, bob's subscriptions in force.

@@ -44,23 +44,12 @@ public:
             onMessage(topic, payload);
         arrivals_.arrived();
     }
-    void connectStatus(bool connected) override
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        online_ = connected;
-        changed_.notify_all();
-    }
-    bool waitOnline()
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return online_; });
-    }
+    void connectStatus(bool connected) override { online_.set(connected); }
+    bool waitOnline() { return online_.waitSet(); }
 
 private:
     Arrivals& arrivals_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool online_ = false;
+    benchmqtt::Flag online_;
 };
 
 struct PushPair

@@ -89,6 +89,28 @@ private:
     long wake_ = 0;
 };
 
+// A flag one thread raises and another waits for (a connection coming up).
+class Flag
+{
+public:
+    void set(bool value)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        value_ = value;
+        changed_.notify_all();
+    }
+    bool waitSet(std::chrono::milliseconds timeout = std::chrono::seconds(10))
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return value_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool value_ = false;
+};
+
 // A bare libmosquitto client with the push client's session and socket
 // options (MQTT 3.1.1, clean session off, its own network thread from
 // mosquitto_loop_start), publishing and subscribing at QoS 2. Every message

@@ -218,7 +218,12 @@ inline std::string sealEnvelope(const QString &from, const QString &to, const QS
 class WireObserver : public PushEventReciever {
 public:
     explicit WireObserver(std::string id = "wire-observer") : id_(std::move(id)) {}
-    ~WireObserver() override { client_.reset(); }
+    ~WireObserver() override
+    {
+        // Callbacks read client_ until the client's destructor returns.
+        delete client_.get();
+        client_.release();
+    }
 
     /// Connects and waits until its subscription is in force.
     bool start(const MosquittoBroker &broker)

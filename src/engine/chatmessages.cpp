@@ -3,7 +3,9 @@
 
 #include "messageprivate.h"
 
+#include "compactjson.h"
 #include "enginelog.h"
+#include "jsonkeycheck.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -65,7 +67,7 @@ void MessagePrivate::modifyMessageStatusRun(QString uuid, MSG_STATUS status)
                                                << "topic:" << msg.protocol.topic.c_str() << "type"
                                                << msg.protocol.code;
     const QJsonObject body{ { QStringLiteral("uuid"), uuid }, { QStringLiteral("status"), int(status) } };
-    if (msg.fromText(text(jid), serverJid(), QString::fromUtf8(QJsonDocument(body).toJson(QJsonDocument::Compact)),
+    if (msg.fromText(text(jid), serverJid(), CompactJson::text(body),
                      MediaInfo::MESSAGE_TYPE_SYSTEM, SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(),
                      QString()))
         msg.send(2);
@@ -99,7 +101,7 @@ void MessagePrivate::messageModifyStatus(MQTTMessage *msg)
 
 void MessagePrivate::messageModifyClientStatus(MQTTMessage *msg)
 {
-    const QJsonObject obj = QJsonDocument::fromJson(QByteArray::fromStdString(msg->body)).object();
+    const QJsonObject obj = JsonKeyCheck::parse(QByteArray::fromStdString(msg->body)).object();
     if (obj.isEmpty())
         return; // not a status notification
     const QString uuid = obj.value(QLatin1String("uuid")).toString();

@@ -4,17 +4,10 @@
 
 #include "messageprivate.h"
 
+#include "compactjson.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
-
-namespace {
-
-QString compact(const QJsonObject &body)
-{
-    return QString::fromUtf8(QJsonDocument(body).toJson(QJsonDocument::Compact));
-}
-
-} // namespace
 
 void MessagePrivate::fetchConversations(MediaInfo::MessageType type, int page, int pageSize)
 {
@@ -22,7 +15,7 @@ void MessagePrivate::fetchConversations(MediaInfo::MessageType type, int page, i
                             { QStringLiteral("page"), page },
                             { QStringLiteral("pagesize"), pageSize },
                             { QStringLiteral("my_sec_level"), securityLevel } };
-    sendSystemRequest(HistoryCMD, HistorySub_Converstaion, compact(body));
+    sendSystemRequest(HistoryCMD, HistorySub_Converstaion, CompactJson::text(body));
 }
 
 void MessagePrivate::getMsgByConvid(QString convId, int page, int pageSize)
@@ -31,14 +24,14 @@ void MessagePrivate::getMsgByConvid(QString convId, int page, int pageSize)
                             { QStringLiteral("pagesize"), pageSize },
                             { QStringLiteral("my_sec_level"), securityLevel },
                             { QStringLiteral("conv_id"), convId } };
-    sendSystemRequest(HistoryCMD, HistorySub_Converstaion_Detail, compact(body));
+    sendSystemRequest(HistoryCMD, HistorySub_Converstaion_Detail, CompactJson::text(body));
 }
 
 void MessagePrivate::startSyncMessage(QString msgUuid)
 {
     const QJsonObject body{ { QStringLiteral("my_sec_level"), securityLevel },
                             { QStringLiteral("msg_uuid"), msgUuid } };
-    sendSystemRequest(HistoryCMD, HistorySub_List, compact(body));
+    sendSystemRequest(HistoryCMD, HistorySub_List, CompactJson::text(body));
 }
 
 void MessagePrivate::startPullMessage(int pullType, int start, int count, QString msgUuid)
@@ -48,7 +41,7 @@ void MessagePrivate::startPullMessage(int pullType, int start, int count, QStrin
                             { QStringLiteral("pull_type"), pullType },
                             { QStringLiteral("start"), start },
                             { QStringLiteral("count"), count } };
-    sendSystemRequest(HistoryCMD, HistorySub_List, compact(body));
+    sendSystemRequest(HistoryCMD, HistorySub_List, CompactJson::text(body));
 }
 
 void MessagePrivate::historyMessageResponse(MQTTMessage *msg)

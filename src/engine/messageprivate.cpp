@@ -3,6 +3,7 @@
 
 #include "messageprivate.h"
 
+#include "compactjson.h"
 #include "enginelog.h"
 #include "roomnotifier.h"
 
@@ -198,7 +199,7 @@ MQTTMessage *MessagePrivate::createPresenseMsg(MESSAGE_PRESENCE_TYPE type, std::
     auto *msg = new MQTTMessage(pushClient, true);
     msg->setSysProtocol(serverJidText().c_str(), 2, MESSAGE_INFO, MESSAGE_PRESENCE);
     msg->fromText(QString::fromStdString(jid), serverJid(),
-                  QString::fromUtf8(QJsonDocument(body).toJson(QJsonDocument::Compact)),
+                  CompactJson::text(body),
                   MediaInfo::MESSAGE_TYPE_SYSTEM, SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(),
                   QString());
     return msg;

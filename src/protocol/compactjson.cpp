@@ -1,5 +1,6 @@
 #include "compactjson.h"
 
+#include <QJsonDocument>
 #include <QString>
 
 #include <cstring>
@@ -104,4 +105,9 @@ bool CompactJson::isUtf8(const char *data, int n)
         i += extra + 1;
     }
     return true;
+}
+
+QString CompactJson::text(const QJsonObject &object)
+{
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }

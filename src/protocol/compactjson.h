@@ -14,6 +14,8 @@
 // as UTF-8. The caller writes the keys in sorted order, as Qt does.
 
 #include <QByteArray>
+#include <QJsonObject>
+#include <QString>
 
 class CompactJson {
 public:
@@ -22,6 +24,9 @@ public:
     /// Appends a JSON string for the UTF-8 text up to its first NUL.
     static void appendString(QByteArray &out, const char *utf8);
     static void appendInt(QByteArray &out, int value);
+
+    /// Qt's compact text of `object` (a command body).
+    static QString text(const QJsonObject &object);
 
     /// Whether `data` is well-formed UTF-8 (no overlongs, no surrogates).
     static bool isUtf8(const char *data, int size);

@@ -143,3 +143,14 @@ bool JsonKeyCheck::hasRepeatedKey(std::string_view json)
     }
     return false;
 }
+
+QJsonDocument JsonKeyCheck::parse(const QByteArray &json, QJsonParseError *error)
+{
+    const std::string_view text(json.constData(), std::size_t(json.size()));
+    if (!isFlat(text) && hasRepeatedKey(text)) {
+        if (error != nullptr)
+            *error = QJsonParseError{};
+        return QJsonDocument();
+    }
+    return QJsonDocument::fromJson(json, error);
+}

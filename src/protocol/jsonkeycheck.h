@@ -11,6 +11,8 @@
 // text (no array, no nested object) cannot leak and is parsed as it is. Keys are compared as Qt compares them,
 // after escapes are decoded ("\u0061" and "a" are the same key).
 
+#include <QJsonDocument>
+
 #include <string_view>
 
 class JsonKeyCheck {
@@ -19,6 +21,10 @@ public:
     /// well-formed is answered as far as it can be read; the JSON parser
     /// rejects it anyway.
     static bool hasRepeatedKey(std::string_view json);
+
+    /// QJsonDocument::fromJson, except that a text that is not flat and
+    /// repeats a key gives an empty document (and no error code).
+    static QJsonDocument parse(const QByteArray &json, QJsonParseError *error = nullptr);
 
     /// A cheap test that rules out the problem: no array, and no object
     /// other than the outermost, anywhere in the text (not even in strings).

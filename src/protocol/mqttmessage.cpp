@@ -28,19 +28,6 @@ constexpr int kDefaultMsgType = 1;
 constexpr int kDefaultBodyType = 0;
 constexpr int kKeyCount = int(sizeof(keyList) / sizeof(keyList[0]));
 
-// A text with arrays or nested objects in which some object repeats a key
-// is refused (an empty document): Qt's parser would leak the value it
-// drops. A flat text cannot leak and keeps Qt's reading (the last one wins).
-QJsonDocument parseWithoutRepeatedKeys(const QByteArray &json, QJsonParseError *error)
-{
-    const std::string_view text(json.constData(), std::size_t(json.size()));
-    if (!JsonKeyCheck::isFlat(text) && JsonKeyCheck::hasRepeatedKey(text)) {
-        *error = QJsonParseError{};
-        return QJsonDocument();
-    }
-    return QJsonDocument::fromJson(json, error);
-}
-
 // The envelope's JSON document. The text is read as UTF-8 up to its first
 // NUL; malformed sequences become U+FFFD as QString::fromUtf8 makes them,
 // instead of failing the JSON parser. Well-formed text, the common case, is
@@ -51,9 +38,9 @@ QJsonDocument envelopeDocument(QByteArray bytes)
     if (nul >= 0)
         bytes.truncate(nul);
     QJsonParseError error{};
-    QJsonDocument doc = parseWithoutRepeatedKeys(bytes, &error);
+    QJsonDocument doc = JsonKeyCheck::parse(bytes, &error);
     if (error.error == QJsonParseError::IllegalUTF8String && !CompactJson::isUtf8(bytes.constData(), bytes.size()))
-        doc = parseWithoutRepeatedKeys(QString::fromUtf8(bytes).toUtf8(), &error);
+        doc = JsonKeyCheck::parse(QString::fromUtf8(bytes).toUtf8(), &error);
     return doc;
 }
 

@@ -4,6 +4,8 @@
 
 #include "messageprivate.h"
 
+#include "compactjson.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStringList>
@@ -12,11 +14,6 @@
 #include <utility>
 
 namespace {
-
-QString compactJson(const QJsonObject &object)
-{
-    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
-}
 
 // Stores a member under its JID; a JID stored again replaces the earlier one.
 void putMember(Room &room, const QString &jid, const QString &name)
@@ -86,7 +83,7 @@ int MessagePrivate::kickFromRoom(const QString &roomId, const QString &memberLis
     // Who kicked whom, as the server hands it on to every member.
     const QJsonObject kick{ { QStringLiteral("operatorBy"), QString::fromStdString(userId) },
                             { QStringLiteral("memberID"), memberList } };
-    room.operatorBy = compactJson(kick).toStdString();
+    room.operatorBy = CompactJson::text(kick).toStdString();
     for (const QString &part : memberParts(memberList))
         putMember(room, memberJidOf(roomId, part), part);
     return sendRoomCommand(GroupSub_Kick, room) ? 1 : 0;
@@ -113,7 +110,7 @@ int MessagePrivate::setRoomCreater(const QString &roomId, const QString &memberI
 {
     const QJsonObject body{ { QStringLiteral("room_id"), jidWithDomain(roomId) },
                             { QStringLiteral("member_id"), jidWithDomain(memberId) } };
-    return sendSystemRequest(GroupCMD, GroupSub_SetRoomCreater, compactJson(body)) ? 1 : 0;
+    return sendSystemRequest(GroupCMD, GroupSub_SetRoomCreater, CompactJson::text(body)) ? 1 : 0;
 }
 
 int MessagePrivate::modifyRoomType(QString roomId, ROOM_TYPE type)

@@ -39,10 +39,7 @@ constexpr const char *kStampFormat = "yyyy-MM-dd hh:mm:ss";
 // leak what it drops.
 std::optional<QJsonObject> jsonObject(const QByteArray &json)
 {
-    const std::string_view text(json.constData(), std::size_t(json.size()));
-    if (!JsonKeyCheck::isFlat(text) && JsonKeyCheck::hasRepeatedKey(text))
-        return std::nullopt;
-    const QJsonDocument doc = QJsonDocument::fromJson(json);
+    const QJsonDocument doc = JsonKeyCheck::parse(json);
     if (!doc.isObject())
         return std::nullopt;
     return doc.object();

@@ -1,7 +1,9 @@
 // Per-message cost of the wire protocol: topic parse, the receive path
 // (topic + payload parse, decipher, dispatch) and the send path (command
-// topic, envelope, encipher) for a chat message of about 300 bytes.
+// topic, envelope, encipher) for a chat message of about 300 bytes; and the
+// envelope's JSON read directly and through Qt's parser.
 
+#include "envelopereader.h"
 #include "mqttmessage.h"
 
 #include <benchmark/benchmark.h>
@@ -95,6 +97,25 @@ void BM_ReceivePath(benchmark::State &state)
     state.counters["json_bytes"] = double(plain.payload.size() - 1);
 }
 BENCHMARK(BM_ReceivePath);
+
+// The envelope JSON of the chat message above (299 bytes), read into fields.
+void BM_EnvelopeRead(benchmark::State &state, bool direct)
+{
+    MQTTMessage plain(nullptr, false);
+    sendMessage(plain);
+    const QByteArray json = QByteArray::fromStdString(plain.payload.substr(1));
+    EnvelopeReader::Fields fields;
+    for (auto _ : state) {
+        const bool ok = direct ? EnvelopeReader::readCompact(json.constData(), std::size_t(json.size()), fields)
+                               : EnvelopeReader::readDocument(json, fields);
+        if (!ok || fields.body.empty()) {
+            state.SkipWithError("envelope not read");
+            break;
+        }
+    }
+}
+BENCHMARK_CAPTURE(BM_EnvelopeRead, direct, true);
+BENCHMARK_CAPTURE(BM_EnvelopeRead, qt_parser, false);
 
 } // namespace
 

@@ -10,7 +10,6 @@
 #include <QLoggingCategory>
 #include <QtEndian>
 
-#include <array>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -50,34 +49,55 @@ char drawRandomByte()
 QT_WARNING_POP
 
 // The eight key bytes, zero where keyBytes (a public field) is short, so the
-// chaining never indexes past it.
-using KeyBytes = std::array<uchar, 8>;
-
-KeyBytes keyBytesOf(const QVector<char> &keyBytes)
+// chaining never indexes past it; packed little-endian, so that byte i of
+// the word is the key byte of every position p with p mod 8 == i.
+quint64 keyWordOf(const QVector<char> &keyBytes)
 {
-    KeyBytes bytes{};
-    for (int i = 0; i < int(bytes.size()); ++i)
-        bytes[size_t(i)] = uchar(keyBytes.value(i));
-    return bytes;
+    quint64 word = 0;
+    for (int i = 0; i < 8; ++i)
+        word |= quint64(uchar(keyBytes.value(i))) << (8 * i);
+    return word;
 }
 
-// E[p] = X[p] ^ K[p mod 8] ^ E[p-1], E[-1] = 0.
-void encipher(char *block, int size, const KeyBytes &key)
+constexpr quint64 kEveryByte = 0x0101010101010101ULL;
+
+// E[p] = X[p] ^ K[p mod 8] ^ E[p-1], E[-1] = 0. Unrolled, E[p] is the XOR of
+// X[q] ^ K[q mod 8] over q <= p: eight bytes at a time, that is a prefix XOR
+// across the bytes of one little-endian word, then the last enciphered byte
+// before the word XORed into each of its bytes.
+void encipher(char *block, int size, quint64 key)
 {
-    uchar previous = 0;
-    for (int p = 0; p < size; ++p) {
-        previous = uchar(block[p]) ^ key[size_t(p & 7)] ^ previous;
+    quint64 previous = 0;
+    int p = 0;
+    for (; p + 8 <= size; p += 8) {
+        quint64 word = qFromLittleEndian<quint64>(block + p) ^ key;
+        word ^= word << 8;
+        word ^= word << 16;
+        word ^= word << 32;
+        word ^= previous * kEveryByte;
+        qToLittleEndian<quint64>(word, block + p);
+        previous = word >> 56;
+    }
+    for (; p < size; ++p) {
+        previous = uchar(block[p]) ^ uchar(key >> (8 * (p & 7))) ^ previous;
         block[p] = char(previous);
     }
 }
 
-// X[p] = E[p] ^ K[p mod 8] ^ E[p-1], E[-1] = 0.
-void decipher(char *block, int size, const KeyBytes &key)
+// X[p] = E[p] ^ K[p mod 8] ^ E[p-1], E[-1] = 0; each word is read whole
+// before it is overwritten, and its last byte serves as E[p-1] for the next.
+void decipher(char *block, int size, quint64 key)
 {
-    uchar previous = 0;
-    for (int p = 0; p < size; ++p) {
+    quint64 previous = 0;
+    int p = 0;
+    for (; p + 8 <= size; p += 8) {
+        const quint64 enciphered = qFromLittleEndian<quint64>(block + p);
+        qToLittleEndian<quint64>(enciphered ^ key ^ ((enciphered << 8) | previous), block + p);
+        previous = enciphered >> 56;
+    }
+    for (; p < size; ++p) {
         const uchar enciphered = uchar(block[p]);
-        block[p] = char(enciphered ^ key[size_t(p & 7)] ^ previous);
+        block[p] = char(enciphered ^ uchar(key >> (8 * (p & 7))) ^ previous);
         previous = enciphered;
     }
 }
@@ -179,7 +199,7 @@ QByteArray VantrelCrypt::encryptToByteArray(QByteArray plaintext)
         std::memcpy(out + headerSize + 1, integrity, size_t(integritySize));
     if (!payload.isEmpty())
         std::memcpy(out + headerSize + 1 + integritySize, payload.constData(), size_t(payload.size()));
-    encipher(out + headerSize, cypher.size() - headerSize, keyBytesOf(keyBytes));
+    encipher(out + headerSize, cypher.size() - headerSize, keyWordOf(keyBytes));
 
     lastStatus = StatusOk;
     return cypher;
@@ -218,7 +238,7 @@ QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher)
     const uchar flags = uchar(cypher.at(1));
     char *data = cypher.data();
     const int size = cypher.size();
-    decipher(data + headerSize, size - headerSize, keyBytesOf(keyBytes));
+    decipher(data + headerSize, size - headerSize, keyWordOf(keyBytes));
 
     int offset = headerSize + 1;  // past the random byte
     if (flags & FlagChecksum) {

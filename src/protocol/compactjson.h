@@ -30,6 +30,10 @@ public:
 
     /// Whether `data` is well-formed UTF-8 (no overlongs, no surrogates).
     static bool isUtf8(const char *data, int size);
+
+    /// How many leading bytes of `data` stand in a JSON string as they are:
+    /// ASCII from 0x20 up, other than '"' and '\\'. Eight bytes per step.
+    static int plainPrefix(const char *data, int size);
 };
 
 #endif // PUSHCHAT_COMPACTJSON_H

@@ -4,18 +4,16 @@
 
 #include "base64.h"
 #include "compactjson.h"
-#include "jsonkeycheck.h"
+#include "envelopereader.h"
 #include "protocollog.h"
 #include "pushclient.h"
 #include "vantrelcrypt.h"
 
 #include <QDateTime>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QJsonValue>
 #include <QtGlobal>
 
 #include <cstring>
+#include <utility>
 
 Q_LOGGING_CATEGORY(lcProtocol, "pushchat.protocol", QtInfoMsg)
 
@@ -23,26 +21,7 @@ namespace {
 
 constexpr char kPlainLetter = 'a';
 constexpr unsigned long long kPlainMarker = ~0ULL;
-constexpr int kDefaultSecLevel = 9999;
-constexpr int kDefaultMsgType = 1;
-constexpr int kDefaultBodyType = 0;
 constexpr int kKeyCount = int(sizeof(keyList) / sizeof(keyList[0]));
-
-// The envelope's JSON document. The text is read as UTF-8 up to its first
-// NUL; malformed sequences become U+FFFD as QString::fromUtf8 makes them,
-// instead of failing the JSON parser. Well-formed text, the common case, is
-// parsed as it is.
-QJsonDocument envelopeDocument(QByteArray bytes)
-{
-    const int nul = bytes.indexOf('\0');
-    if (nul >= 0)
-        bytes.truncate(nul);
-    QJsonParseError error{};
-    QJsonDocument doc = JsonKeyCheck::parse(bytes, &error);
-    if (error.error == QJsonParseError::IllegalUTF8String && !CompactJson::isUtf8(bytes.constData(), bytes.size()))
-        doc = JsonKeyCheck::parse(QString::fromUtf8(bytes).toUtf8(), &error);
-    return doc;
-}
 
 // Seeds this thread's Qt generator from the millisecond clock, as the
 // cipher does, and draws one number.
@@ -93,41 +72,33 @@ bool MQTTMessage::encText(QString fromJid, QString toJid, QString text, MediaInf
     // strings up to their first NUL byte.
     QByteArray json;
     json.reserve(int(body.size() + from.size() + to.size() + messageKey.size() + stamp.size()) + 64);
-    json.append('{');
-    CompactJson::appendKey(json, "b");
+    json.append("{\"b\":", 5);
     CompactJson::appendString(json, body.c_str());
-    json.append(',');
-    CompactJson::appendKey(json, "bt");
+    json.append(",\"bt\":", 6);
     CompactJson::appendInt(json, bodyType);
-    json.append(',');
-    CompactJson::appendKey(json, "f");
+    json.append(",\"f\":", 5);
     CompactJson::appendString(json, from.c_str());
-    json.append(',');
-    CompactJson::appendKey(json, "k");
+    json.append(",\"k\":", 5);
     CompactJson::appendString(json, messageKey.c_str());
-    json.append(',');
-    CompactJson::appendKey(json, "p");
+    json.append(",\"p\":", 5);
     CompactJson::appendString(json, p.c_str());
-    json.append(',');
-    CompactJson::appendKey(json, "s");
+    json.append(",\"s\":", 5);
     CompactJson::appendInt(json, secLevel);
-    json.append(',');
-    CompactJson::appendKey(json, "st");
+    json.append(",\"st\":", 6);
     CompactJson::appendString(json, stamp.c_str());
-    json.append(',');
-    CompactJson::appendKey(json, "t");
+    json.append(",\"t\":", 5);
     CompactJson::appendString(json, to.c_str());
-    json.append(',');
-    CompactJson::appendKey(json, "v");
+    json.append(",\"v\":", 5);
     CompactJson::appendInt(json, msgType);
     json.append('}');
 
     if (encrypted) {
         char letter = '\0';
         VantrelCrypt crypt(getKey(letter));
-        const QByteArray cipherText = crypt.encryptToByteArray(json).toBase64();
+        const QByteArray cipherText = crypt.encryptToByteArray(std::move(json));
         payload.assign(1, letter);
-        payload.append(cipherText.constData(), std::size_t(cipherText.size()));
+        // The text form of encryptToString, written straight into the payload.
+        Base64::encode(cipherText.constData(), cipherText.size(), payload);
     } else {
         payload.assign(1, kPlainLetter);
         payload.append(json.constData(), std::size_t(json.size()));
@@ -152,57 +123,34 @@ bool MQTTMessage::parseMessage(const char *data)
     const char *rest = data + 1;
     const unsigned long long key = getKey(letter);
 
-    QByteArray text;
+    // The JSON text, up to its first NUL.
+    const char *json = rest;
+    std::size_t size = 0;
+    QByteArray plain;
     if (key == kPlainMarker) {
-        text = QByteArray(rest);
+        size = std::strlen(rest);
         encrypted = false;
     } else {
         VantrelCrypt crypt(key);
-        const QByteArray plain =
-            crypt.decryptToByteArray(Base64::decode(rest, int(std::strlen(rest))));
-        if (!plain.isNull())
-            text = plain;
+        plain = crypt.decryptToByteArray(Base64::decode(rest, int(std::strlen(rest))));
+        json = plain.constData();
+        const void *nul = std::memchr(json, '\0', std::size_t(plain.size()));
+        size = nul != nullptr ? std::size_t(static_cast<const char *>(nul) - json) : std::size_t(plain.size());
         encrypted = true;
     }
 
-    const QJsonDocument doc = envelopeDocument(text);
-    if (!doc.isObject())
-        return false;
-    // One pass over the object (Qt keeps its keys sorted and unique);
-    // missing or mistyped keys read as the defaults.
-    messageKey.clear();
-    p.clear();
-    from.clear();
-    to.clear();
-    body.clear();
-    stamp.clear();
-    secLevel = kDefaultSecLevel;
-    msgType = kDefaultMsgType;
-    bodyType = kDefaultBodyType;
-    const QJsonObject obj = doc.object();
-    for (auto it = obj.constBegin(); it != obj.constEnd(); ++it) {
-        const QString key = it.key();
-        const QJsonValue value = it.value();
-        if (key == QLatin1String("b"))
-            body = value.isObject() ? QJsonDocument(value.toObject()).toJson().toStdString()
-                                    : value.toString().toStdString();
-        else if (key == QLatin1String("bt"))
-            bodyType = value.toInt(kDefaultBodyType);
-        else if (key == QLatin1String("f"))
-            from = value.toString().toStdString();
-        else if (key == QLatin1String("k"))
-            messageKey = value.toString().toStdString();
-        else if (key == QLatin1String("p"))
-            p = value.toString().toStdString();
-        else if (key == QLatin1String("s"))
-            secLevel = value.toInt(kDefaultSecLevel);
-        else if (key == QLatin1String("st"))
-            stamp = value.toString().toStdString();
-        else if (key == QLatin1String("t"))
-            to = value.toString().toStdString();
-        else if (key == QLatin1String("v"))
-            msgType = value.toInt(kDefaultMsgType);
-    }
+    EnvelopeReader::Fields fields;
+    if (!EnvelopeReader::read(json, size, fields))
+        return false; // not a JSON object: the fields keep their values
+    messageKey = std::move(fields.messageKey);
+    p = std::move(fields.p);
+    from = std::move(fields.from);
+    to = std::move(fields.to);
+    body = std::move(fields.body);
+    stamp = std::move(fields.stamp);
+    secLevel = fields.secLevel;
+    msgType = fields.msgType;
+    bodyType = fields.bodyType;
     return true;
 }
 

@@ -58,6 +58,46 @@ TEST(Deflater, MatchesQCompressForEverySize)
     }
 }
 
+// Inputs up to Deflater::smallInputLimit go through the stream with the
+// smaller hash table and symbol buffer. Contents that stress what that could
+// change: long hash chains of true matches (two-letter alphabet), chains
+// full of false candidates (bytes that are multiples of 16 collide heavily in
+// the smaller table), repeats at every distance, and real envelopes. Every
+// length up to just past the limit, a few seeds each; calls alternate with
+// long inputs so that both kept streams are reset between uses.
+TEST(Deflater, ShortInputStreamMatchesQCompress)
+{
+    Deflater deflater;
+    const QByteArray long_ = sample(Content::Text, 5000, 7);
+    const char *const words[] = {"the", "build", "is", "green", "again,", "alice", "bob", "周一见", "\\n", "42",
+                                 "merge", "request", "room", "\"quoted\""};
+    int mismatches = 0;
+    for (unsigned seed = 1; seed <= 2; ++seed) {
+        for (int size = 0; size <= Deflater::smallInputLimit + 8; ++size) {
+            std::mt19937 generator(seed * 100003u + unsigned(size));
+            QByteArray binary(size, Qt::Uninitialized), nibbles(size, Qt::Uninitialized),
+                    periodic(size, Qt::Uninitialized);
+            const int period = 1 + int(generator() % 300);
+            for (int i = 0; i < size; ++i) {
+                binary[i] = generator() % 2 ? 'a' : 'b';
+                nibbles[i] = char((generator() % 16) << 4);
+                periodic[i] = i < period || generator() % 64 == 0 ? char(generator()) : periodic[i - period];
+            }
+            QByteArray envelope("{\"b\":\"");
+            while (envelope.size() < size)
+                envelope += QByteArray(words[generator() % (sizeof(words) / sizeof(words[0]))]) + ' ';
+            envelope += "\",\"bt\":0,\"f\":\"alice@im.example.org\",\"k\":\"6f1c2a9e\",\"p\":\"\",\"s\":9999}";
+            for (const QByteArray &data : {binary, nibbles, periodic, envelope.right(size)}) {
+                if (deflater.compress(data) != qCompress(data, 9))
+                    ++mismatches;
+            }
+            if (size % 97 == 0 && deflater.compress(long_) != qCompress(long_, 9))
+                ++mismatches;
+        }
+    }
+    EXPECT_EQ(mismatches, 0);
+}
+
 TEST(Deflater, EmptyInputIsFourZeroBytes)
 {
     Deflater deflater;

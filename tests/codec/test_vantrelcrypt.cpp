@@ -156,6 +156,25 @@ TEST(VantrelCryptRoundTrip, EveryPolicyPairAndLength)
     }
 }
 
+// The chaining works on whole words where it can: every block length from
+// 1 to past a few words, against the byte-by-byte rule.
+TEST(VantrelCryptLayout, ChainingMatchesTheRuleForEveryBlockLength)
+{
+    for (unsigned long long key : {testKey, 0ULL, ~0ULL}) {
+        for (int length = 0; length < 80; ++length) {
+            const QByteArray plain = randomBytes(length, unsigned(length) + 1);
+            VantrelCrypt crypt(key);
+            crypt.compressionPolicy = VantrelCrypt::CompressNever;
+            crypt.integrityCheck = VantrelCrypt::IntegrityNone;
+            const QByteArray cypher = crypt.encryptToByteArray(plain);
+            ASSERT_EQ(cypher.size(), length + 3);
+            const char randomByte = char(uchar(cypher[2]) ^ uchar(key));
+            EXPECT_EQ(cypher, referenceCypher(0, QByteArray(1, randomByte) + plain, key)) << length;
+            EXPECT_EQ(crypt.decryptToByteArray(cypher), plain) << length;
+        }
+    }
+}
+
 TEST(VantrelCryptRoundTrip, TextFormsKeepEveryCharacter)
 {
     const QString text = QString::fromUtf8("Grüße, 你好 \xF0\x9F\x98\x80") + QChar(0) + QStringLiteral("after NUL");

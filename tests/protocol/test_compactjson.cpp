@@ -74,3 +74,22 @@ TEST(CompactJson, StringsFromRawBytesAreDecodedLikeQt)
         ASSERT_EQ(QByteArray("{\"x\":") + ours + "}", qt) << QByteArray(raw.c_str()).toHex().constData();
     }
 }
+
+TEST(CompactJson, PlainPrefixStopsAtTheFirstByteToLookAt)
+{
+    std::mt19937 rng(7);
+    const char special[] = { '"', '\\', '\x1f', '\0', '\x80', '\xff', '\x20', '\x7f', '!', '[', ']' };
+    for (int round = 0; round < 2000; ++round) {
+        std::string s(rng() % 40, 'a');
+        for (char &c : s)
+            c = rng() % 6 == 0 ? special[rng() % sizeof(special)] : char('#' + rng() % 50);
+        int expected = 0;
+        while (expected < int(s.size())) {
+            const auto c = static_cast<unsigned char>(s[std::size_t(expected)]);
+            if (c < 0x20 || c >= 0x80 || c == '"' || c == '\\')
+                break;
+            ++expected;
+        }
+        ASSERT_EQ(CompactJson::plainPrefix(s.data(), int(s.size())), expected) << s;
+    }
+}

@@ -6,39 +6,28 @@
 
 #include "enginelog.h"
 
-bool MessagePrivate::sendRemoteDesktop(int family, int command, const QString &peer, const QString &body)
-{
-    const QString target = completeJid(peer);
-    MQTTMessage msg(pushClient, true);
-    msg.setSysProtocol(target.toUtf8().constData(), 2, family, command);
-    if (!msg.fromText(QString::fromStdString(jid), target, body, MediaInfo::MESSAGE_TYPE_SYSTEM,
-                      SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString()))
-        return false;
-    return msg.send(2);
-}
-
 bool MessagePrivate::remoteDesktopControl(QString ignored, QString peer, QString body)
 {
     Q_UNUSED(ignored)
-    return sendRemoteDesktop(RemoteDesktopCMD, RemoteDesktopSub_ReqCtl, peer, body);
+    return sendToPeer(RemoteDesktopCMD, RemoteDesktopSub_ReqCtl, peer, body);
 }
 
 bool MessagePrivate::remoteDesktopBeControl(QString ignored, QString peer, QString body)
 {
     Q_UNUSED(ignored)
-    return sendRemoteDesktop(RemoteDesktopCMD, RemoteDesktopSub_ReqBeCtl, peer, body);
+    return sendToPeer(RemoteDesktopCMD, RemoteDesktopSub_ReqBeCtl, peer, body);
 }
 
 bool MessagePrivate::remoteDesktopControlReply(QString ignored, QString peer, QString body)
 {
     Q_UNUSED(ignored)
-    return sendRemoteDesktop(RemoteDesktopINFO, RemoteDesktopSubInfo_ReqCtl, peer, body);
+    return sendToPeer(RemoteDesktopINFO, RemoteDesktopSubInfo_ReqCtl, peer, body);
 }
 
 bool MessagePrivate::remoteDesktopBeControlReply(QString ignored, QString peer, QString body)
 {
     Q_UNUSED(ignored)
-    return sendRemoteDesktop(RemoteDesktopINFO, RemoteDesktopSubInfo_ReqBeCtl, peer, body);
+    return sendToPeer(RemoteDesktopINFO, RemoteDesktopSubInfo_ReqBeCtl, peer, body);
 }
 
 void MessagePrivate::RemoteDesktopControlRequest(MQTTMessage *msg)

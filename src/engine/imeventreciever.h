@@ -9,8 +9,11 @@
 // deletes them. A null callback object drops its events.
 //
 // Threads: callbacks run on the library's delivery thread or on its room
-// worker threads, never on the thread that calls the library, so a callback
-// may run while an application call is in progress. `const char*`
+// worker threads, not on the thread that calls the library, so a callback
+// may run while an application call is in progress. One exception: the
+// engine's blocking HTTP history calls (startSyncMessageRun,
+// startPullMessageRun) call onHistoryMessages on the calling thread before
+// they return. `const char*`
 // arguments are NUL-terminated UTF-8 that lives only during the call: copy
 // what you keep.
 //

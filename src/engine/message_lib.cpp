@@ -1,7 +1,9 @@
-// The façade: every operation forwards to the engine.
+// The façade: every operation forwards to the engine, or for contacts to
+// the engine's contact manager.
 
 #include "message_lib.h"
 
+#include "contactmanager.h"
 #include "messageprivate.h"
 
 Message_lib::Message_lib(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName)
@@ -17,6 +19,11 @@ Message_lib::~Message_lib()
 void Message_lib::setServerJid(QString jid)
 {
     d->setServerJid(jid);
+}
+
+void Message_lib::setHistoryBaseAddress(QString base)
+{
+    d->setHistoryBaseAddress(base);
 }
 
 int Message_lib::registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
@@ -119,4 +126,54 @@ int Message_lib::remoteDesktopControlReply(QString ignored, QString jid, QString
 int Message_lib::remoteDesktopBeControlReply(QString ignored, QString jid, QString text)
 {
     return d->remoteDesktopBeControlReply(ignored, jid, text) ? 1 : 0;
+}
+
+int Message_lib::addFriend(QString ignored, QString jid, QString text)
+{
+    return d->addFriend(ignored, jid, text) ? 1 : 0;
+}
+
+int Message_lib::acceptFriend(QString ignored, QString jid, QString text)
+{
+    return d->acceptFriend(ignored, jid, text) ? 1 : 0;
+}
+
+int Message_lib::delFriend(QString ignored, QString jid)
+{
+    return d->delFriend(ignored, jid, QStringLiteral("nothing")) ? 1 : 0;
+}
+
+int Message_lib::setFriendPropoties(QString ignored, QString jid, QString text)
+{
+    return d->setFriendPropoties(ignored, jid, text) ? 1 : 0;
+}
+
+int Message_lib::listFriends(int type, int count, QString lastFriendId)
+{
+    return d->listFriends(type, count, lastFriendId) ? 1 : 0;
+}
+
+int Message_lib::acceptSubScribe(QString jid, bool accept)
+{
+    return d->getContactManager()->acceptSubScribe(jid, accept) ? 1 : 0;
+}
+
+int Message_lib::subScribe(QString jid, QString extra)
+{
+    return d->getContactManager()->subScribe(jid, extra) ? 1 : 0;
+}
+
+int Message_lib::unSubScribe(QString jid, QString extra)
+{
+    return d->getContactManager()->unSubScribe(jid, extra) ? 1 : 0;
+}
+
+void Message_lib::uploadVCardInfo(QString vcard)
+{
+    d->getContactManager()->uploadVCardInfo(vcard);
+}
+
+void Message_lib::setContactEventReciever(ImContactEventReciever *receiver)
+{
+    d->getContactManager()->setContactEventReciever(receiver);
 }

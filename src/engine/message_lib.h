@@ -42,6 +42,10 @@ public:
     /// The IM server's JID, addressee of every system request. Set it before
     /// logging in; by default it is "server@" + the login domain.
     void setServerJid(QString jid);
+    /// Base address of the HTTP history service (engine()->startSyncMessageRun
+    /// and startPullMessageRun), e.g. "http://127.0.0.1:18080"; empty, the
+    /// default, means "http://" + the login host + ":5201".
+    void setHistoryBaseAddress(QString base);
 
     /// Logs in and connects; always 1 (the outcome arrives as onConnected).
     /// A login while connected logs out first. An empty domain uses `host`.
@@ -91,6 +95,34 @@ public:
     int remoteDesktopBeControl(QString ignored, QString jid, QString text);
     int remoteDesktopControlReply(QString ignored, QString jid, QString text);
     int remoteDesktopBeControlReply(QString ignored, QString jid, QString text);
+
+    // Friends. Each sends one command and returns 1 if it was published, 0
+    // if not; the first argument is not used. `jid` without "@" is
+    // completed with the domain. A request (addFriend) raises
+    // onFriendAdded at the peer, whose acceptFriend raises onFriendAccepted
+    // here; delFriend raises onFriendDeleted at the peer.
+    int addFriend(QString ignored, QString jid, QString text);
+    int acceptFriend(QString ignored, QString jid, QString text);
+    /// Sends the body "nothing".
+    int delFriend(QString ignored, QString jid);
+    /// Asks the server to store the property text `text` for friend `jid`.
+    int setFriendPropoties(QString ignored, QString jid, QString text);
+    /// Asks the server for a page of the friend list (kind, page size and
+    /// the cursor where the page continues); the reply arrives as
+    /// onFriendList.
+    int listFriends(int type, int count, QString lastFriendId);
+
+    // Contacts, kept locally by the engine's contact manager: nothing is
+    // sent. The subscription operations always return 1; the second
+    // argument is not used.
+    int acceptSubScribe(QString jid, bool accept);
+    int subScribe(QString jid, QString extra);
+    int unSubScribe(QString jid, QString extra);
+    /// Accepted and dropped.
+    void uploadVCardInfo(QString vcard);
+    /// Where contact events go (null drops them). Borrowed: it must outlive
+    /// the façade. The library raises no contact event of its own today.
+    void setContactEventReciever(ImContactEventReciever *receiver);
 
     /// The engine, for advanced use and tests.
     MessagePrivate *engine() const { return d; }

@@ -4,6 +4,7 @@
 #include "messageprivate.h"
 
 #include "compactjson.h"
+#include "contactmanager.h"
 #include "enginelog.h"
 #include "roomnotifier.h"
 
@@ -61,6 +62,7 @@ MessagePrivate::MessagePrivate(ImEventReciever *im, ImMUCEventReciever *muc, std
                      ? (QSysInfo::prettyProductName() + QLatin1Char(':') + QSysInfo::currentCpuArchitecture())
                            .toStdString()
                      : std::move(devName);
+    contactManager = std::make_unique<ContactManager>();
 }
 
 MessagePrivate::~MessagePrivate()
@@ -212,15 +214,30 @@ int MessagePrivate::send_online_state(MESSAGE_PRESENCE_TYPE type, std::string te
     return 1;
 }
 
-bool MessagePrivate::sendSystemRequest(int family, int command, const QString &body)
+bool MessagePrivate::sendCommand(const QString &topicJid, const QString &to, int family, int command,
+                                 const QString &body)
 {
     MQTTMessage msg(pushClient, true);
-    if (!msg.setSysProtocol(serverJidText().c_str(), 2, family, command))
+    // A chain that cannot be built would leave the message on some other
+    // topic: send nothing then.
+    if (!msg.setSysProtocol(topicJid.toUtf8().constData(), 2, family, command))
         return false;
-    if (!msg.fromText(QString::fromStdString(jid), serverJid(), body, MediaInfo::MESSAGE_TYPE_SYSTEM,
+    if (!msg.fromText(QString::fromStdString(jid), to, body, MediaInfo::MESSAGE_TYPE_SYSTEM,
                       SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString()))
         return false;
     return msg.send(kCommandQos);
+}
+
+bool MessagePrivate::sendSystemRequest(int family, int command, const QString &body)
+{
+    const QString server = serverJid();
+    return sendCommand(server, server, family, command, body);
+}
+
+bool MessagePrivate::sendToPeer(int family, int command, const QString &peer, const QString &body)
+{
+    const QString target = completeJid(peer);
+    return sendCommand(target, target, family, command, body);
 }
 
 int MessagePrivate::refreshGroupList()

@@ -27,7 +27,8 @@
 // inside a room callback is allowed; destroying the façade there is not.
 //
 // Ownership: the callback objects are borrowed and never deleted; the push
-// client is owned. Destruction disconnects first.
+// client and the contact manager are owned. Destruction disconnects first,
+// then destroys the contact manager.
 
 #include "imeventreciever.h"
 #include "mqttmessage.h"
@@ -43,6 +44,7 @@
 #include <mutex>
 #include <string>
 
+class ContactManager;
 class RoomNotifier;
 
 class MessagePrivate : public MQTTProtocolMatchCallback, public PushEventReciever {
@@ -127,6 +129,24 @@ public:
     void startSyncMessage(QString msgUuid);
     void startPullMessage(int pullType, int start, int count, QString msgUuid);
 
+    // --- history over HTTP -----------------------------------------------
+    // Blocking fetches from the history service (see httpsynctask.h): each
+    // waits on the calling thread, at most about 10 s of silence, then calls
+    // onHistoryMessages on that same thread with the reply body, "" when the
+    // request failed (network error, HTTP error, timeout). They need a
+    // QCoreApplication and a login since construction (the JID and level of
+    // the last login are used; the push connection itself is not): without
+    // one nothing is requested and the callback gets "". Several
+    // application threads may call them at once (a fresh task per call).
+    void startSyncMessageRun(QString msgUuid);
+    void startPullMessageRun(int type, int count, QString msgUuid);
+    /// The history service's base address, e.g. "http://127.0.0.1:18080";
+    /// empty (the default) means "http://" + the login host + ":5201".
+    /// Set it before the history calls, from the application's thread.
+    void setHistoryBaseAddress(const QString &base);
+    /// The address the next request uses.
+    QString historyBaseAddress() const;
+
     // --- remote-desktop signalling --------------------------------------
     // Each sends the caller's text to the peer (completed with the domain
     // when it has no "@"); the first argument is not used. True when
@@ -135,6 +155,25 @@ public:
     bool remoteDesktopBeControl(QString ignored, QString peer, QString body);
     bool remoteDesktopControlReply(QString ignored, QString peer, QString body);
     bool remoteDesktopBeControlReply(QString ignored, QString peer, QString body);
+
+    // --- friends ----------------------------------------------------------
+    // Each publishes one command and returns true when it was published; the
+    // first argument is not used. A peer without "@" is completed with the
+    // domain. add, accept and delete go to the peer's topic; properties and
+    // the list request go to serverJid. The answers arrive as onFriendAdded,
+    // onFriendAccepted, onFriendDeleted and onFriendList.
+    bool addFriend(const QString &ignored, QString peer, const QString &text);
+    bool acceptFriend(const QString &ignored, QString peer, const QString &text);
+    bool delFriend(const QString &ignored, QString peer, const QString &text);
+    /// `text` is the property text, stored by the server for `peer`.
+    bool setFriendPropoties(const QString &ignored, QString peer, const QString &text);
+    /// Asks for one page of the friend list: the list kind, the page size and
+    /// the cursor (where the page continues), carried unchecked.
+    bool listFriends(int type, int count, const QString &lastFriendId);
+
+    // --- contacts -------------------------------------------------------
+    /// The engine's contact manager; never null, lives as long as the engine.
+    ContactManager *getContactManager() const { return contactManager.get(); }
 
     // --- push client callbacks (delivery thread) -----------------------
     void messgeRecieved(char *topic, char *payload) override;
@@ -168,6 +207,14 @@ public:
     void historyMessageResponse(MQTTMessage *msg) override;
     void historyMessageConvResonse(MQTTMessage *msg) override;
     void historyMessageConvDetailResonse(MQTTMessage *msg) override;
+    // Friends: straight to the application's callbacks. A friend-list
+    // request and a property command addressed to this user raise nothing.
+    void FriendAdded(MQTTMessage *msg) override;
+    void FriendAccepted(MQTTMessage *msg) override;
+    void FriendDeleted(MQTTMessage *msg) override;
+    void FriendListRequest(MQTTMessage *msg) override;
+    void FriendListIncoming(MQTTMessage *msg) override;
+    void setFriendPropoties(MQTTMessage *msg) override;
 
     // --- state, for tests and diagnostics ------------------------------
     std::string userJid() const { return jid; }
@@ -187,9 +234,13 @@ private:
     /// The JID of `id`, completed with the domain when it has no "@".
     QString completeJid(const QString &id) const;
     std::string serverJidText() const;
-    /// A remote-desktop message to `peer` on the given chain; true when
-    /// published.
-    bool sendRemoteDesktop(int family, int command, const QString &peer, const QString &body);
+    /// One command message, enciphered, at QoS 2: the chain family/command
+    /// on the topic of `topicJid`, the envelope from the user to `to`
+    /// (system type, level 9999). Nothing is published when the chain or
+    /// the envelope cannot be built. True when published.
+    bool sendCommand(const QString &topicJid, const QString &to, int family, int command, const QString &body);
+    /// A command to `peer` (completed with the domain), on the peer's topic.
+    bool sendToPeer(int family, int command, const QString &peer, const QString &body);
 
     // Room events: the work handed to the notification threads, and the
     // synthetic room message. See roomnotifier.h for the threads' bound.
@@ -217,12 +268,16 @@ private:
     std::string deviceName;
     QString configuredServerJid; // empty: "server@" + domain
     QString effectiveServerJid;  // fixed at login
+    QString httpHistoryBase;     // empty: "http://" + serverHost + ":5201"
     // Runs the room callbacks off the delivery thread, on a few threads at
     // most. Finished (every accepted event delivered, every thread joined)
     // by logout and by destruction, after the push client is gone, so no
     // notification thread outlives the engine.
     std::unique_ptr<RoomNotifier> roomNotifier; // never null
     static std::unique_ptr<RoomNotifier> newRoomNotifier();
+    // Local contact bookkeeping, reached by the façade. Created last in the
+    // constructor; destroyed after the destructor has disconnected.
+    std::unique_ptr<ContactManager> contactManager; // never null
 };
 
 #endif // PUSHCHAT_MESSAGEPRIVATE_H

@@ -1,0 +1,31 @@
+#ifndef PUSHCHAT_IMAGECODEC_H
+#define PUSHCHAT_IMAGECODEC_H
+
+// Turns an image file into message text and back.
+//
+// The image text is the picture, shrunk until its pixel data is at most
+// 150000 bytes, saved as JPEG at the default quality, compressed with
+// qCompress (level 9) and written in base 64. Decoding writes the picture
+// as a new UUID-named ".jpg" file in the user's documents directory; the
+// caller owns that file (nothing deletes it).
+//
+// Stateless: make an instance where needed; any thread may call it. Both
+// operations block on file and image work. Failures give an empty text and
+// a critical line in the "pushchat.codec" log category.
+
+#include <QString>
+
+class ImageCodec {
+public:
+    /// The image text of the picture in `path`, shrunk starting from `rate`
+    /// (1.0 for the full 350-pixel edge). Empty when the file cannot be read
+    /// as an image.
+    QString getEncodeImageStr(QString path, float rate);
+
+    /// Writes the picture that `text` carries into the documents directory
+    /// and returns the file's path; empty when the text is no image text or
+    /// the file cannot be written. `text` is not modified.
+    QString getDecodeImagePath(QString &text);
+};
+
+#endif // PUSHCHAT_IMAGECODEC_H

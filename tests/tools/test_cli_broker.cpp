@@ -1,9 +1,17 @@
 // The pushchat program against a real broker: what listen prints for what
 // send delivers, the room requests as the stand-in server receives them and
-// the events it answers with, the exit statuses, and what reaches the wire.
+// the events it answers with, friend and remote-desktop messages between two
+// users, history answered by a peer playing the server and by a real HTTP
+// server, images sent and saved, the exit statuses, and what reaches the
+// wire.
 
+#include "httptestserver.h"
+#include "mediainfo.h"
 #include "mosquittobroker.h"
+#include "mqttmessage.h"
+#include "pushclient.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
@@ -17,8 +25,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
 #include <vector>
 
 namespace {
@@ -37,13 +50,16 @@ protected:
     {
         ASSERT_TRUE(broker.start()) << broker.log();
         ASSERT_TRUE(settings.isValid());
+        ASSERT_TRUE(home.isValid());
     }
 
-    // The program with the settings store in a private directory.
+    // The program with the settings store and the home (where the documents
+    // directory is) in private directories.
     void prepare(QProcess &process, const QString &program = QStringLiteral(PUSHCHAT_CLI))
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("XDG_CONFIG_HOME"), settings.path());
+        environment.insert(QStringLiteral("HOME"), home.path());
         process.setProcessEnvironment(environment);
         process.setProgram(program);
     }
@@ -87,6 +103,7 @@ protected:
 
     MosquittoBroker broker;
     QTemporaryDir settings;
+    QTemporaryDir home;
 };
 
 // `pushchat listen` in the background; its stdout parsed as it comes.
@@ -474,6 +491,7 @@ TEST_F(CliBroker, UsageErrorsGiveOneLineAndStatus64)
         common("alice") << "room" << "destroy" << "",
         common("alice") << "room" << "type" << "team" << "big",
         common("alice") << "room" << "invite" << "team" << "bob" << "--type" << "2",
+        common("alice") << "friend" << "list" << "--count" << "0",
     };
     for (const QStringList &arguments : bad) {
         const Finished done = run(arguments);
@@ -489,6 +507,302 @@ TEST_F(CliBroker, UsageErrorsGiveOneLineAndStatus64)
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_TRUE(help.out.contains("send TO TEXT")) << help.out.constData();
     EXPECT_TRUE(help.out.contains("room create ROOM NAME MEMBERS [--type N]")) << help.out.constData();
+}
+
+// Plays the IM server for the commands the client sends it: records every
+// command on "s/<family>/c/<server>/..." and answers each history request
+// on the user's "s/h/i/<user>/<same sub-command>" with the body
+// {"asked": sub-command, "request": the request's body}.
+class ServerPeer : public PushEventReciever {
+public:
+    struct Command {
+        std::string topic;
+        std::string from;
+        std::string body;
+    };
+
+    ~ServerPeer() override { client_.reset(); } // no callback runs after this
+
+    bool connect(int port)
+    {
+        std::string id = "server-peer";
+        client_ = std::make_unique<PushClient>(id.data());
+        client_->setEventRecv(this);
+        client_->start_connect("127.0.0.1", port, 60);
+        return waitUntil([this] { return ready_; });
+    }
+
+    /// Waits (10 s at most) until `condition` holds; it may read
+    /// commandsLocked().
+    bool waitUntil(const std::function<bool()> &condition)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), condition);
+    }
+    const std::vector<Command> &commandsLocked() const { return commands_; }
+
+    void connectStatus(bool connected) override
+    {
+        if (!connected)
+            return;
+        std::string commands = "s/+/c/" + std::string(kServer) + "/#";
+        std::string ready = kReady;
+        client_->subscribe(commands.data());
+        client_->subscribe(ready.data());
+        client_->publish(kReady, "", 2, false); // comes back once both are in force
+    }
+
+    void messgeRecievedMore(int, char *topic, void *payload, int, int, bool) override
+    {
+        const std::string text = topic;
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (text == kReady) {
+            ready_ = true;
+        } else {
+            MQTTMessage in(nullptr, true);
+            in.fromTopic(topic, static_cast<const char *>(payload));
+            commands_.push_back({text, in.from, in.body});
+            const std::string history = "s/h/c/" + std::string(kServer) + "/";
+            if (text.rfind(history, 0) == 0)
+                answer(in.from, text.substr(history.size()), in.body);
+        }
+        changed_.notify_all();
+    }
+
+    static constexpr const char *kServer = "server@127.0.0.1";
+
+private:
+    static constexpr const char *kReady = "server-peer/ready";
+
+    void answer(const std::string &user, const std::string &sub, const std::string &request)
+    {
+        const QJsonObject body{{"asked", QString::fromStdString(sub)}, {"request", QString::fromStdString(request)}};
+        MQTTMessage out(nullptr, true);
+        out.fromText(kServer, QString::fromStdString(user), QJsonDocument(body).toJson(QJsonDocument::Compact),
+                     MediaInfo::MESSAGE_TYPE_SYSTEM, 9999, BODY_TYPE_DEFAULT, QString(), QString());
+        client_->publish(("s/h/i/" + user + "/" + sub).c_str(), out.payload.c_str(), 2, false);
+    }
+
+    std::unique_ptr<PushClient> client_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    bool ready_ = false;
+    std::vector<Command> commands_;
+};
+
+// The one event line a history command printed.
+QJsonObject answerLine(const Finished &done)
+{
+    EXPECT_EQ(done.exitCode, 0) << done.err.constData();
+    EXPECT_EQ(done.out.count('\n'), 1) << done.out.constData();
+    return QJsonDocument::fromJson(done.out).object();
+}
+
+TEST_F(CliBroker, FriendAndRemoteDesktopMessagesReachTheListeningPeer)
+{
+    QProcess process;
+    prepare(process);
+    Listener bob(process);
+    ASSERT_TRUE(bob.start(common("bob") << "listen"));
+    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty()) << process.readAllStandardError().constData();
+
+    const auto event = [&](const QString &name) {
+        const QJsonObject got = bob.waitForEvent(name);
+        EXPECT_EQ(got["from"].toString(), "alice@127.0.0.1") << name.toStdString();
+        EXPECT_EQ(got["to"].toString(), "bob@127.0.0.1") << name.toStdString();
+        return got;
+    };
+    expectSent(common("alice") << "friend" << "add" << "bob" << "be my friend");
+    EXPECT_EQ(event("onFriendAdded")["body"].toString(), "be my friend");
+    expectSent(common("alice") << "friend" << "accept" << "bob@127.0.0.1");
+    EXPECT_EQ(event("onFriendAccepted")["flag"].toInt(), 1);
+    expectSent(common("alice") << "friend" << "del" << "bob");
+    EXPECT_EQ(event("onFriendDeleted")["flag"].toInt(), 1);
+
+    const std::pair<const char *, const char *> rdp[] = {
+        {"control", "onRemoteDesktopControlRequest"},
+        {"becontrol", "onRemoteDesktopBeControlRequest"},
+        {"control-reply", "onRemoteDesktopControlResponse"},
+        {"becontrol-reply", "onRemoteDesktopBeControlResponse"},
+    };
+    for (const auto &[subcommand, callback] : rdp) {
+        const QString text = QStringLiteral("%1: vnc://10.0.0.1").arg(QLatin1String(subcommand));
+        expectSent(common("alice") << "rdp" << subcommand << "bob" << text);
+        EXPECT_EQ(event(QLatin1String(callback))["body"].toString(), text);
+    }
+    EXPECT_EQ(bob.stop(SIGTERM), 0);
+    EXPECT_EQ(bob.badLines(), 0);
+}
+
+TEST_F(CliBroker, HistoryOverThePushChannelPrintsTheServersAnswer)
+{
+    ServerPeer server;
+    ASSERT_TRUE(server.connect(broker.port()));
+
+    const auto ask = [&](const QStringList &words) {
+        return answerLine(run(common("alice") << "--level" << "4" << "history" << words));
+    };
+    const auto asked = [](const QJsonObject &line) {
+        return QJsonDocument::fromJson(line["json"].toString().toUtf8()).object();
+    };
+
+    const QJsonObject conversations = ask({"conversations", "1", "0", "20"});
+    EXPECT_EQ(conversations["event"].toString(), "onConversations");
+    EXPECT_EQ(asked(conversations)["asked"].toString(), "c");
+    EXPECT_EQ(asked(conversations)["request"].toString(),
+              R"({"message_type":1,"my_sec_level":4,"page":0,"pagesize":20})");
+
+    const QJsonObject detail = ask({"detail", "conv-7", "2", "10"});
+    EXPECT_EQ(detail["event"].toString(), "onConversationDetail");
+    EXPECT_EQ(asked(detail)["request"].toString(), R"({"conv_id":"conv-7","my_sec_level":4,"page":2,"pagesize":10})");
+
+    const QJsonObject pull = ask({"pull", "2", "30", "15", "u-2"});
+    EXPECT_EQ(pull["event"].toString(), "onHistoryMessages");
+    EXPECT_EQ(asked(pull)["request"].toString(),
+              R"({"count":15,"msg_uuid":"u-2","my_sec_level":4,"pull_type":2,"start":30})");
+
+    const QJsonObject sync = ask({"sync", "u-1"});
+    EXPECT_EQ(sync["event"].toString(), "onHistoryMessages");
+    EXPECT_EQ(asked(sync)["request"].toString(), R"({"msg_uuid":"u-1","my_sec_level":4})");
+
+    // friend list and props go to the server too (beside the room-list
+    // request of every login).
+    expectSent(common("alice") << "friend" << "list" << "--type" << "2" << "--count" << "5" << "--cursor" << "carol");
+    expectSent(common("alice") << "friend" << "props" << "bob" << R"({"alias":"B"})");
+    std::vector<ServerPeer::Command> friends;
+    server.waitUntil([&] {
+        friends.clear();
+        for (const ServerPeer::Command &command : server.commandsLocked()) {
+            if (command.topic.rfind("s/f/", 0) == 0)
+                friends.push_back(command);
+        }
+        return friends.size() >= 2;
+    });
+    ASSERT_EQ(friends.size(), 2u);
+    EXPECT_EQ(friends[0].topic, "s/f/c/server@127.0.0.1/l");
+    EXPECT_EQ(friends[0].body, R"({"count":5,"last_friend_id":"carol","type":2})");
+    EXPECT_EQ(friends[1].topic, "s/f/c/server@127.0.0.1/s");
+    EXPECT_EQ(friends[1].from, "alice@127.0.0.1");
+    EXPECT_EQ(friends[1].body, R"({"alias":"B"})");
+}
+
+TEST_F(CliBroker, HistoryWithoutAnAnswerTimesOut)
+{
+    ServerPeer server; // answers server@127.0.0.1 only
+    ASSERT_TRUE(server.connect(broker.port()));
+    const QStringList unanswered = common("alice") << "--server-jid" << "nobody@127.0.0.1" << "history" << "sync"
+                                                   << "u-1";
+    const Finished done = run(QStringList(unanswered) << "--timeout" << "1");
+    EXPECT_FALSE(done.crashed);
+    EXPECT_EQ(done.exitCode, 4);
+    EXPECT_GE(done.elapsedMs, 1000);
+    EXPECT_LT(done.elapsedMs, 8000);
+    EXPECT_TRUE(done.out.isEmpty()) << done.out.constData();
+    EXPECT_EQ(done.err, QByteArray("pushchat: no message history arrived within 1 s.\n"));
+
+    // A signal while waiting ends it promptly.
+    QProcess process;
+    prepare(process);
+    Listener waiting(process);
+    ASSERT_TRUE(waiting.start(QStringList(unanswered) << "--timeout" << "60"));
+    ASSERT_TRUE(blocksSigint(process.processId()));
+    QThread::msleep(500); // connected and asking, most likely; either way it must end
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(waiting.stop(SIGINT), 130);
+    EXPECT_LT(timer.elapsed(), 5000);
+}
+
+TEST_F(CliBroker, HistoryOverHttp)
+{
+    HttpTestServer http;
+    ASSERT_TRUE(http.start());
+    const QStringList alice = common("alice") << "--level" << "3" << "history" << "--http" << "--http-base"
+                                              << QString::fromStdString(http.baseAddress());
+
+    http.answer(200, R"([{"msg":"hi"}])");
+    const QJsonObject sync = answerLine(run(QStringList(alice) << "sync" << "u-1"));
+    EXPECT_EQ(sync, QJsonObject({{"event", "onHistoryMessages"}, {"json", R"([{"msg":"hi"}])"}}));
+    const QJsonObject pull = answerLine(run(QStringList(alice) << "pull" << "2" << "7" << "u-2"));
+    EXPECT_EQ(pull["json"].toString(), R"([{"msg":"hi"}])");
+    EXPECT_EQ(http.requestLines(),
+              (std::vector<std::string>{
+                  "GET /vantrel_api/instance_message/sync_history_message?user_id=alice@127.0.0.1&msg_uuid=u-1"
+                  "&my_sec_level=3 HTTP/1.1",
+                  "GET /vantrel_api/instance_message/pull_history_message?user_id=alice@127.0.0.1&type=2&count=7"
+                  "&msg_uuid=u-2&my_sec_level=3 HTTP/1.1"}));
+
+    // An empty body and an HTTP error both leave the answer empty.
+    for (const int status : {200, 404}) {
+        http.answer(status, status == 200 ? "" : "gone");
+        const Finished done = run(QStringList(alice) << "sync" << "u-3");
+        EXPECT_EQ(done.exitCode, 4) << status;
+        EXPECT_TRUE(done.out.isEmpty()) << done.out.constData();
+        EXPECT_TRUE(done.err.contains("pushchat: the HTTP history service's answer is empty")) << done.err.constData();
+    }
+}
+
+// A tiny picture in a format Qt reads without plugins.
+QByteArray portablePixmap(int width, int height)
+{
+    QByteArray data = "P6\n" + QByteArray::number(width) + " " + QByteArray::number(height) + "\n255\n";
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const char rgb[] = {char(x * 5), char(y * 7), char(128)};
+            data.append(rgb, sizeof rgb);
+        }
+    }
+    return data;
+}
+
+TEST_F(CliBroker, ImagesAreSentAndSavedByListen)
+{
+    const QString picture = home.filePath("picture.ppm");
+    {
+        QFile file(picture);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(portablePixmap(40, 30));
+    }
+    QProcess process;
+    prepare(process);
+    Listener bob(process);
+    ASSERT_TRUE(bob.start(common("bob") << "listen" << "--save-images"));
+    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty()) << process.readAllStandardError().constData();
+
+    expectSent(common("alice") << "send" << "--image" << picture << "bob");
+    const QJsonObject image = bob.waitForEvent("onMessageReceive");
+    EXPECT_EQ(QJsonDocument::fromJson(image["body"].toString().toUtf8()).object()["type"].toString(), "image_encode");
+    const QString saved = image["saved"].toString();
+    EXPECT_TRUE(QRegularExpression("^" + QRegularExpression::escape(home.path()) +
+                                   "/Documents/[0-9a-f-]{36}\\.jpg$").match(saved).hasMatch())
+        << saved.toStdString();
+    QFile jpeg(saved);
+    ASSERT_TRUE(jpeg.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(jpeg.read(2) == QByteArray("\xff\xd8")); // a JPEG file
+
+    // Text and broken image bodies: no file, "saved" absent or empty.
+    expectSent(common("alice") << "send" << "bob" << "just text");
+    EXPECT_FALSE(bob.waitFor(message("just text")).contains("saved"));
+    const QString broken = R"({"body":"AAAA","type":"image_encode"})";
+    expectSent(common("alice") << "send" << "bob" << broken);
+    const QJsonObject bad = bob.waitFor(message(broken));
+    EXPECT_TRUE(bad.contains("saved"));
+    EXPECT_EQ(bad["saved"].toString(), "");
+    EXPECT_EQ(QDir(home.filePath("Documents")).entryList(QDir::Files).size(), 1);
+    EXPECT_EQ(bob.stop(SIGTERM), 0);
+
+    // What cannot be loaded is not sent: status 66, and no connection.
+    QFile notImage(home.filePath("notes.png"));
+    ASSERT_TRUE(notImage.open(QIODevice::WriteOnly));
+    notImage.write("plain text");
+    notImage.close();
+    for (const QString &path : {notImage.fileName(), home.filePath("missing.png")}) {
+        const Finished done = run(common("carol") << "send" << "--image" << path << "bob");
+        EXPECT_EQ(done.exitCode, 66) << path.toStdString();
+        EXPECT_TRUE(done.err.endsWith("pushchat: cannot load '" + path.toUtf8() + "' as an image.\n"))
+            << done.err.constData();
+    }
+    EXPECT_EQ(broker.log().find("carol@127.0.0.1"), std::string::npos);
 }
 
 } // namespace

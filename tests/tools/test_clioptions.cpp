@@ -80,6 +80,82 @@ TEST(CliOptions, RoomSubcommandsAndTheirType)
     EXPECT_EQ(parsed({"--user", "a", "room", "destroy", "team"}).roomRequest().arguments(), QStringList({"team"}));
 }
 
+TEST(CliOptions, FriendSubcommandsAndListDefaults)
+{
+    const FriendRequest add = parsed({"--user", "a", "friend", "add", "bob"}).friendRequest();
+    EXPECT_EQ(add.action(), FriendRequest::Action::Add);
+    EXPECT_EQ(add.arguments(), QStringList({"bob", ""})); // TEXT sent empty
+    EXPECT_EQ(parsed({"--user", "a", "friend", "accept", "bob@x", "hi"}).friendRequest().arguments(),
+              QStringList({"bob@x", "hi"}));
+    EXPECT_EQ(parsed({"--user", "a", "friend", "del", "bob"}).friendRequest().action(), FriendRequest::Action::Delete);
+    EXPECT_EQ(parsed({"--user", "a", "friend", "props", "bob", "{}"}).friendRequest().arguments(),
+              QStringList({"bob", "{}"}));
+
+    const FriendRequest list = parsed({"--user", "a", "friend", "list"}).friendRequest();
+    EXPECT_EQ(list.action(), FriendRequest::Action::List);
+    EXPECT_EQ(list.listType(), 1);
+    EXPECT_EQ(list.listCount(), 20);
+    EXPECT_TRUE(list.listCursor().isEmpty());
+    const FriendRequest page =
+        parsed({"--user", "a", "friend", "list", "--type", "-2", "--count", "5", "--cursor", "carol@x"})
+            .friendRequest();
+    EXPECT_EQ(page.listType(), -2);
+    EXPECT_EQ(page.listCount(), 5);
+    EXPECT_EQ(page.listCursor(), "carol@x");
+}
+
+TEST(CliOptions, HistoryForms)
+{
+    const CliOptions conversations = parsed({"--user", "a", "history", "conversations", "1", "0", "20"});
+    EXPECT_EQ(conversations.command(), CliOptions::Command::History);
+    const HistoryRequest &listing = conversations.historyRequest();
+    EXPECT_EQ(listing.action(), HistoryRequest::Action::Conversations);
+    EXPECT_EQ(listing.type(), 1);
+    EXPECT_EQ(listing.page(), 0);
+    EXPECT_EQ(listing.pageSize(), 20);
+    EXPECT_STREQ(listing.answerEvent(), "onConversations");
+    EXPECT_FALSE(listing.overHttp());
+
+    const HistoryRequest detail = parsed({"--user", "a", "history", "detail", "", "2", "10"}).historyRequest();
+    EXPECT_EQ(detail.id(), "");
+    EXPECT_EQ(detail.page(), 2);
+    EXPECT_STREQ(detail.answerEvent(), "onConversationDetail");
+
+    const HistoryRequest pull = parsed({"--user", "a", "history", "pull", "2", "30", "15", "u-2"}).historyRequest();
+    EXPECT_EQ(pull.type(), 2);
+    EXPECT_EQ(pull.start(), 30);
+    EXPECT_EQ(pull.count(), 15);
+    EXPECT_EQ(pull.id(), "u-2");
+    EXPECT_STREQ(pull.answerEvent(), "onHistoryMessages");
+
+    // Over HTTP a pull has no START.
+    const CliOptions http = parsed({"--user", "a", "history", "--http", "--http-base", "http://127.0.0.1:8080",
+                                    "pull", "3", "7", "u-3"});
+    EXPECT_TRUE(http.historyRequest().overHttp());
+    EXPECT_EQ(http.historyRequest().count(), 7);
+    EXPECT_EQ(http.historyRequest().id(), "u-3");
+    EXPECT_EQ(http.httpBase(), "http://127.0.0.1:8080");
+    EXPECT_EQ(parsed({"--user", "a", "history", "--http", "sync", "u-4"}).historyRequest().id(), "u-4");
+}
+
+TEST(CliOptions, RdpImageAndSaveImages)
+{
+    const RdpRequest reply = parsed({"--user", "a", "rdp", "becontrol-reply", "bob", ""}).rdpRequest();
+    EXPECT_EQ(reply.action(), RdpRequest::Action::BeControlReply);
+    EXPECT_EQ(reply.jid(), "bob");
+    EXPECT_EQ(reply.text(), "");
+    EXPECT_EQ(parsed({"--user", "a", "rdp", "control", "bob", "x"}).rdpRequest().action(),
+              RdpRequest::Action::Control);
+
+    const CliOptions image = parsed({"--user", "a", "send", "--room", "--image", "/tmp/p.png", "team@x"});
+    EXPECT_EQ(image.image(), "/tmp/p.png");
+    EXPECT_EQ(image.commandArguments(), QStringList({"team@x"}));
+    EXPECT_TRUE(image.room());
+    EXPECT_TRUE(parsed({"--user", "a", "send", "bob", "hi"}).image().isEmpty());
+    EXPECT_TRUE(parsed({"--user", "a", "listen", "--save-images"}).saveImages());
+    EXPECT_FALSE(parsed({"--user", "a", "listen"}).saveImages());
+}
+
 TEST(CliOptions, HelpNeedsNothingElse)
 {
     const CliOptions options = parsed({"--help", "send"});
@@ -94,7 +170,14 @@ TEST(CliOptions, HelpNeedsNothingElse)
     for (const char *word : {"listen", "send TO TEXT", "location TARGET FIRST SECOND", "status UUID STATUS",
                              "--host", "--port", "--user", "--domain", "--level", "--device", "--server-jid",
                              "--timeout", "--notice", "--room", "room create ROOM NAME MEMBERS", "room invite",
-                             "room kick", "room rename", "room owner", "room type ROOM N", "room destroy", "--type"})
+                             "room kick", "room rename", "room owner", "room type ROOM N", "room destroy", "--type",
+                             "friend add JID [TEXT]", "friend accept JID [TEXT]", "friend del JID",
+                             "friend props JID TEXT", "friend list [--type N] [--count N] [--cursor ID]",
+                             "history conversations TYPE PAGE SIZE", "history detail CONVID PAGE SIZE",
+                             "history pull TYPE START COUNT UUID", "history sync UUID",
+                             "history --http pull TYPE COUNT UUID", "--http-base", "rdp control JID TEXT",
+                             "rdp becontrol-reply JID TEXT", "send --image PATH TO", "--save-images",
+                             "4 no answer", "66 image"})
         EXPECT_TRUE(help.contains(QLatin1String(word))) << word;
 }
 
@@ -138,6 +221,39 @@ TEST(CliOptions, BadCommandLinesGiveOneLine)
         {{"--user", "a", "--type", "2", "room", "rename", "team", "T"}, "--type"},
         {{"--user", "a", "--type", "2", "listen"}, "--type"},
         {{"room", "destroy", "team"}, "--user"},
+        {{"--user", "a", "friend"}, "subcommand"},
+        {{"--user", "a", "friend", "hug", "bob"}, "hug"},
+        {{"--user", "a", "friend", "add"}, "friend add JID [TEXT]"},
+        {{"--user", "a", "friend", "add", "bob", "hi", "more"}, "friend add JID [TEXT]"},
+        {{"--user", "a", "friend", "accept", ""}, "JID"},
+        {{"--user", "a", "friend", "list", "extra"}, "friend list"},
+        {{"--user", "a", "friend", "list", "--count", "0"}, "'0'"},
+        {{"--user", "a", "friend", "list", "--type", "x"}, "'x'"},
+        {{"--user", "a", "friend", "add", "bob", "--count", "3"}, "--count"},
+        {{"--user", "a", "friend", "del", "bob", "--type", "3"}, "--type"},
+        {{"--user", "a", "--cursor", "c", "listen"}, "--cursor"},
+        {{"--user", "a", "history"}, "subcommand"},
+        {{"--user", "a", "history", "erase", "u"}, "erase"},
+        {{"--user", "a", "history", "sync"}, "history sync UUID"},
+        {{"--user", "a", "history", "conversations", "1", "0"}, "history conversations TYPE PAGE SIZE"},
+        {{"--user", "a", "history", "conversations", "chat", "0", "20"}, "TYPE"},
+        {{"--user", "a", "history", "conversations", "--", "1", "-1", "20"}, "PAGE"},
+        {{"--user", "a", "history", "pull", "1", "0", "5"}, "history pull TYPE START COUNT UUID"},
+        {{"--user", "a", "history", "pull", "1", "0", "0", "u"}, "COUNT"},
+        {{"--user", "a", "history", "--http", "pull", "1", "0", "5", "u"}, "history --http pull TYPE COUNT UUID"},
+        {{"--user", "a", "history", "--http", "conversations", "1", "0", "20"}, "--http"},
+        {{"--user", "a", "history", "--http-base", "http://h:1", "sync", "u"}, "--http"},
+        {{"--user", "a", "history", "--http", "--http-base", "ftp://h", "sync", "u"}, "ftp://h"},
+        {{"--user", "a", "history", "--http", "--http-base", "", "sync", "u"}, "--http-base"},
+        {{"--user", "a", "--http", "listen"}, "--http"},
+        {{"--user", "a", "rdp"}, "subcommand"},
+        {{"--user", "a", "rdp", "steal", "bob", "x"}, "steal"},
+        {{"--user", "a", "rdp", "control", "bob"}, "rdp control JID TEXT"},
+        {{"--user", "a", "rdp", "control", "", "x"}, "JID"},
+        {{"--user", "a", "send", "--image", "p.png", "bob", "hi"}, "send --image PATH TO"},
+        {{"--user", "a", "send", "--image", "", "bob"}, "--image"},
+        {{"--user", "a", "--image", "p.png", "listen"}, "send only"},
+        {{"--user", "a", "--save-images", "send", "bob", "hi"}, "listen only"},
     };
     for (const BadLine &bad : cases) {
         QStringList arguments = bad.arguments;

@@ -1,3 +1,4 @@
+#include "awaitedevent.h"
 #include "eventflag.h"
 #include "jsonevents.h"
 #include "jsonlinewriter.h"
@@ -135,6 +136,42 @@ TEST_F(PrintedEvents, ConcurrentEventsNeverInterleave)
         // Each thread's events keep their order.
         EXPECT_EQ(event["messageKey"].toString().toInt(), next[thread]++);
     }
+}
+
+// A command waits for one answer: the first event with its name, whichever
+// library thread delivers it, and nothing else.
+TEST(AwaitedEventOffers, KeepsOnlyTheFirstMatchingEvent)
+{
+    AwaitedEvent answer(QStringLiteral("onConversations"));
+    JsonEvents events(nullptr, nullptr, &answer);
+    events.onHistoryMessages("not this one");
+    EXPECT_FALSE(answer.arrived().clear());
+    EXPECT_FALSE(answer.event().has_value());
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] { events.onConversations(QByteArray::number(t).constData()); });
+    for (std::thread &thread : threads)
+        thread.join();
+    events.onConversations("late");
+
+    EXPECT_TRUE(answer.arrived().clear());
+    EXPECT_FALSE(answer.arrived().clear()); // raised once
+    const std::optional<QJsonObject> kept = answer.event();
+    ASSERT_TRUE(kept.has_value());
+    EXPECT_EQ((*kept)["event"].toString(), "onConversations");
+    const int first = (*kept)["json"].toString().toInt();
+    EXPECT_TRUE(first >= 0 && first < 8) << (*kept)["json"].toString().toStdString();
+    EXPECT_EQ(kept->size(), 2);
+}
+
+// Offering to the awaited event does not stop the line being printed.
+TEST_F(PrintedEvents, AwaitedEventsArePrintedToo)
+{
+    AwaitedEvent answer(QStringLiteral("onFriendList"));
+    JsonEvents both(&writer, nullptr, &answer);
+    both.onFriendList("[1]");
+    EXPECT_EQ(onlyEvent(), answer.event().value_or(QJsonObject()));
 }
 
 } // namespace

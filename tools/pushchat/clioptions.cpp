@@ -2,6 +2,7 @@
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
+#include <QUrl>
 
 #include <cmath>
 #include <optional>
@@ -12,9 +13,10 @@ const char *const kDescription =
     "Instant messaging from a terminal, over an MQTT broker.\n"
     "\n"
     "Commands:\n"
-    "  listen                      log in and print every event as one JSON line\n"
+    "  listen [--save-images]      log in and print every event as one JSON line\n"
     "                              on stdout until SIGINT or SIGTERM\n"
     "  send TO TEXT                send TEXT to user (or, with --room, room) TO\n"
+    "  send --image PATH TO        send the image file PATH, carried in the message\n"
     "  location TARGET FIRST SECOND  publish \"FIRST:SECOND\" for TARGET\n"
     "  status UUID STATUS          ask the server to set message UUID's status\n"
     "  room create ROOM NAME MEMBERS [--type N]\n"
@@ -26,15 +28,45 @@ const char *const kDescription =
     "  room owner ROOM MEMBER      ask the server to make MEMBER the room's owner\n"
     "  room type ROOM N            ask the server to make ROOM of kind N\n"
     "  room destroy ROOM           ask the server to close ROOM\n"
+    "  friend add JID [TEXT]       ask JID to become your friend\n"
+    "  friend accept JID [TEXT]    accept JID's friend request\n"
+    "  friend del JID              end the friendship with JID\n"
+    "  friend props JID TEXT       store TEXT on the server as JID's properties\n"
+    "  friend list [--type N] [--count N] [--cursor ID]\n"
+    "                              ask the server for a page of your friend list\n"
+    "                              (defaults: type 1, count 20, cursor empty)\n"
+    "  history conversations TYPE PAGE SIZE\n"
+    "                              print the server's conversation list\n"
+    "  history detail CONVID PAGE SIZE\n"
+    "                              print the messages of conversation CONVID\n"
+    "  history pull TYPE START COUNT UUID\n"
+    "                              print the server's answer to a history pull\n"
+    "  history sync UUID           print the messages since UUID\n"
+    "  history --http pull TYPE COUNT UUID\n"
+    "  history --http sync UUID    the same over the HTTP history service\n"
+    "  rdp control JID TEXT        ask to control JID's desktop\n"
+    "  rdp becontrol JID TEXT      offer JID control of your desktop\n"
+    "  rdp control-reply JID TEXT  answer JID's control request\n"
+    "  rdp becontrol-reply JID TEXT  answer JID's offer\n"
     "\n"
-    "ROOM is a room id; the room's JID is ROOM@<domain>. What the server makes\n"
-    "of a room request shows in listen.\n"
+    "ROOM is a room id; the room's JID is ROOM@<domain>. A JID without \"@\" gets\n"
+    "@<domain>. What the server or a peer makes of a request shows in listen.\n"
     "\n"
-    "send, location, status and room log in, wait for the connection, send, log\n"
-    "out and exit 0 only when the request was published (room invite and room\n"
-    "rename: when it was handed over while connected, as the library reports\n"
-    "nothing more for them). Exit statuses: 0 done, 1 not published, 2 no\n"
-    "connection within the timeout, 3 set-up failure, 64 usage error,\n"
+    "send, location, status, room, friend and rdp log in, wait for the\n"
+    "connection, send, log out and exit 0 only when the request was published\n"
+    "(room invite and room rename: when it was handed over while connected, as\n"
+    "the library reports nothing more for them). history logs in, asks, waits\n"
+    "up to --timeout for the answer, prints it as one JSON line (the event\n"
+    "onConversations, onConversationDetail or onHistoryMessages) and exits 0;\n"
+    "with --http it exits 4 when the service's answer is empty (which is also\n"
+    "what an unreachable service, an HTTP error or 10 s of silence give).\n"
+    "listen --save-images writes every received image (an \"image_encode\" body)\n"
+    "to a new .jpg file in your documents directory and adds \"saved\": its\n"
+    "path (empty if it could not be written) to the message's event line.\n"
+    "\n"
+    "Exit statuses: 0 done, 1 not published, 2 no connection within the\n"
+    "timeout, 3 set-up failure, 4 no answer within the timeout or an empty\n"
+    "answer (history), 64 usage error, 66 image file not loadable (send --image),\n"
     "130 interrupted.";
 
 // Upper bound of --timeout, so that the milliseconds always fit.
@@ -61,21 +93,41 @@ struct OptionSet {
                                  QStringLiteral("The IM server's JID (default: server@<domain>)."),
                                  QStringLiteral("jid")};
     QCommandLineOption timeout{QStringLiteral("timeout"),
-                               QStringLiteral("Seconds to wait for the connection (default 10)."),
+                               QStringLiteral("Seconds to wait for the connection, and then for the answer "
+                                              "of history (default 10)."),
                                QStringLiteral("seconds"), QStringLiteral("10")};
     QCommandLineOption notice{QStringLiteral("notice"), QStringLiteral("send: send a notice, readable by all.")};
     QCommandLineOption room{QStringLiteral("room"), QStringLiteral("send: TO is a room.")};
-    QCommandLineOption type{QStringLiteral("type"), QStringLiteral("room create: the room's kind (default 0)."),
+    QCommandLineOption type{QStringLiteral("type"),
+                            QStringLiteral("room create: the room's kind (default 0); friend list: the list's "
+                                           "kind (default 1)."),
                             QStringLiteral("n")};
+    QCommandLineOption count{QStringLiteral("count"),
+                             QStringLiteral("friend list: friends per page (default 20)."), QStringLiteral("n")};
+    QCommandLineOption cursor{QStringLiteral("cursor"),
+                              QStringLiteral("friend list: the friend id the page continues after (default "
+                                             "empty: the first page)."),
+                              QStringLiteral("id")};
+    QCommandLineOption image{QStringLiteral("image"), QStringLiteral("send: send this image file instead of TEXT."),
+                             QStringLiteral("path")};
+    QCommandLineOption saveImages{QStringLiteral("save-images"),
+                                  QStringLiteral("listen: save received images in the documents directory.")};
+    QCommandLineOption http{QStringLiteral("http"),
+                            QStringLiteral("history: ask the HTTP history service instead of the server.")};
+    QCommandLineOption httpBase{QStringLiteral("http-base"),
+                                QStringLiteral("history --http: the service's base address (default "
+                                               "http://<host>:5201)."),
+                                QStringLiteral("url")};
     QCommandLineOption help{QStringList{QStringLiteral("h"), QStringLiteral("help")},
                             QStringLiteral("Show this help.")};
 
     void addTo(QCommandLineParser &parser) const
     {
         parser.setApplicationDescription(QString::fromUtf8(kDescription));
-        parser.addOptions({host, port, user, domain, level, device, serverJid, timeout, notice, room, type, help});
+        parser.addOptions({host, port, user, domain, level, device, serverJid, timeout, notice, room, image,
+                           saveImages, type, count, cursor, http, httpBase, help});
         parser.addPositionalArgument(QStringLiteral("command"),
-                                     QStringLiteral("listen, send, location, status or room."),
+                                     QStringLiteral("listen, send, location, status, room, friend, history or rdp."),
                                      QStringLiteral("command [arguments...]"));
     }
 };
@@ -92,8 +144,21 @@ const CommandSpec kCommands[] = {
     {"send", CliOptions::Command::Send, 2, "send TO TEXT"},
     {"location", CliOptions::Command::Location, 3, "location TARGET FIRST SECOND"},
     {"status", CliOptions::Command::Status, 2, "status UUID STATUS"},
-    {"room", CliOptions::Command::Room, -1, "room SUBCOMMAND ARGUMENTS..."}, // checked by RoomRequest
+    // The argument counts of these are checked by their request classes.
+    {"room", CliOptions::Command::Room, -1, "room SUBCOMMAND ARGUMENTS..."},
+    {"friend", CliOptions::Command::Friend, -1, "friend SUBCOMMAND ARGUMENTS..."},
+    {"history", CliOptions::Command::History, -1, "history SUBCOMMAND ARGUMENTS..."},
+    {"rdp", CliOptions::Command::Rdp, -1, "rdp SUBCOMMAND JID TEXT"},
 };
+
+const char *const kCommandNames = "listen, send, location, status, room, friend, history or rdp";
+
+std::optional<QString> valueIfSet(const QCommandLineParser &parser, const QCommandLineOption &option)
+{
+    if (!parser.isSet(option))
+        return std::nullopt;
+    return parser.value(option);
+}
 
 bool toInt(const QString &text, int *value)
 {
@@ -157,9 +222,16 @@ bool CliOptions::parse(const QStringList &arguments)
     m_notice = parser.isSet(options.notice);
     m_room = parser.isSet(options.room);
 
+    m_image = parser.value(options.image);
+    m_saveImages = parser.isSet(options.saveImages);
+    m_httpBase = parser.value(options.httpBase);
+    const bool imageGiven = parser.isSet(options.image);
+    const bool httpGiven = parser.isSet(options.http);
+    const bool httpBaseGiven = parser.isSet(options.httpBase);
+
     QStringList positional = parser.positionalArguments();
     if (positional.isEmpty())
-        return fail(QStringLiteral("Missing command: listen, send, location, status or room. See --help."));
+        return fail(QStringLiteral("Missing command: %1. See --help.").arg(QLatin1String(kCommandNames)));
     const QString name = positional.takeFirst();
     const CommandSpec *entry = nullptr;
     for (const CommandSpec &candidate : kCommands) {
@@ -167,28 +239,60 @@ bool CliOptions::parse(const QStringList &arguments)
             entry = &candidate;
     }
     if (!entry)
-        return fail(QStringLiteral("Unknown command '%1': use listen, send, location, status or room.").arg(name));
-    if (entry->argumentCount >= 0 && positional.size() != entry->argumentCount)
+        return fail(QStringLiteral("Unknown command '%1': use %2.").arg(name, QLatin1String(kCommandNames)));
+    // send --image takes TO only: the image replaces TEXT.
+    const bool imageSend = entry->command == Command::Send && imageGiven;
+    const int argumentCount = imageSend ? 1 : entry->argumentCount;
+    const char *usage = imageSend ? "send --image PATH TO" : entry->usage;
+    if (argumentCount >= 0 && positional.size() != argumentCount)
         return fail(QStringLiteral("'%1' takes %2 argument(s), %3 given: pushchat [options] %4.")
                         .arg(name)
-                        .arg(entry->argumentCount)
+                        .arg(argumentCount)
                         .arg(positional.size())
-                        .arg(QLatin1String(entry->usage)));
+                        .arg(QLatin1String(usage)));
     m_command = entry->command;
     m_arguments = positional;
 
-    if (m_command != Command::Send && (m_notice || m_room))
-        return fail(QStringLiteral("--notice and --room apply to send only."));
+    if (m_command != Command::Send && (m_notice || m_room || imageGiven))
+        return fail(QStringLiteral("--notice, --room and --image apply to send only."));
+    if (imageSend && m_image.isEmpty())
+        return fail(QStringLiteral("--image must name an image file."));
+    if (m_command != Command::Listen && m_saveImages)
+        return fail(QStringLiteral("--save-images applies to listen only."));
+    if (m_command != Command::History && (httpGiven || httpBaseGiven))
+        return fail(QStringLiteral("--http and --http-base apply to history only."));
+    if (httpBaseGiven && !httpGiven)
+        return fail(QStringLiteral("--http-base needs --http."));
+    if (httpBaseGiven) {
+        const QUrl base(m_httpBase, QUrl::StrictMode);
+        if (!base.isValid() || (base.scheme() != QLatin1String("http") && base.scheme() != QLatin1String("https")) ||
+            base.host().isEmpty())
+            return fail(QStringLiteral("--http-base must be an http:// or https:// address, not '%1'.")
+                            .arg(m_httpBase));
+    }
     if (m_command == Command::Status && !toInt(m_arguments.at(1), &m_status))
         return fail(QStringLiteral("STATUS must be an integer, not '%1'.").arg(m_arguments.at(1)));
-    std::optional<QString> type;
-    if (parser.isSet(options.type))
-        type = parser.value(options.type);
-    if (m_command != Command::Room && type)
-        return fail(QStringLiteral("--type applies to room create only."));
-    QString roomError;
-    if (m_command == Command::Room && !m_roomRequest.parse(m_arguments, type, &roomError))
-        return fail(roomError);
+
+    const std::optional<QString> type = valueIfSet(parser, options.type);
+    if (m_command != Command::Room && m_command != Command::Friend && type)
+        return fail(QStringLiteral("--type applies to room create and friend list only."));
+    const FriendRequest::ListOptions listOptions{type, valueIfSet(parser, options.count),
+                                                 valueIfSet(parser, options.cursor)};
+    if (m_command != Command::Friend && (listOptions.count || listOptions.cursor))
+        return fail(QStringLiteral("--count and --cursor apply to friend list only."));
+
+    QString requestError;
+    bool requestOk = true;
+    if (m_command == Command::Room)
+        requestOk = m_roomRequest.parse(m_arguments, type, &requestError);
+    else if (m_command == Command::Friend)
+        requestOk = m_friendRequest.parse(m_arguments, listOptions, &requestError);
+    else if (m_command == Command::History)
+        requestOk = m_historyRequest.parse(m_arguments, httpGiven, &requestError);
+    else if (m_command == Command::Rdp)
+        requestOk = m_rdpRequest.parse(m_arguments, &requestError);
+    if (!requestOk)
+        return fail(requestError);
 
     m_user = parser.value(options.user);
     if (m_user.isEmpty())

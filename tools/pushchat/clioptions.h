@@ -4,16 +4,23 @@
 // The command line of the pushchat client: GNU-style options, then a
 // command and its arguments.
 //
-//   pushchat [options] listen
+//   pushchat [options] listen [--save-images]
 //   pushchat [options] send [--notice] [--room] TO TEXT
+//   pushchat [options] send [--notice] [--room] --image PATH TO
 //   pushchat [options] location TARGET FIRST SECOND
 //   pushchat [options] status UUID STATUS
-//   pushchat [options] room SUBCOMMAND ARGUMENTS... (see roomrequest.h)
+//   pushchat [options] room SUBCOMMAND ARGUMENTS...    (see roomrequest.h)
+//   pushchat [options] friend SUBCOMMAND ARGUMENTS...  (see friendrequest.h)
+//   pushchat [options] history SUBCOMMAND ARGUMENTS... (see historyrequest.h)
+//   pushchat [options] rdp SUBCOMMAND JID TEXT         (see rdprequest.h)
 //
 // parse() checks everything that can be checked without a network: option
 // values, the command and its argument count; error() is then one line
 // meant for stderr.
 
+#include "friendrequest.h"
+#include "historyrequest.h"
+#include "rdprequest.h"
 #include "roomrequest.h"
 
 #include <QString>
@@ -24,7 +31,7 @@
 
 class CliOptions {
 public:
-    enum class Command { None, Listen, Send, Location, Status, Room };
+    enum class Command { None, Listen, Send, Location, Status, Room, Friend, History, Rdp };
 
     /// Parses `arguments`, the program name first. False on any error.
     bool parse(const QStringList &arguments);
@@ -36,13 +43,16 @@ public:
     static QString helpText();
 
     Command command() const { return m_command; }
-    /// The command's arguments, in order (TO TEXT; TARGET FIRST SECOND;
-    /// UUID STATUS).
+    /// The command's arguments, in order (TO TEXT, or TO with --image;
+    /// TARGET FIRST SECOND; UUID STATUS).
     QStringList commandArguments() const { return m_arguments; }
     /// STATUS of the status command.
     int status() const { return m_status; }
     /// The room command's subcommand and arguments.
     const RoomRequest &roomRequest() const { return m_roomRequest; }
+    const FriendRequest &friendRequest() const { return m_friendRequest; }
+    const HistoryRequest &historyRequest() const { return m_historyRequest; }
+    const RdpRequest &rdpRequest() const { return m_rdpRequest; }
 
     QString host() const { return m_host; }
     int port() const { return m_port; }
@@ -58,6 +68,13 @@ public:
     std::chrono::milliseconds connectTimeout() const { return m_timeout; }
     bool notice() const { return m_notice; }
     bool room() const { return m_room; }
+    /// send --image: the image file to send; empty for a text message.
+    QString image() const { return m_image; }
+    /// listen --save-images.
+    bool saveImages() const { return m_saveImages; }
+    /// history --http-base: the HTTP service's base address; empty for the
+    /// library's default (port 5201 of --host).
+    QString httpBase() const { return m_httpBase; }
 
 private:
     bool fail(const QString &message);
@@ -68,6 +85,9 @@ private:
     QStringList m_arguments;
     int m_status = 0;
     RoomRequest m_roomRequest;
+    FriendRequest m_friendRequest;
+    HistoryRequest m_historyRequest;
+    RdpRequest m_rdpRequest;
     QString m_host = QStringLiteral("127.0.0.1");
     int m_port = 1883;
     QString m_user;
@@ -78,6 +98,9 @@ private:
     std::chrono::milliseconds m_timeout{10000};
     bool m_notice = false;
     bool m_room = false;
+    QString m_image;
+    bool m_saveImages = false;
+    QString m_httpBase;
 };
 
 #endif // PUSHCHAT_CLI_CLIOPTIONS_H

@@ -36,10 +36,11 @@ int waitReadable(pollfd *fds, nfds_t count, std::optional<Clock::time_point> dea
 
 } // namespace
 
-CliSession::CliSession(const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer)
+CliSession::CliSession(const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer,
+                       AwaitedEvent *awaited)
     : m_options(options),
       m_termination(termination),
-      m_events(writer, &m_connected),
+      m_events(writer, &m_connected, awaited, options.saveImages()),
       m_library(&m_events, &m_events, options.deviceId(), std::string())
 {
 }
@@ -54,16 +55,29 @@ CliSession::Outcome CliSession::login()
                                  m_options.domain(), QString());
     m_loggedIn = true;
 
-    pollfd fds[] = {{m_termination.fd(), POLLIN, 0}, {m_connected.fd(), POLLIN, 0}};
-    switch (waitReadable(fds, 2, Clock::now() + m_options.connectTimeout())) {
+    switch (wait(m_connected, m_options.connectTimeout())) {
+    case Wait::Raised:
+        return Outcome::Connected;
+    case Wait::Interrupted:
+        return Outcome::Interrupted;
+    case Wait::TimedOut:
+        break;
+    }
+    return Outcome::TimedOut;
+}
+
+CliSession::Wait CliSession::wait(EventFlag &flag, std::chrono::milliseconds timeout)
+{
+    pollfd fds[] = {{m_termination.fd(), POLLIN, 0}, {flag.fd(), POLLIN, 0}};
+    switch (waitReadable(fds, 2, Clock::now() + timeout)) {
     case 0:
         m_termination.take();
-        return Outcome::Interrupted;
+        return Wait::Interrupted;
     case 1:
-        m_connected.clear();
-        return Outcome::Connected;
+        flag.clear();
+        return Wait::Raised;
     default:
-        return Outcome::TimedOut;
+        return Wait::TimedOut;
     }
 }
 

@@ -6,7 +6,8 @@
 //
 // login() starts the connection and waits on the calling thread until the
 // library reports it (onConnected), a termination signal arrives, or the
-// connect timeout passes, whichever comes first. logout() (also done by
+// connect timeout passes, whichever comes first. wait() does the same for
+// any other flag, such as the arrival of an awaited answer. logout() (also done by
 // the destructor) logs out in order; the library waits there for the
 // broker to acknowledge what was published.
 
@@ -14,6 +15,9 @@
 #include "jsonevents.h"
 #include "message_lib.h"
 
+#include <chrono>
+
+class AwaitedEvent;
 class CliOptions;
 class JsonLineWriter;
 class TerminationSignals;
@@ -21,10 +25,13 @@ class TerminationSignals;
 class CliSession {
 public:
     enum class Outcome { Connected, Interrupted, TimedOut };
+    enum class Wait { Raised, Interrupted, TimedOut };
 
-    /// `writer` may be null (events are then not printed); everything is
-    /// borrowed and must outlive the session.
-    CliSession(const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer);
+    /// `writer` may be null (events are then not printed), as may `awaited`
+    /// (see jsonevents.h); everything is borrowed and must outlive the
+    /// session. The options' saveImages() applies to the events.
+    CliSession(const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer,
+               AwaitedEvent *awaited = nullptr);
     ~CliSession();
     CliSession(const CliSession &) = delete;
     CliSession &operator=(const CliSession &) = delete;
@@ -32,6 +39,9 @@ public:
     /// False if the session could not set up its wake-up descriptor.
     bool valid() const { return m_connected.valid(); }
     Outcome login();
+    /// Waits until `flag` is raised (and lowers it), a termination signal
+    /// arrives (and is consumed), or `timeout` passes.
+    Wait wait(EventFlag &flag, std::chrono::milliseconds timeout);
     /// Blocks until SIGINT, SIGTERM or SIGHUP; returns the signal number.
     int waitForTermination();
     void logout();

@@ -1,7 +1,9 @@
 #include "commandrunner.h"
 
+#include "awaitedevent.h"
 #include "clioptions.h"
 #include "clisession.h"
+#include "imagebody.h"
 #include "jsonlinewriter.h"
 #include "message_lib.h"
 #include "terminationsignals.h"
@@ -32,6 +34,12 @@ ExitCode CommandRunner::run()
         return status();
     case CliOptions::Command::Room:
         return room();
+    case CliOptions::Command::Friend:
+        return friendCommand();
+    case CliOptions::Command::History:
+        return history();
+    case CliOptions::Command::Rdp:
+        return rdp();
     case CliOptions::Command::None:
         break;
     }
@@ -63,6 +71,11 @@ ExitCode CommandRunner::connect(CliSession &session)
 
 ExitCode CommandRunner::listen()
 {
+    if (m_options.saveImages() && ImageBody::prepareDocumentsDirectory().isEmpty()) {
+        fail(QStringLiteral("--save-images: there is no documents directory to save images in, and none can be "
+                            "made."));
+        return ExitCode::Failure;
+    }
     JsonLineWriter writer(m_out);
     CliSession session(m_options, m_termination, &writer);
     const ExitCode connected = connect(session);
@@ -94,7 +107,17 @@ ExitCode CommandRunner::sendOnce(const char *what, const std::function<int(Messa
 ExitCode CommandRunner::send()
 {
     const QString to = m_options.commandArguments().at(0);
-    const QString text = m_options.commandArguments().at(1);
+    QString text;
+    if (m_options.image().isEmpty()) {
+        text = m_options.commandArguments().at(1);
+    } else {
+        // Loaded before connecting: a bad file costs no connection.
+        text = ImageBody::encodeFile(m_options.image());
+        if (text.isEmpty()) {
+            fail(QStringLiteral("cannot load '%1' as an image.").arg(m_options.image()));
+            return ExitCode::NoInput;
+        }
+    }
     const MESSAGE_BODY_TYPE bodyType = m_options.notice() ? BODY_TYPE_NOTICE : BODY_TYPE_DEFAULT;
     const QString messageKey = QUuid::createUuid().toString(QUuid::WithoutBraces);
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
@@ -124,4 +147,62 @@ ExitCode CommandRunner::room()
 {
     const RoomRequest &request = m_options.roomRequest();
     return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
+}
+
+ExitCode CommandRunner::friendCommand()
+{
+    const FriendRequest &request = m_options.friendRequest();
+    return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
+}
+
+ExitCode CommandRunner::rdp()
+{
+    const RdpRequest &request = m_options.rdpRequest();
+    return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
+}
+
+ExitCode CommandRunner::history()
+{
+    const HistoryRequest &request = m_options.historyRequest();
+    AwaitedEvent answer(QLatin1String(request.answerEvent()));
+    CliSession session(m_options, m_termination, nullptr, &answer);
+    const ExitCode connected = connect(session);
+    if (connected != ExitCode::Ok)
+        return connected;
+
+    if (request.overHttp()) {
+        if (!m_options.httpBase().isEmpty())
+            session.library().setHistoryBaseAddress(m_options.httpBase());
+        // Blocks in a nested event loop of this, the application's, thread
+        // until the reply or the library's transfer timeout.
+        request.runOverHttp(session.library());
+        session.logout();
+        const std::optional<QJsonObject> event = answer.event();
+        if (!event || event->value(QLatin1String("json")).toString().isEmpty()) {
+            fail(QStringLiteral("the HTTP history service's answer is empty (no %1).")
+                     .arg(QLatin1String(request.what())));
+            return ExitCode::NoAnswer;
+        }
+        JsonLineWriter(m_out).write(*event);
+        return ExitCode::Ok;
+    }
+
+    request.sendWith(session.library());
+    const CliSession::Wait waited = session.wait(answer.arrived(), m_options.connectTimeout());
+    session.logout();
+    switch (waited) {
+    case CliSession::Wait::Raised:
+        break;
+    case CliSession::Wait::Interrupted:
+        fail(QStringLiteral("interrupted while waiting for the %1.").arg(QLatin1String(request.what())));
+        return ExitCode::Interrupted;
+    case CliSession::Wait::TimedOut:
+        fail(QStringLiteral("no %1 arrived within %2 s.")
+                 .arg(QLatin1String(request.what()))
+                 .arg(static_cast<double>(m_options.connectTimeout().count()) / 1000.0));
+        return ExitCode::NoAnswer;
+    }
+    if (const std::optional<QJsonObject> event = answer.event())
+        JsonLineWriter(m_out).write(*event);
+    return ExitCode::Ok;
 }

@@ -5,10 +5,13 @@
 // status (exitcode.h). Failures are reported as one line on stderr.
 //
 // listen prints the library's events on `out` until a termination signal,
-// then logs out and returns 0. send, location, status and room log in,
-// wait for the connection, make one call to the library, log out in order
-// and return 0 only if the library published (roomrequest.h tells the two
-// room requests the library reports nothing for).
+// then logs out and returns 0. send, location, status, room, friend and rdp
+// log in, wait for the connection, make one call to the library, log out in
+// order and return 0 only if the library published (roomrequest.h tells the
+// two room requests the library reports nothing for). history logs in, asks
+// and prints the answering event on `out`: over the push channel the first
+// one that arrives within the timeout, over HTTP the one the blocking call
+// delivers, which must not be empty.
 
 #include "exitcode.h"
 
@@ -35,6 +38,9 @@ private:
     ExitCode location();
     ExitCode status();
     ExitCode room();
+    ExitCode friendCommand();
+    ExitCode history();
+    ExitCode rdp();
     /// Logs in, runs `call` once connected (1 means published) and logs out.
     ExitCode sendOnce(const char *what, const std::function<int(Message_lib &)> &call);
     /// Logs in and waits; anything but Ok has been reported.

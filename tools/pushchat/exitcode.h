@@ -3,11 +3,13 @@
 
 /// Exit statuses of the pushchat command-line client.
 enum class ExitCode : int {
-    Ok = 0,            ///< done; for send/location/status: published
+    Ok = 0,            ///< done; for the sending commands: published
     NotPublished = 1,  ///< connected, but the library did not publish
     NotConnected = 2,  ///< no connection within the timeout
     Failure = 3,       ///< the client could not set itself up
+    NoAnswer = 4,      ///< history: no answer within the timeout, or an empty one over HTTP
     Usage = 64,        ///< bad option, missing argument, unknown command
+    NoInput = 66,      ///< send --image: the file cannot be loaded as an image
     Interrupted = 130  ///< SIGINT/SIGTERM before a command was sent
 };
 

@@ -1,6 +1,8 @@
 #include "jsonevents.h"
 
+#include "awaitedevent.h"
 #include "eventflag.h"
+#include "imagebody.h"
 #include "jsonlinewriter.h"
 
 namespace {
@@ -10,14 +12,18 @@ QString utf8(const char *text) { return text ? QString::fromUtf8(text) : QString
 
 } // namespace
 
-JsonEvents::JsonEvents(JsonLineWriter *writer, EventFlag *connected) : m_writer(writer), m_connected(connected) {}
+JsonEvents::JsonEvents(JsonLineWriter *writer, EventFlag *connected, AwaitedEvent *awaited, bool saveImages)
+    : m_writer(writer), m_connected(connected), m_awaited(awaited), m_saveImages(saveImages)
+{
+}
 
 void JsonEvents::report(const char *event, QJsonObject arguments)
 {
-    if (!m_writer)
-        return;
     arguments.insert(QStringLiteral("event"), QLatin1String(event));
-    m_writer->write(arguments);
+    if (m_awaited)
+        m_awaited->offer(arguments);
+    if (m_writer)
+        m_writer->write(arguments);
 }
 
 void JsonEvents::onConnected()
@@ -32,14 +38,19 @@ void JsonEvents::onDisconnected() { report("onDisconnected"); }
 void JsonEvents::onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType,
                                   QString messageKey, QString stamp, bool readable)
 {
-    report("onMessageReceive", {{QStringLiteral("from"), from},
-                                {QStringLiteral("to"), to},
-                                {QStringLiteral("body"), body},
-                                {QStringLiteral("bodyType"), bodyType},
-                                {QStringLiteral("msgType"), msgType},
-                                {QStringLiteral("messageKey"), messageKey},
-                                {QStringLiteral("stamp"), stamp},
-                                {QStringLiteral("readable"), readable}});
+    QJsonObject arguments{{QStringLiteral("from"), from},
+                          {QStringLiteral("to"), to},
+                          {QStringLiteral("body"), body},
+                          {QStringLiteral("bodyType"), bodyType},
+                          {QStringLiteral("msgType"), msgType},
+                          {QStringLiteral("messageKey"), messageKey},
+                          {QStringLiteral("stamp"), stamp},
+                          {QStringLiteral("readable"), readable}};
+    if (m_saveImages && readable) {
+        if (const std::optional<QString> saved = ImageBody::saveIfEncoded(body))
+            arguments.insert(QStringLiteral("saved"), *saved);
+    }
+    report("onMessageReceive", arguments);
 }
 
 void JsonEvents::onHistoryMessages(const char *json)

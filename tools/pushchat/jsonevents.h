@@ -8,20 +8,28 @@
 // room as its JSON object ("room") and the command number ("cmd").
 //
 // onConnected also raises an EventFlag, which is how the main thread learns
-// that the login succeeded. Both the writer and the flag are optional and
-// borrowed. Callbacks arrive on the library's threads; this class keeps no
-// state of its own.
+// that the login succeeded. Every event is also offered to an AwaitedEvent,
+// which is how a command waits for its answer. With saveImages, a received
+// message whose body is an "image_encode" body is also written to a JPEG
+// file (imagebody.h) and its line gains "saved": the file's path, or an
+// empty text when it could not be written.
+//
+// The writer, the flag and the awaited event are optional and borrowed.
+// Callbacks arrive on the library's threads; this class keeps no state of
+// its own.
 
 #include "message_lib.h"
 
 #include <QJsonObject>
 
+class AwaitedEvent;
 class EventFlag;
 class JsonLineWriter;
 
 class JsonEvents : public ImEventReciever, public ImMUCEventReciever {
 public:
-    JsonEvents(JsonLineWriter *writer, EventFlag *connected);
+    JsonEvents(JsonLineWriter *writer, EventFlag *connected, AwaitedEvent *awaited = nullptr,
+               bool saveImages = false);
 
     void onConnected() override;
     void onDisconnected() override;
@@ -50,6 +58,8 @@ private:
 
     JsonLineWriter *m_writer;
     EventFlag *m_connected;
+    AwaitedEvent *m_awaited;
+    const bool m_saveImages;
 };
 
 #endif // PUSHCHAT_CLI_JSONEVENTS_H

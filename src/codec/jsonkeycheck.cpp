@@ -1,21 +1,12 @@
 #include "jsonkeycheck.h"
 
+#include "jsonhex.h"
+
 #include <algorithm>
 #include <string>
 #include <vector>
 
 namespace {
-
-int hexValue(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 void appendUtf16(std::u16string &out, char32_t cp)
 {
@@ -51,15 +42,9 @@ std::size_t readString(std::string_view json, std::size_t pos, std::u16string &o
             case 'r': out += u'\r'; break;
             case 't': out += u'\t'; break;
             case 'u': {
-                if (pos + 4 > json.size())
+                unsigned int unit = 0;
+                if (!JsonHex::readUnit(json.data(), json.size(), pos, unit))
                     return std::string_view::npos;
-                int unit = 0;
-                for (int k = 0; k < 4; ++k) {
-                    const int h = hexValue(json[pos + std::size_t(k)]);
-                    if (h < 0)
-                        return std::string_view::npos;
-                    unit = unit * 16 + h;
-                }
                 out += char16_t(unit);
                 pos += 4;
                 break;

@@ -1,6 +1,7 @@
 #include "envelopereader.h"
 
 #include "compactjson.h"
+#include "jsonhex.h"
 #include "jsonkeycheck.h"
 
 #include <QJsonDocument>
@@ -48,31 +49,6 @@ Key readKey(const char *s, std::size_t n, std::size_t &pos)
     if (len == 2 && a == 's' && b == 't')
         return KeySt;
     return KeyNone;
-}
-
-int hexValue(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-bool readHex4(const char *s, std::size_t n, std::size_t pos, unsigned int &unit)
-{
-    if (n - pos < 4)
-        return false;
-    unit = 0;
-    for (std::size_t k = 0; k < 4; ++k) {
-        const int h = hexValue(s[pos + k]);
-        if (h < 0)
-            return false;
-        unit = unit * 16 + unsigned(h);
-    }
-    return true;
 }
 
 void appendUtf8(std::string &out, unsigned int cp)
@@ -145,14 +121,14 @@ bool readString(const char *s, std::size_t n, std::size_t &pos, std::string &out
         case 't': out += '\t'; break;
         case 'u': {
             unsigned int unit = 0;
-            if (!readHex4(s, n, pos, unit))
+            if (!JsonHex::readUnit(s, n, pos, unit))
                 return false;
             pos += 4;
             if (unit >= 0xDC00 && unit <= 0xDFFF)
                 return false;
             if (unit >= 0xD800 && unit <= 0xDBFF) {
                 unsigned int low = 0;
-                if (n - pos < 6 || s[pos] != '\\' || s[pos + 1] != 'u' || !readHex4(s, n, pos + 2, low) ||
+                if (n - pos < 6 || s[pos] != '\\' || s[pos + 1] != 'u' || !JsonHex::readUnit(s, n, pos + 2, low) ||
                     low < 0xDC00 || low > 0xDFFF)
                     return false;
                 pos += 6;

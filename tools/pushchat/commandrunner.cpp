@@ -21,6 +21,12 @@ void CommandRunner::fail(const QString &message) const
     std::fprintf(stderr, "pushchat: %s\n", message.toLocal8Bit().constData());
 }
 
+template <typename Request>
+ExitCode CommandRunner::sendRequest(const Request &request)
+{
+    return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
+}
+
 ExitCode CommandRunner::run()
 {
     switch (m_options.command()) {
@@ -33,13 +39,13 @@ ExitCode CommandRunner::run()
     case CliOptions::Command::Status:
         return status();
     case CliOptions::Command::Room:
-        return room();
+        return sendRequest(m_options.roomRequest());
     case CliOptions::Command::Friend:
-        return friendCommand();
+        return sendRequest(m_options.friendRequest());
     case CliOptions::Command::History:
         return history();
     case CliOptions::Command::Rdp:
-        return rdp();
+        return sendRequest(m_options.rdpRequest());
     case CliOptions::Command::None:
         break;
     }
@@ -141,24 +147,6 @@ ExitCode CommandRunner::status()
     const auto status = static_cast<MSG_STATUS>(m_options.status());
     return sendOnce("status change",
                     [&](Message_lib &library) { return library.modifyMessageStatus(uuid, status); });
-}
-
-ExitCode CommandRunner::room()
-{
-    const RoomRequest &request = m_options.roomRequest();
-    return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
-}
-
-ExitCode CommandRunner::friendCommand()
-{
-    const FriendRequest &request = m_options.friendRequest();
-    return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
-}
-
-ExitCode CommandRunner::rdp()
-{
-    const RdpRequest &request = m_options.rdpRequest();
-    return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
 }
 
 ExitCode CommandRunner::history()

@@ -37,10 +37,10 @@ private:
     ExitCode send();
     ExitCode location();
     ExitCode status();
-    ExitCode room();
-    ExitCode friendCommand();
     ExitCode history();
-    ExitCode rdp();
+    /// sendOnce for a parsed room, friend or rdp request.
+    template <typename Request>
+    ExitCode sendRequest(const Request &request);
     /// Logs in, runs `call` once connected (1 means published) and logs out.
     ExitCode sendOnce(const char *what, const std::function<int(Message_lib &)> &call);
     /// Logs in and waits; anything but Ok has been reported.

@@ -1,6 +1,11 @@
 #include "friendrequest.h"
 
 #include "message_lib.h"
+#include "subcommandtable.h"
+
+using subcommand::fail;
+using subcommand::kAnyInteger;
+using subcommand::number;
 
 namespace {
 
@@ -22,39 +27,20 @@ const Subcommand kSubcommands[] = {
      "friend-list request"},
 };
 
-const char *const kNames = "add, accept, del, props or list";
-
-bool fail(QString *error, const QString &message)
-{
-    *error = message;
-    return false;
-}
+const char *const kCommand = "friend";
 
 } // namespace
 
 bool FriendRequest::parse(const QStringList &words, const ListOptions &listOptions, QString *error)
 {
-    if (words.isEmpty())
-        return fail(error, QStringLiteral("'friend' needs a subcommand: %1.").arg(QLatin1String(kNames)));
-    const Subcommand *found = nullptr;
-    for (const Subcommand &candidate : kSubcommands) {
-        if (words.first() == QLatin1String(candidate.name))
-            found = &candidate;
-    }
+    const Subcommand *found = subcommand::find(kCommand, kSubcommands, words, error);
     if (!found)
-        return fail(error, QStringLiteral("Unknown friend subcommand '%1': use %2.")
-                               .arg(words.first(), QLatin1String(kNames)));
+        return false;
     m_action = found->action;
     m_arguments = words.mid(1);
-    const int given = m_arguments.size();
-    if (given < found->minArguments || given > found->maxArguments)
-        return fail(error, QStringLiteral("'friend %1' takes %2 argument(s), %3 given: pushchat [options] %4.")
-                               .arg(QLatin1String(found->name),
-                                    found->minArguments == found->maxArguments
-                                        ? QString::number(found->minArguments)
-                                        : QStringLiteral("%1 or %2").arg(found->minArguments).arg(found->maxArguments))
-                               .arg(given)
-                               .arg(QLatin1String(found->usage)));
+    if (!subcommand::argumentCountFits(error, kCommand, found->name, m_arguments.size(), found->minArguments,
+                                       found->maxArguments, QLatin1String(found->usage)))
+        return false;
     while (m_arguments.size() < found->maxArguments)
         m_arguments.append(QString()); // an omitted TEXT is sent empty
     if (m_action != Action::List && m_arguments.first().isEmpty())
@@ -67,31 +53,16 @@ bool FriendRequest::parse(const QStringList &words, const ListOptions &listOptio
             return fail(error, QStringLiteral("--type applies to room create and friend list only."));
         return true;
     }
-    bool ok = true;
-    if (listOptions.type) {
-        m_listType = listOptions.type->toInt(&ok);
-        if (!ok)
-            return fail(error, QStringLiteral("--type must be an integer, not '%1'.").arg(*listOptions.type));
-    }
-    if (listOptions.count) {
-        m_listCount = listOptions.count->toInt(&ok);
-        if (!ok || m_listCount < 1)
-            return fail(error, QStringLiteral("--count must be a whole number of 1 or more, not '%1'.")
-                                   .arg(*listOptions.count));
-    }
+    if (listOptions.type && !number(*listOptions.type, "--type", kAnyInteger, &m_listType, error))
+        return false;
+    if (listOptions.count && !number(*listOptions.count, "--count", 1, &m_listCount, error))
+        return false;
     if (listOptions.cursor)
         m_listCursor = *listOptions.cursor;
     return true;
 }
 
-const char *FriendRequest::what() const
-{
-    for (const Subcommand &subcommand : kSubcommands) {
-        if (subcommand.action == m_action)
-            return subcommand.what;
-    }
-    return "friend request";
-}
+const char *FriendRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
 
 int FriendRequest::sendWith(Message_lib &library) const
 {

@@ -2,8 +2,11 @@
 
 #include "message_lib.h"
 #include "messageprivate.h"
+#include "subcommandtable.h"
 
-#include <limits>
+using subcommand::fail;
+using subcommand::kAnyInteger;
+using subcommand::number;
 
 namespace {
 
@@ -29,55 +32,15 @@ const Subcommand kSubcommands[] = {
      "message history"},
 };
 
-const char *const kNames = "conversations, detail, pull or sync";
-
-const Subcommand &subcommandOf(HistoryRequest::Action action)
-{
-    for (const Subcommand &subcommand : kSubcommands) {
-        if (subcommand.action == action)
-            return subcommand;
-    }
-    return kSubcommands[0];
-}
-
-bool fail(QString *error, const QString &message)
-{
-    *error = message;
-    return false;
-}
-
-// `text` as an integer of at least `minimum`, or false with `*error` set.
-bool number(const QString &text, const char *name, int minimum, int *value, QString *error)
-{
-    bool ok = false;
-    *value = text.toInt(&ok);
-    if (ok && *value >= minimum)
-        return true;
-    if (minimum == 0)
-        return fail(error, QStringLiteral("%1 must be a whole number of 0 or more, not '%2'.")
-                               .arg(QLatin1String(name), text));
-    if (minimum == 1)
-        return fail(error, QStringLiteral("%1 must be a whole number of 1 or more, not '%2'.")
-                               .arg(QLatin1String(name), text));
-    return fail(error, QStringLiteral("%1 must be an integer, not '%2'.").arg(QLatin1String(name), text));
-}
-
-constexpr int kAnyInteger = std::numeric_limits<int>::min();
+const char *const kCommand = "history";
 
 } // namespace
 
 bool HistoryRequest::parse(const QStringList &words, bool http, QString *error)
 {
-    if (words.isEmpty())
-        return fail(error, QStringLiteral("'history' needs a subcommand: %1.").arg(QLatin1String(kNames)));
-    const Subcommand *found = nullptr;
-    for (const Subcommand &candidate : kSubcommands) {
-        if (words.first() == QLatin1String(candidate.name))
-            found = &candidate;
-    }
+    const Subcommand *found = subcommand::find(kCommand, kSubcommands, words, error);
     if (!found)
-        return fail(error, QStringLiteral("Unknown history subcommand '%1': use %2.")
-                               .arg(words.first(), QLatin1String(kNames)));
+        return false;
     if (http && !found->httpUsage)
         return fail(error, QStringLiteral("--http applies to history pull and history sync only."));
     m_action = found->action;
@@ -85,12 +48,8 @@ bool HistoryRequest::parse(const QStringList &words, bool http, QString *error)
     const QStringList arguments = words.mid(1);
     const QString usage = QLatin1String(http ? found->httpUsage : found->usage);
     const int wanted = http ? found->httpArgumentCount : found->argumentCount;
-    if (arguments.size() != wanted)
-        return fail(error, QStringLiteral("'history %1' takes %2 argument(s), %3 given: pushchat [options] %4.")
-                               .arg(QLatin1String(found->name))
-                               .arg(wanted)
-                               .arg(arguments.size())
-                               .arg(usage));
+    if (!subcommand::argumentCountFits(error, kCommand, found->name, arguments.size(), wanted, wanted, usage))
+        return false;
 
     switch (m_action) {
     case Action::Conversations:
@@ -116,9 +75,9 @@ bool HistoryRequest::parse(const QStringList &words, bool http, QString *error)
     return true;
 }
 
-const char *HistoryRequest::answerEvent() const { return subcommandOf(m_action).answer; }
+const char *HistoryRequest::answerEvent() const { return subcommand::entryOf(kSubcommands, m_action).answer; }
 
-const char *HistoryRequest::what() const { return subcommandOf(m_action).what; }
+const char *HistoryRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
 
 void HistoryRequest::sendWith(Message_lib &library) const
 {

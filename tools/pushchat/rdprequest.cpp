@@ -1,6 +1,7 @@
 #include "rdprequest.h"
 
 #include "message_lib.h"
+#include "subcommandtable.h"
 
 namespace {
 
@@ -17,48 +18,27 @@ const Subcommand kSubcommands[] = {
     {"becontrol-reply", RdpRequest::Action::BeControlReply, "remote-desktop be-controlled reply"},
 };
 
-const char *const kNames = "control, becontrol, control-reply or becontrol-reply";
-
-bool fail(QString *error, const QString &message)
-{
-    *error = message;
-    return false;
-}
+const char *const kCommand = "rdp";
 
 } // namespace
 
 bool RdpRequest::parse(const QStringList &words, QString *error)
 {
-    if (words.isEmpty())
-        return fail(error, QStringLiteral("'rdp' needs a subcommand: %1.").arg(QLatin1String(kNames)));
-    const Subcommand *found = nullptr;
-    for (const Subcommand &candidate : kSubcommands) {
-        if (words.first() == QLatin1String(candidate.name))
-            found = &candidate;
-    }
+    const Subcommand *found = subcommand::find(kCommand, kSubcommands, words, error);
     if (!found)
-        return fail(error,
-                    QStringLiteral("Unknown rdp subcommand '%1': use %2.").arg(words.first(), QLatin1String(kNames)));
-    if (words.size() != 3)
-        return fail(error, QStringLiteral("'rdp %1' takes 2 argument(s), %2 given: pushchat [options] rdp %1 JID TEXT.")
-                               .arg(QLatin1String(found->name))
-                               .arg(words.size() - 1));
+        return false;
+    if (!subcommand::argumentCountFits(error, kCommand, found->name, words.size() - 1, 2, 2,
+                                       QStringLiteral("rdp %1 JID TEXT").arg(QLatin1String(found->name))))
+        return false;
     m_action = found->action;
     m_jid = words.at(1);
     m_text = words.at(2);
     if (m_jid.isEmpty())
-        return fail(error, QStringLiteral("JID must not be empty."));
+        return subcommand::fail(error, QStringLiteral("JID must not be empty."));
     return true;
 }
 
-const char *RdpRequest::what() const
-{
-    for (const Subcommand &subcommand : kSubcommands) {
-        if (subcommand.action == m_action)
-            return subcommand.what;
-    }
-    return "remote-desktop message";
-}
+const char *RdpRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
 
 int RdpRequest::sendWith(Message_lib &library) const
 {

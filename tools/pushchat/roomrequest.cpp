@@ -1,6 +1,9 @@
 #include "roomrequest.h"
 
 #include "message_lib.h"
+#include "subcommandtable.h"
+
+using subcommand::fail;
 
 namespace {
 
@@ -22,45 +25,20 @@ const Subcommand kSubcommands[] = {
     {"destroy", RoomRequest::Action::Destroy, 1, "room destroy ROOM", "room destruction"},
 };
 
-const char *const kNames = "create, invite, kick, rename, owner, type or destroy";
-
-const Subcommand &subcommandOf(RoomRequest::Action action)
-{
-    for (const Subcommand &subcommand : kSubcommands) {
-        if (subcommand.action == action)
-            return subcommand;
-    }
-    return kSubcommands[0];
-}
-
-bool fail(QString *error, const QString &message)
-{
-    *error = message;
-    return false;
-}
+const char *const kCommand = "room";
 
 } // namespace
 
 bool RoomRequest::parse(const QStringList &words, const std::optional<QString> &typeOption, QString *error)
 {
-    if (words.isEmpty())
-        return fail(error, QStringLiteral("'room' needs a subcommand: %1.").arg(QLatin1String(kNames)));
-    const Subcommand *found = nullptr;
-    for (const Subcommand &candidate : kSubcommands) {
-        if (words.first() == QLatin1String(candidate.name))
-            found = &candidate;
-    }
+    const Subcommand *found = subcommand::find(kCommand, kSubcommands, words, error);
     if (!found)
-        return fail(error, QStringLiteral("Unknown room subcommand '%1': use %2.")
-                               .arg(words.first(), QLatin1String(kNames)));
+        return false;
     m_action = found->action;
     m_arguments = words.mid(1);
-    if (m_arguments.size() != found->argumentCount)
-        return fail(error, QStringLiteral("'room %1' takes %2 argument(s), %3 given: pushchat [options] %4.")
-                               .arg(QLatin1String(found->name))
-                               .arg(found->argumentCount)
-                               .arg(m_arguments.size())
-                               .arg(QLatin1String(found->usage)));
+    if (!subcommand::argumentCountFits(error, kCommand, found->name, m_arguments.size(), found->argumentCount,
+                                       found->argumentCount, QLatin1String(found->usage)))
+        return false;
     if (m_arguments.first().isEmpty())
         return fail(error, QStringLiteral("ROOM must not be empty."));
     if (typeOption && m_action != Action::Create)
@@ -74,7 +52,7 @@ bool RoomRequest::parse(const QStringList &words, const std::optional<QString> &
     return true;
 }
 
-const char *RoomRequest::what() const { return subcommandOf(m_action).what; }
+const char *RoomRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
 
 int RoomRequest::sendWith(Message_lib &library) const
 {

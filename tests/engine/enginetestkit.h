@@ -2,14 +2,17 @@
 #define ENGINETESTKIT_H
 
 // Helpers for the engine tests over a real broker:
-//   - RecordingApp: an ImEventReciever that records every callback and lets
-//     the test wait for a condition on what it recorded;
+//   - RecordingApp: an ImEventReciever and ImMUCEventReciever that records
+//     every callback, from whatever thread, and lets the test wait for a
+//     condition on what it recorded;
 //   - WireObserver: a raw PushClient subscribed to "#" that records what is
 //     really published, and publishes raw messages as a peer would;
 //   - openEnvelope: a payload read back into its envelope fields;
 //   - brokerEvents: the broker's log (log_type all) as a list of
 //     "connect"/"subscribe"/"unsubscribe"/"publish"/... lines per client;
-//   - PeerProcess: a child program whose stdout the test reads.
+//   - PeerProcess: a child program whose stdout the test reads;
+//   - TwoUsers: a fixture with a broker, a wire observer and two façades,
+//     alice and bob, online.
 
 #include "message_lib.h"
 #include "messageprivate.h"
@@ -18,6 +21,8 @@
 #include "pushclient.h"
 
 #include <QString>
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -78,6 +83,11 @@ struct Delivery {
     bool readable = false;
 };
 
+struct RoomChange {
+    int cmd;
+    std::string room; // Room::toString of the room handed over
+};
+
 struct AppState {
     int connected = 0;
     int disconnected = 0;
@@ -87,10 +97,15 @@ struct AppState {
     // The const char* callbacks (history, remote desktop): the callback's
     // name followed by its arguments, copied.
     std::vector<std::vector<std::string>> rawCalls;
+    std::vector<RoomChange> roomChanges;
+    std::vector<QString> roomLists;
 };
 
-class RecordingApp : public ImEventReciever {
+class RecordingApp : public ImEventReciever, public ImMUCEventReciever {
 public:
+    /// Runs inside onRoomChanged before it is recorded (set before login).
+    std::function<void(Room &, GroupSubCmd)> roomChangedHook;
+
     void onConnected() override { record([](AppState &s) { ++s.connected; }); }
     void onDisconnected() override { record([](AppState &s) { ++s.disconnected; }); }
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
@@ -107,6 +122,17 @@ public:
     void onMessageStatusModified(QString modifier, QString uuid, int status) override
     {
         record([&](AppState &s) { s.statuses.emplace_back(modifier, uuid, status); });
+    }
+    void onRoomListRefreshed(QString json) override
+    {
+        record([&](AppState &s) { s.roomLists.push_back(json); });
+    }
+    void onRoomChanged(Room &room, GroupSubCmd cmd) override
+    {
+        if (roomChangedHook)
+            roomChangedHook(room, cmd);
+        const std::string text = room.toString();
+        record([&](AppState &s) { s.roomChanges.push_back({ cmd, text }); });
     }
     void onHistoryMessages(const char *json) override { raw({ "onHistoryMessages", json }); }
     void onConversations(const char *json) override { raw({ "onConversations", json }); }
@@ -212,6 +238,21 @@ inline std::string sealEnvelope(const QString &from, const QString &to, const QS
     msg.fromText(from, to, body, MediaInfo::MessageType(msgType), secLevel, MESSAGE_BODY_TYPE(bodyType), key,
                  stamp);
     return msg.payload;
+}
+
+/// A system request as every one of them looks on the wire: enciphered,
+/// unrestricted, default body, no key and no stamp.
+inline void expectSystemEnvelope(const Envelope &e, const std::string &from, const std::string &to)
+{
+    EXPECT_TRUE(e.parsed);
+    EXPECT_TRUE(e.encrypted);
+    EXPECT_EQ(e.from, from);
+    EXPECT_EQ(e.to, to);
+    EXPECT_EQ(e.msgType, MediaInfo::MESSAGE_TYPE_SYSTEM);
+    EXPECT_EQ(e.secLevel, SECURITY_LEVEL_UNRESTRICTED);
+    EXPECT_EQ(e.bodyType, BODY_TYPE_DEFAULT);
+    EXPECT_EQ(e.messageKey, "");
+    EXPECT_EQ(e.stamp, "");
 }
 
 /// Subscribes to "#" after every connect and records everything.
@@ -322,6 +363,21 @@ private:
     std::vector<WireMessage> messages_;
 };
 
+/// The body of the one envelope on `topic` (waited for), checked as a
+/// system request from `from` to `to`.
+inline std::string onlySystemEnvelope(WireObserver &wire, const std::string &topic, const std::string &from,
+                                      const std::string &to)
+{
+    EXPECT_TRUE(wire.waitForCount(topic, 1)) << topic;
+    const std::vector<Envelope> all = wire.envelopes(topic);
+    if (all.size() != 1) {
+        ADD_FAILURE() << topic << ": " << all.size() << " messages";
+        return std::string();
+    }
+    expectSystemEnvelope(all[0], from, to);
+    return all[0].body;
+}
+
 // --- the broker's log -----------------------------------------------------
 
 /// What the broker logged about one client, one line per packet or topic:
@@ -430,6 +486,43 @@ inline bool waitOnline(RecordingApp &app, const MosquittoBroker &broker, const s
     return app.waitFor([&](const AppState &s) { return s.connected >= n; }) &&
            eventually([&] { return countOf(brokerEvents(broker, clientId), startup) >= std::size_t(n); });
 }
+
+// --- a fixture -----------------------------------------------------------
+
+/// A fresh broker with a wire observer, and alice (device dev-a) and bob
+/// (dev-b) logged in at the levels given and online when a test starts.
+/// `App` is both users' application.
+template <class App = RecordingApp>
+class TwoUsers : public ::testing::Test {
+protected:
+    explicit TwoUsers(int aliceLevel = 5, int bobLevel = 5) : aliceLevel_(aliceLevel), bobLevel_(bobLevel) {}
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(broker.start()) << broker.log();
+        ASSERT_TRUE(wire.start(broker));
+        ASSERT_EQ(login(alice, broker, "alice", aliceLevel_), 1);
+        ASSERT_EQ(login(bob, broker, "bob", bobLevel_), 1);
+        ASSERT_TRUE(waitOnline(aliceApp, broker, "alice@im.test@dev-a")) << broker.log();
+        ASSERT_TRUE(waitOnline(bobApp, broker, "bob@im.test@dev-b")) << broker.log();
+    }
+
+    /// onlySystemEnvelope on this fixture's wire.
+    std::string only(const std::string &topic, const char *from, const char *to)
+    {
+        return onlySystemEnvelope(wire, topic, from, to);
+    }
+
+    MosquittoBroker broker{ brokerOptions() };
+    WireObserver wire;
+    App aliceApp, bobApp;
+    Message_lib alice{ &aliceApp, nullptr, "dev-a", "Alice Desk" };
+    Message_lib bob{ &bobApp, nullptr, "dev-b", "Bob Desk" };
+
+private:
+    const int aliceLevel_;
+    const int bobLevel_;
+};
 
 // --- child processes ------------------------------------------------------
 

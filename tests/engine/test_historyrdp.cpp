@@ -14,51 +14,16 @@ using Call = std::vector<std::string>;
 
 constexpr const char *kHistoryCmd = "s/h/c/server@im.test/";
 
-class EngineHistoryRdp : public ::testing::Test {
+// Bob's level is negative.
+class EngineHistoryRdp : public TwoUsers<> {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(broker.start()) << broker.log();
-        ASSERT_TRUE(wire.start(broker));
-        ASSERT_EQ(login(alice, broker, "alice", 5), 1);
-        ASSERT_EQ(login(bob, broker, "bob", -3), 1);
-        ASSERT_TRUE(waitOnline(aliceApp, broker, "alice@im.test@dev-a")) << broker.log();
-        ASSERT_TRUE(waitOnline(bobApp, broker, "bob@im.test@dev-b")) << broker.log();
-    }
-
-    /// The one envelope on `topic`, checked as a system message from
-    /// `from` to `to`; its body.
-    std::string only(const std::string &topic, const char *from, const char *to)
-    {
-        EXPECT_TRUE(wire.waitForCount(topic, 1)) << topic;
-        const std::vector<Envelope> all = wire.envelopes(topic);
-        if (all.size() != 1) {
-            ADD_FAILURE() << topic << ": " << all.size() << " messages";
-            return std::string();
-        }
-        const Envelope &e = all[0];
-        EXPECT_TRUE(e.encrypted);
-        EXPECT_EQ(e.from, from);
-        EXPECT_EQ(e.to, to);
-        EXPECT_EQ(e.msgType, MediaInfo::MESSAGE_TYPE_SYSTEM);
-        EXPECT_EQ(e.secLevel, SECURITY_LEVEL_UNRESTRICTED);
-        EXPECT_EQ(e.bodyType, BODY_TYPE_DEFAULT);
-        EXPECT_EQ(e.messageKey, "");
-        EXPECT_EQ(e.stamp, "");
-        return e.body;
-    }
+    EngineHistoryRdp() : TwoUsers(5, -3) {}
 
     static std::vector<Call> waitCalls(RecordingApp &app, std::size_t n)
     {
         EXPECT_TRUE(app.waitFor([&](const AppState &s) { return s.rawCalls.size() >= n; }));
         return app.state().rawCalls;
     }
-
-    MosquittoBroker broker{ brokerOptions() };
-    WireObserver wire;
-    RecordingApp aliceApp, bobApp;
-    Message_lib alice{ &aliceApp, nullptr, "dev-a", "Alice Desk" };
-    Message_lib bob{ &bobApp, nullptr, "dev-b", "Bob Desk" };
 };
 
 } // namespace

@@ -24,20 +24,6 @@ std::string presenceBody(const char *deviceId, const char *deviceName, const cha
            text + R"(","type":)" + std::to_string(type) + "}";
 }
 
-// A system request as every one of them looks on the wire.
-void expectSystemEnvelope(const Envelope &e, const std::string &from, const std::string &server)
-{
-    EXPECT_TRUE(e.parsed);
-    EXPECT_TRUE(e.encrypted);
-    EXPECT_EQ(e.from, from);
-    EXPECT_EQ(e.to, server);
-    EXPECT_EQ(e.msgType, MediaInfo::MESSAGE_TYPE_SYSTEM);
-    EXPECT_EQ(e.secLevel, SECURITY_LEVEL_UNRESTRICTED);
-    EXPECT_EQ(e.bodyType, BODY_TYPE_DEFAULT);
-    EXPECT_EQ(e.messageKey, "");
-    EXPECT_EQ(e.stamp, "");
-}
-
 } // namespace
 
 TEST(EngineLifecycle, OnlineSequenceOnTheWire)

@@ -1,13 +1,15 @@
 #include "roomsession.h"
 
+using namespace kit;
+
 namespace {
 
 // Sends `text` to alice and waits until she has it.
-bool delivered(RoomServerPeer &peer, RoomApp &app, const QString &text)
+bool delivered(RoomServerPeer &peer, RecordingApp &app, const QString &text)
 {
     peer.sendMessage(QStringLiteral("bob@d"), "alice@d", text);
-    return app.waitFor([&](const RoomApp::Records &r) {
-        for (const RoomApp::Message &m : r.messages)
+    return app.waitFor([&](const AppState &r) {
+        for (const Delivery &m : r.messages)
             if (m.body == text)
                 return true;
         return false;
@@ -21,8 +23,8 @@ void RoomSession::SetUp()
     ASSERT_TRUE(broker.start()) << broker.log();
     ASSERT_TRUE(peer.connect(broker.host(), broker.port())) << broker.log();
     lib = std::make_unique<Message_lib>(&app, &app, "device-1", "test device");
-    lib->registerToImServer(broker.host(), broker.port(), "alice", "", 5, "d", "");
-    ASSERT_TRUE(app.waitFor([](const RoomApp::Records &r) { return r.connected; })) << broker.log();
+    ASSERT_EQ(login(*lib, broker, "alice", 5, "d"), 1);
+    ASSERT_TRUE(app.waitFor([](const AppState &r) { return r.connected >= 1; })) << broker.log();
     ASSERT_TRUE(peer.waitForRequests(1));
 }
 
@@ -57,7 +59,7 @@ bool RoomSession::roomMessageArrives(const std::string &roomJid)
     // Published after it by the same client: once this has arrived, the
     // room message has arrived too, or never will.
     EXPECT_TRUE(delivered(peer, app, nextMark()));
-    for (const RoomApp::Message &m : app.records().messages)
+    for (const Delivery &m : app.state().messages)
         if (m.body == text)
             return m.to == QString::fromStdString(roomJid);
     return false;

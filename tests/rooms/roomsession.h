@@ -6,10 +6,7 @@
 // SetUp returns once alice is online and her room-list request has reached
 // the peer (request 0).
 
-#include "message_lib.h"
-#include "messageprivate.h"
-#include "mosquittobroker.h"
-#include "roomapp.h"
+#include "enginetestkit.h"
 #include "roomserverpeer.h"
 
 #include <gtest/gtest.h>
@@ -39,7 +36,7 @@ protected:
 
     MosquittoBroker broker;
     RoomServerPeer peer{ kServerJid };
-    RoomApp app;
+    kit::RecordingApp app;
     std::unique_ptr<Message_lib> lib;
 
 private:

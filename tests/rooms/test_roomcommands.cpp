@@ -5,6 +5,8 @@
 
 #include <functional>
 
+using namespace kit;
+
 namespace {
 
 struct Command {
@@ -105,7 +107,7 @@ TEST_F(RoomCommands, ReachTheServerAsSpecifiedBytes)
 
 TEST(RoomCommandsOffline, ReportNothingPublishedExceptInviteAndRename)
 {
-    RoomApp app;
+    RecordingApp app;
     Message_lib lib(&app, &app, "device-1", "test device");
     for (const Command &c : commands())
         EXPECT_EQ(c.call(lib), c.offline) << c.body;

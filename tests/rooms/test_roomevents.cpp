@@ -15,6 +15,8 @@
 #include <fstream>
 #include <thread>
 
+using namespace kit;
+
 namespace {
 
 using RoomEvents = RoomSession;
@@ -53,10 +55,10 @@ QString roomListText(const std::vector<const char *> &jids)
 }
 
 // The messages the library made up for room `jid` (sent by the room itself).
-std::vector<RoomApp::Message> roomNotes(const RoomApp::Records &r, const QString &jid)
+std::vector<Delivery> roomNotes(const AppState &r, const QString &jid)
 {
-    std::vector<RoomApp::Message> found;
-    for (const RoomApp::Message &m : r.messages)
+    std::vector<Delivery> found;
+    for (const Delivery &m : r.messages)
         if (m.from == jid && m.to == jid)
             found.push_back(m);
     return found;
@@ -78,23 +80,23 @@ TEST_F(RoomEvents, CreationHandsTheRoomSubscribesAndPostsARoomMessage)
     EXPECT_FALSE(roomMessageArrives("r1@d"));
     const std::string body = roomText("r1@d");
     sendEvent(GroupSub_Create, QString::fromStdString(body));
-    ASSERT_TRUE(app.waitFor([](const RoomApp::Records &r) {
+    ASSERT_TRUE(app.waitFor([](const AppState &r) {
         return !r.roomChanges.empty() && !roomNotes(r, "r1@d").empty();
     }));
     EXPECT_TRUE(roomMessageArrives("r1@d"));
     EXPECT_EQ(subscribedRooms(), QList<std::string>{ "r1@d" });
 
-    const RoomApp::Records r = app.records();
+    const AppState r = app.state();
     ASSERT_EQ(r.roomChanges.size(), 1u);
     EXPECT_EQ(r.roomChanges[0].cmd, GroupSub_Create);
     EXPECT_EQ(r.roomChanges[0].room, body);
-    const std::vector<RoomApp::Message> notes = roomNotes(r, "r1@d");
+    const std::vector<Delivery> notes = roomNotes(r, "r1@d");
     ASSERT_EQ(notes.size(), 1u);
     EXPECT_EQ(notes[0].body, QString());
     EXPECT_EQ(notes[0].bodyType, BODY_TYPE_DEFAULT);
     EXPECT_EQ(notes[0].msgType, MediaInfo::MESSAGE_TYPE_GROUPCHAT);
-    EXPECT_TRUE(QRegularExpression("^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$").match(notes[0].key).hasMatch())
-        << notes[0].key.toStdString();
+    EXPECT_TRUE(QRegularExpression("^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$").match(notes[0].messageKey).hasMatch())
+        << notes[0].messageKey.toStdString();
     EXPECT_TRUE(QRegularExpression(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$)").match(notes[0].stamp).hasMatch())
         << notes[0].stamp.toStdString();
     EXPECT_TRUE(notes[0].readable);
@@ -116,9 +118,9 @@ TEST_F(RoomEvents, EachEventHandsItsValueAndOnlyEnteredRoomsAreSubscribed)
     EXPECT_FALSE(roomMessageArrives("r4@d"));
 
     lib->unRegisterToImServer(); // delivers every notification still waiting
-    const RoomApp::Records r = app.records();
+    const AppState r = app.state();
     std::map<std::string, int> handed;
-    for (const RoomApp::RoomChange &c : r.roomChanges) {
+    for (const RoomChange &c : r.roomChanges) {
         QJsonObject room = QJsonDocument::fromJson(QByteArray::fromStdString(c.room)).object();
         handed[room.value("jid").toString().toStdString()] = c.cmd;
     }
@@ -136,8 +138,8 @@ TEST_F(RoomEvents, KicksUnsubscribeTheKickedUserAndTellOnlyWhenSomeoneElseKicked
 {
     const QString list = roomListText({ "k3@d", "k1@d", "k4@d", "k2@d" });
     sendEvent(GroupSub_Refresh, list);
-    ASSERT_TRUE(app.waitFor([](const RoomApp::Records &r) { return !r.roomLists.empty(); }));
-    EXPECT_EQ(app.records().roomLists, std::vector<QString>{ list });
+    ASSERT_TRUE(app.waitFor([](const AppState &r) { return !r.roomLists.empty(); }));
+    EXPECT_EQ(app.state().roomLists, std::vector<QString>{ list });
     fence();
     ASSERT_EQ(subscribedRooms(), (QList<std::string>{ "k1@d", "k2@d", "k3@d", "k4@d" }));
 
@@ -151,12 +153,12 @@ TEST_F(RoomEvents, KicksUnsubscribeTheKickedUserAndTellOnlyWhenSomeoneElseKicked
     EXPECT_FALSE(roomMessageArrives("k4@d"));
 
     lib->unRegisterToImServer();
-    const RoomApp::Records r = app.records();
+    const AppState r = app.state();
     ASSERT_EQ(r.roomChanges.size(), 4u);
-    for (const RoomApp::RoomChange &c : r.roomChanges)
+    for (const RoomChange &c : r.roomChanges)
         EXPECT_EQ(c.cmd, GroupSub_Kick);
     for (const char *told : { "k1@d", "k2@d" }) {
-        const std::vector<RoomApp::Message> notes = roomNotes(r, told);
+        const std::vector<Delivery> notes = roomNotes(r, told);
         ASSERT_EQ(notes.size(), 1u) << told;
         EXPECT_EQ(notes[0].bodyType, BODY_TYPE_KICKED);
     }
@@ -177,14 +179,14 @@ TEST_F(RoomEvents, UnreadableBodiesChangeNoSubscriptionAndEmptyListsStillArrive)
     EXPECT_TRUE(subscribedRooms().isEmpty());
 
     lib->unRegisterToImServer();
-    const RoomApp::Records r = app.records();
+    const AppState r = app.state();
     EXPECT_TRUE(r.roomChanges.empty());
     std::vector<QString> lists = r.roomLists; // two notification threads: any order
     std::sort(lists.begin(), lists.end());
     EXPECT_EQ(lists, (std::vector<QString>{ "not json", emptyList }));
-    const std::vector<RoomApp::Message> notes = roomNotes(r, QString());
+    const std::vector<Delivery> notes = roomNotes(r, QString());
     ASSERT_EQ(notes.size(), 3u); // creation still posts its message, from and to empty
-    for (const RoomApp::Message &m : notes)
+    for (const Delivery &m : notes)
         EXPECT_EQ(m.bodyType, BODY_TYPE_DEFAULT);
 }
 
@@ -203,11 +205,11 @@ TEST_F(RoomEvents, LogoutWaitsForRunningNotificationsAndLeavesNoThread)
         ++finished;
     };
     lib = std::make_unique<Message_lib>(&app, &app, "device-2", "test device");
-    lib->registerToImServer(broker.host(), broker.port(), "alice", "", 5, "d", "");
+    ASSERT_EQ(login(*lib, broker, "alice", 5, "d"), 1);
     ASSERT_TRUE(peer.waitForRequests(2)); // online again
     for (int i = 0; i < 300; ++i)
         sendEvent(GroupSub_SetGroupName, QString::fromStdString(roomText("r1@d")));
-    ASSERT_TRUE(app.waitFor([](const RoomApp::Records &r) { return !r.roomChanges.empty(); }));
+    ASSERT_TRUE(app.waitFor([](const AppState &r) { return !r.roomChanges.empty(); }));
 
     lib->unRegisterToImServer();
     loggedOut = true;
@@ -219,7 +221,7 @@ TEST_F(RoomEvents, LogoutWaitsForRunningNotificationsAndLeavesNoThread)
 
 TEST(RoomNotifications, DestructionDeliversAWholeBurstOffTheFeedingThreadOnFewThreads)
 {
-    RoomApp app;
+    RecordingApp app;
     std::atomic<int> onFeeder{ 0 };
     const std::thread::id feeder = std::this_thread::get_id();
     app.roomChangedHook = [&](Room &, GroupSubCmd) {
@@ -237,7 +239,7 @@ TEST(RoomNotifications, DestructionDeliversAWholeBurstOffTheFeedingThreadOnFewTh
     const std::size_t peak = lib->engine()->roomNotificationPeakThreads();
 
     lib.reset(); // every event taken in is delivered first
-    EXPECT_EQ(app.records().roomChanges.size(), std::size_t(kEvents));
+    EXPECT_EQ(app.state().roomChanges.size(), std::size_t(kEvents));
     EXPECT_EQ(onFeeder.load(), 0);
     EXPECT_GE(peak, 1u);
     EXPECT_LE(peak, 4u);

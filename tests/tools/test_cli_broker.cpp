@@ -118,6 +118,17 @@ public:
         return m_process.waitForStarted();
     }
 
+    // start(), then the first onConnected; what the program said on stderr
+    // if it does not come.
+    ::testing::AssertionResult startConnected(const QStringList &arguments)
+    {
+        if (!start(arguments))
+            return ::testing::AssertionFailure() << "not started";
+        if (waitForEvent("onConnected").isEmpty())
+            return ::testing::AssertionFailure() << m_process.readAllStandardError().constData();
+        return ::testing::AssertionSuccess();
+    }
+
     // The first event from now on that matches, or an empty object.
     QJsonObject waitFor(const std::function<bool(const QJsonObject &)> &matches, int limitMs = 10000)
     {
@@ -202,8 +213,7 @@ TEST_F(CliBroker, ListenPrintsMessagesAndNoticesThatSendDelivers)
     QProcess process;
     prepare(process);
     Listener bob(process);
-    ASSERT_TRUE(bob.start(common("bob") << "listen"));
-    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty()) << process.readAllStandardError().constData();
+    ASSERT_TRUE(bob.startConnected(common("bob") << "listen"));
 
     expectSent(common("alice") << "send" << "bob" << "hello bob");
     const QJsonObject chat = bob.waitFor(message("hello bob"));
@@ -243,8 +253,7 @@ TEST_F(CliBroker, SecurityLevelsDecideWhatListenMaySee)
     QProcess process;
     prepare(process);
     Listener bob(process);
-    ASSERT_TRUE(bob.start(common("bob") << "--level" << "5" << "--domain" << "im.test" << "listen"));
-    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty());
+    ASSERT_TRUE(bob.startConnected(common("bob") << "--level" << "5" << "--domain" << "im.test" << "listen"));
 
     const QStringList alice = common("alice") << "--domain" << "im.test";
     expectSent(QStringList(alice) << "--level" << "3" << "send" << "bob" << "secret at 3");
@@ -280,8 +289,7 @@ TEST_F(CliBroker, RoomRequestsReachTheServerAndListenShowsTheEvents)
     QProcess bobProcess;
     prepare(bobProcess);
     Listener bob(bobProcess);
-    ASSERT_TRUE(bob.start(common("bob") << "listen"));
-    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty()) << bobProcess.readAllStandardError().constData();
+    ASSERT_TRUE(bob.startConnected(common("bob") << "listen"));
     EXPECT_EQ(bob.waitForEvent("onRoomListRefreshed")["json"].toString(),
               R"({"jid":"bob@127.0.0.1","name":"","rooms":[]})");
 
@@ -603,8 +611,7 @@ TEST_F(CliBroker, FriendAndRemoteDesktopMessagesReachTheListeningPeer)
     QProcess process;
     prepare(process);
     Listener bob(process);
-    ASSERT_TRUE(bob.start(common("bob") << "listen"));
-    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty()) << process.readAllStandardError().constData();
+    ASSERT_TRUE(bob.startConnected(common("bob") << "listen"));
 
     const auto event = [&](const QString &name) {
         const QJsonObject got = bob.waitForEvent(name);
@@ -766,8 +773,7 @@ TEST_F(CliBroker, ImagesAreSentAndSavedByListen)
     QProcess process;
     prepare(process);
     Listener bob(process);
-    ASSERT_TRUE(bob.start(common("bob") << "listen" << "--save-images"));
-    ASSERT_FALSE(bob.waitForEvent("onConnected").isEmpty()) << process.readAllStandardError().constData();
+    ASSERT_TRUE(bob.startConnected(common("bob") << "listen" << "--save-images"));
 
     expectSent(common("alice") << "send" << "--image" << picture << "bob");
     const QJsonObject image = bob.waitForEvent("onMessageReceive");

@@ -3,10 +3,6 @@
 #include "message_lib.h"
 #include "subcommandtable.h"
 
-using subcommand::fail;
-using subcommand::kAnyInteger;
-using subcommand::number;
-
 namespace {
 
 struct Subcommand {
@@ -30,6 +26,10 @@ const Subcommand kSubcommands[] = {
 const char *const kCommand = "friend";
 
 } // namespace
+
+using subcommand::fail;
+using subcommand::kAnyInteger;
+using subcommand::number;
 
 bool FriendRequest::parse(const QStringList &words, const ListOptions &listOptions, QString *error)
 {

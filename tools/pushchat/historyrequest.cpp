@@ -4,10 +4,6 @@
 #include "messageprivate.h"
 #include "subcommandtable.h"
 
-using subcommand::fail;
-using subcommand::kAnyInteger;
-using subcommand::number;
-
 namespace {
 
 struct Subcommand {
@@ -35,6 +31,10 @@ const Subcommand kSubcommands[] = {
 const char *const kCommand = "history";
 
 } // namespace
+
+using subcommand::fail;
+using subcommand::kAnyInteger;
+using subcommand::number;
 
 bool HistoryRequest::parse(const QStringList &words, bool http, QString *error)
 {

@@ -3,8 +3,6 @@
 #include "message_lib.h"
 #include "subcommandtable.h"
 
-using subcommand::fail;
-
 namespace {
 
 struct Subcommand {
@@ -28,6 +26,8 @@ const Subcommand kSubcommands[] = {
 const char *const kCommand = "room";
 
 } // namespace
+
+using subcommand::fail;
 
 bool RoomRequest::parse(const QStringList &words, const std::optional<QString> &typeOption, QString *error)
 {

@@ -5,10 +5,11 @@
 //
 // Subscriptions to other users' presence, the user's vCard and the contact
 // records are local only: nothing here touches the push channel. The
-// subscription operations complete the JID, log it and report success; the
-// contact map is empty unless the application fills records itself; the
-// notification operations hand records to the application's
-// ImContactEventReciever (the library itself never calls them today).
+// subscription operations complete the JID, log it and report success; no
+// operation fills the contact map, so the lists are empty; jsonToContact
+// fills a record the caller holds; the notification operations hand records
+// to the application's ImContactEventReciever (the library itself never
+// calls them today).
 //
 // Ownership: the engine (MessagePrivate) owns exactly one manager for its
 // whole life (getContactManager()). The contact receiver is borrowed, null

@@ -10,17 +10,9 @@ using namespace kit;
 
 namespace {
 
-class EngineChat : public ::testing::Test {
+class EngineChat : public TwoUsers<> {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(broker.start()) << broker.log();
-        ASSERT_TRUE(wire.start(broker));
-        ASSERT_EQ(login(alice, broker, "alice", -2), 1);
-        ASSERT_EQ(login(bob, broker, "bob", 5), 1);
-        ASSERT_TRUE(waitOnline(aliceApp, broker, "alice@im.test@dev-a")) << broker.log();
-        ASSERT_TRUE(waitOnline(bobApp, broker, "bob@im.test@dev-b")) << broker.log();
-    }
+    EngineChat() : TwoUsers(-2, 5) {}
 
     int say(Message_lib &from, const char *to, int level, const QString &text, int bodyType = BODY_TYPE_DEFAULT,
             bool toRoom = false)
@@ -28,12 +20,6 @@ protected:
         return from.sendTextMessageTo("ignored@else.where", QString::fromUtf8(to), level, text,
                                       MESSAGE_BODY_TYPE(bodyType), toRoom, "key:" + text, "stamp:" + text);
     }
-
-    MosquittoBroker broker{ brokerOptions() };
-    WireObserver wire;
-    RecordingApp aliceApp, bobApp;
-    Message_lib alice{ &aliceApp, nullptr, "dev-a", "Alice Desk" };
-    Message_lib bob{ &bobApp, nullptr, "dev-b", "Bob Desk" };
 };
 
 struct Expect {

@@ -116,9 +116,10 @@ QByteArray HttpSyncTask::httpResult(const QString &url)
         guard.start(kWaitForFinishedAfterErrorMs);
         loop.exec();
     }
-    if (!finished) {
-        // The thread's event loops were told to exit (or finished never
-        // followed an error): end the request now; abort emits finished.
+    if (!finished && !errorEndedWait) {
+        // The thread's event loops were told to exit: end the request now.
+        // (After an error the reply has ended already; aborting it would
+        // report a second error, which Qt warns about.)
         disconnect(reply, &QNetworkReply::errorOccurred, this, nullptr);
         reply->abort();
     }

@@ -1,10 +1,15 @@
 // The contact manager on its own and behind the façade: subscription log
-// lines, the JSON reader's rules, notifications to the contact receiver.
+// lines, the JSON reader's rules, notifications to the contact receiver, and
+// its image text (plain base 64 of the JPEG, and its log).
 
 #include "contactmanager.h"
+#include "imageshrinker.h"
+#include "imagetestkit.h"
 #include "message_lib.h"
 #include "messageprivate.h"
 
+#include <QBuffer>
+#include <QImageReader>
 #include <QLoggingCategory>
 
 #include <gtest/gtest.h>
@@ -14,33 +19,28 @@
 
 namespace {
 
-// Collects the contact manager's debug lines while alive.
+// Collects the contact manager's log lines while alive.
 class LogCapture {
 public:
-    LogCapture()
+    LogCapture() : previous_(qInstallMessageHandler(&LogCapture::handle))
     {
         QLoggingCategory::setFilterRules(QStringLiteral("pushchat.contacts.debug=true"));
-        lines().clear();
-        previous_ = qInstallMessageHandler(&LogCapture::handle);
+        lines.clear();
     }
     ~LogCapture()
     {
         qInstallMessageHandler(previous_);
         QLoggingCategory::setFilterRules(QString());
     }
-    static std::vector<QString> &lines()
-    {
-        static std::vector<QString> all;
-        return all;
-    }
+    static inline QStringList lines;
 
 private:
     static void handle(QtMsgType, const QMessageLogContext &context, const QString &text)
     {
         if (context.category != nullptr && qstrcmp(context.category, "pushchat.contacts") == 0)
-            lines().push_back(text);
+            lines << text;
     }
-    QtMessageHandler previous_;
+    const QtMessageHandler previous_;
 };
 
 struct ContactCalls : ImContactEventReciever {
@@ -81,6 +81,8 @@ Contact filledContact()
 
 } // namespace
 
+// Directly and through the façade: only the two subscription calls log,
+// with the JID completed.
 TEST(ContactManager, SubscriptionsLogTheCompletedJid)
 {
     LogCapture log;
@@ -89,17 +91,26 @@ TEST(ContactManager, SubscriptionsLogTheCompletedJid)
     EXPECT_TRUE(manager.subScribe("bob@im.test", ""));
     EXPECT_TRUE(manager.unSubScribe("carol", ""));
     EXPECT_TRUE(manager.unSubScribe("@", ""));
-    // Acceptance, the vCard and the (empty) lists write nothing.
     EXPECT_TRUE(manager.acceptSubScribe("dave", true));
     EXPECT_TRUE(manager.acceptSubScribe("", false));
     manager.uploadVCardInfo("BEGIN:VCARD");
-    EXPECT_TRUE(manager.getContactList("any").isEmpty());
-    EXPECT_TRUE(manager.getAllContactList().isEmpty());
-    EXPECT_TRUE(manager.getGroupList().isEmpty());
-    EXPECT_EQ(LogCapture::lines(), (std::vector<QString>{ "[subScribe]: subscribe() :bob@",
+
+    Message_lib lib(nullptr, nullptr, "dev-x", "Desk");
+    EXPECT_EQ(lib.subScribe("bob", ""), 1);
+    EXPECT_EQ(lib.unSubScribe("bob@else.where", ""), 1);
+    EXPECT_EQ(lib.acceptSubScribe("bob", false), 1);
+    lib.uploadVCardInfo("card");
+    EXPECT_EQ(LogCapture::lines, (QStringList{ "[subScribe]: subscribe() :bob@",
                                                           "[subScribe]: subscribe() :bob@im.test",
                                                           "[unSubScribe]: unSubScribe() :carol@",
-                                                          "[unSubScribe]: unSubScribe() :@" }));
+                                                          "[unSubScribe]: unSubScribe() :@",
+                                                          "[subScribe]: subscribe() :bob@",
+                                                          "[unSubScribe]: unSubScribe() :bob@else.where" }));
+
+    ContactCalls app;
+    lib.setContactEventReciever(&app);
+    lib.engine()->getContactManager()->donotifyownerVcardinforevieved("card");
+    EXPECT_EQ(app.calls, (std::vector<QStringList>{ { "onOwnerVCard", "card" } }));
 }
 
 TEST(ContactManager, JsonToContactRules)
@@ -112,7 +123,7 @@ TEST(ContactManager, JsonToContactRules)
     expected.phone = "2";
     EXPECT_TRUE(sameRecord(c, expected));
     // The phone line shows the value's JSON type (4: array).
-    EXPECT_EQ(LogCapture::lines(), (std::vector<QString>{ "[jsonToContact]: 4" }));
+    EXPECT_EQ(LogCapture::lines, QStringList{ "[jsonToContact]: 4" });
 
     // Not a non-empty object: false, the record untouched.
     for (const char *bad : { "[1,2]", "{}", "not json", "", R"({"name":"x")", "\"text\"" }) {
@@ -135,7 +146,7 @@ TEST(ContactManager, JsonToContactRules)
     Contact f = filledContact();
     EXPECT_TRUE(ContactManager::jsonToContact(f, R"({"phone":"12345","name":null,"address":5})"));
     EXPECT_TRUE(sameRecord(f, filledContact()));
-    EXPECT_EQ(LogCapture::lines().back(), "[jsonToContact]: 3");
+    EXPECT_EQ(LogCapture::lines.back(), "[jsonToContact]: 3");
 }
 
 TEST(ContactManager, NotificationsReachTheReceiverOnlyWhenSet)
@@ -164,20 +175,25 @@ TEST(ContactManager, NotificationsReachTheReceiverOnlyWhenSet)
     EXPECT_EQ(app.calls.size(), 3u);
 }
 
-TEST(ContactManager, FacadeForwardsToTheEngineManager)
+TEST(ContactManager, EncodesUncompressedJpegAndLogsEachAttempt)
 {
+    const QString source = imagetest::writePicture({ 1000, 500 });
+    ImageShrinker reference;
+    const QSize expected = reference.shrink(source, 1.0f).size();
     LogCapture log;
-    ContactCalls app;
-    Message_lib lib(nullptr, nullptr, "dev-x", "Desk");
-    ContactManager *manager = lib.engine()->getContactManager();
-    EXPECT_EQ(lib.subScribe("bob", ""), 1);
-    EXPECT_EQ(lib.unSubScribe("bob@else.where", ""), 1);
-    EXPECT_EQ(lib.acceptSubScribe("bob", false), 1);
-    lib.uploadVCardInfo("card");
-    EXPECT_EQ(LogCapture::lines(), (std::vector<QString>{ "[subScribe]: subscribe() :bob@",
-                                                          "[unSubScribe]: unSubScribe() :bob@else.where" }));
+    const QString text = ContactManager().getImageEncodeStr(source, 1.0f);
 
-    lib.setContactEventReciever(&app);
-    manager->donotifyownerVcardinforevieved("card");
-    EXPECT_EQ(app.calls, (std::vector<QStringList>{ { "onOwnerVCard", "card" } }));
+    QByteArray jpeg = QByteArray::fromBase64(text.toLatin1());
+    EXPECT_TRUE(jpeg.startsWith("\xFF\xD8")) << "a JPEG with no length prefix";
+    QBuffer buffer(&jpeg);
+    EXPECT_EQ(QImageReader(&buffer, "jpg").read().size(), expected);
+
+    const QStringList &logged = LogCapture::lines;
+    EXPECT_EQ(logged.filter(QStringLiteral("image:")).size(), reference.attempts());
+    EXPECT_EQ(logged.filter(QStringLiteral(" need resize:")).size(), reference.attempts() - 1);
+    EXPECT_EQ(logged.filter(QStringLiteral("image  Size:350 rate=1 scaleSize=350")).size(), 1);
+    ASSERT_FALSE(logged.isEmpty());
+    EXPECT_TRUE(logged.last().endsWith(QStringLiteral("imageStr len:") + QString::number(text.size())));
+
+    EXPECT_TRUE(ContactManager().getImageEncodeStr(imagetest::sandbox(QStringLiteral("none")), 1.0f).isEmpty());
 }

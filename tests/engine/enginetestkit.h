@@ -1,18 +1,11 @@
 #ifndef ENGINETESTKIT_H
 #define ENGINETESTKIT_H
 
-// Helpers for the engine tests over a real broker:
-//   - RecordingApp: an ImEventReciever and ImMUCEventReciever that records
-//     every callback, from whatever thread, and lets the test wait for a
-//     condition on what it recorded;
-//   - WireObserver: a raw PushClient subscribed to "#" that records what is
-//     really published, and publishes raw messages as a peer would;
-//   - openEnvelope: a payload read back into its envelope fields;
-//   - brokerEvents: the broker's log (log_type all) as a list of
-//     "connect"/"subscribe"/"unsubscribe"/"publish"/... lines per client;
-//   - PeerProcess: a child program whose stdout the test reads;
-//   - TwoUsers: a fixture with a broker, a wire observer and two façades,
-//     alice and bob, online.
+// Helpers for the engine tests over a real broker: RecordingApp records
+// every callback from any thread; WireObserver sees (subscribed to "#") and
+// publishes raw messages; brokerEvents reads the broker's log per client;
+// TwoUsers is a broker, a wire observer and two online façades, alice and
+// bob.
 
 #include "message_lib.h"
 #include "messageprivate.h"
@@ -25,22 +18,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <functional>
 #include <mutex>
-#include <poll.h>
-#include <spawn.h>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
-
-extern char **environ;
 
 namespace kit {
 
@@ -94,9 +79,9 @@ struct AppState {
     std::vector<Delivery> messages;
     std::vector<std::pair<QString, QString>> presences;     // from, body
     std::vector<std::tuple<QString, QString, int>> statuses; // modifier, uuid, status
-    // The const char* callbacks (history, remote desktop): the callback's
-    // name followed by its arguments, copied.
-    std::vector<std::vector<std::string>> rawCalls;
+    // The history, friend and remote-desktop callbacks: the callback's name
+    // followed by its arguments as text.
+    std::vector<std::vector<std::string>> calls;
     std::vector<RoomChange> roomChanges;
     std::vector<QString> roomLists;
 };
@@ -134,6 +119,19 @@ public:
         const std::string text = room.toString();
         record([&](AppState &s) { s.roomChanges.push_back({ cmd, text }); });
     }
+    void onFriendAdded(QString from, QString to, QString body) override
+    {
+        raw({ "onFriendAdded", from.toStdString(), to.toStdString(), body.toStdString() });
+    }
+    void onFriendAccepted(QString from, QString to, int flag) override
+    {
+        raw({ "onFriendAccepted", from.toStdString(), to.toStdString(), std::to_string(flag) });
+    }
+    void onFriendDeleted(QString from, QString to, int flag) override
+    {
+        raw({ "onFriendDeleted", from.toStdString(), to.toStdString(), std::to_string(flag) });
+    }
+    void onFriendList(const char *json) override { raw({ "onFriendList", json }); }
     void onHistoryMessages(const char *json) override { raw({ "onHistoryMessages", json }); }
     void onConversations(const char *json) override { raw({ "onConversations", json }); }
     void onConversationDetail(const char *json) override { raw({ "onConversationDetail", json }); }
@@ -164,6 +162,12 @@ public:
     {
         return waitFor([&](const AppState &s) { return s.messages.size() >= count; });
     }
+    /// The calls recorded once there are at least `count` (checked).
+    std::vector<std::vector<std::string>> waitCalls(std::size_t count)
+    {
+        EXPECT_TRUE(waitFor([&](const AppState &s) { return s.calls.size() >= count; })) << count;
+        return state().calls;
+    }
     AppState state() const
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -173,7 +177,7 @@ public:
 private:
     void raw(std::vector<std::string> call)
     {
-        record([&](AppState &s) { s.rawCalls.push_back(std::move(call)); });
+        record([&](AppState &s) { s.calls.push_back(std::move(call)); });
     }
     template <class Change>
     void record(Change change)
@@ -215,18 +219,9 @@ struct Envelope {
 inline Envelope openEnvelope(const std::string &payload)
 {
     MQTTMessage msg(nullptr, true);
-    Envelope e;
-    e.parsed = msg.parseMessage(payload.c_str());
-    e.encrypted = msg.encrypted;
-    e.from = msg.from;
-    e.to = msg.to;
-    e.body = msg.body;
-    e.messageKey = msg.messageKey;
-    e.stamp = msg.stamp;
-    e.secLevel = msg.secLevel;
-    e.bodyType = msg.bodyType;
-    e.msgType = msg.msgType;
-    return e;
+    const bool parsed = msg.parseMessage(payload.c_str());
+    return { parsed,         msg.encrypted, msg.from,     msg.to,       msg.body,
+             msg.messageKey, msg.stamp,     msg.secLevel, msg.bodyType, msg.msgType };
 }
 
 /// An enciphered envelope, as any sender builds it.
@@ -363,21 +358,6 @@ private:
     std::vector<WireMessage> messages_;
 };
 
-/// The body of the one envelope on `topic` (waited for), checked as a
-/// system request from `from` to `to`.
-inline std::string onlySystemEnvelope(WireObserver &wire, const std::string &topic, const std::string &from,
-                                      const std::string &to)
-{
-    EXPECT_TRUE(wire.waitForCount(topic, 1)) << topic;
-    const std::vector<Envelope> all = wire.envelopes(topic);
-    if (all.size() != 1) {
-        ADD_FAILURE() << topic << ": " << all.size() << " messages";
-        return std::string();
-    }
-    expectSystemEnvelope(all[0], from, to);
-    return all[0].body;
-}
-
 // --- the broker's log -----------------------------------------------------
 
 /// What the broker logged about one client, one line per packet or topic:
@@ -507,10 +487,18 @@ protected:
         ASSERT_TRUE(waitOnline(bobApp, broker, "bob@im.test@dev-b")) << broker.log();
     }
 
-    /// onlySystemEnvelope on this fixture's wire.
+    /// The body of the one envelope on `topic` (waited for), checked as a
+    /// system request from `from` to `to`.
     std::string only(const std::string &topic, const char *from, const char *to)
     {
-        return onlySystemEnvelope(wire, topic, from, to);
+        EXPECT_TRUE(wire.waitForCount(topic, 1)) << topic;
+        const std::vector<Envelope> all = wire.envelopes(topic);
+        if (all.size() != 1) {
+            ADD_FAILURE() << topic << ": " << all.size() << " messages";
+            return std::string();
+        }
+        expectSystemEnvelope(all[0], from, to);
+        return all[0].body;
     }
 
     MosquittoBroker broker{ brokerOptions() };
@@ -522,86 +510,6 @@ protected:
 private:
     const int aliceLevel_;
     const int bobLevel_;
-};
-
-// --- child processes ------------------------------------------------------
-
-/// A program run with its stdout on a pipe; killed (SIGKILL) and reaped
-/// when destroyed.
-class PeerProcess {
-public:
-    ~PeerProcess()
-    {
-        kill(SIGKILL);
-        if (out_ >= 0)
-            ::close(out_);
-    }
-
-    bool start(const std::vector<std::string> &argv)
-    {
-        int fds[2];
-        if (::pipe(fds) != 0)
-            return false;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        posix_spawn_file_actions_addclose(&actions, fds[1]);
-        std::vector<char *> args;
-        for (const std::string &a : argv)
-            args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        const int rc = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        out_ = fds[0];
-        if (rc != 0)
-            pid_ = -1;
-        return rc == 0;
-    }
-
-    /// Waits for a line equal to `expected` on the child's stdout.
-    bool waitForLine(const std::string &expected, std::chrono::milliseconds timeout = kTimeout)
-    {
-        const auto limit = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            std::size_t nl;
-            while ((nl = buffer_.find('\n')) != std::string::npos) {
-                const std::string line = buffer_.substr(0, nl);
-                buffer_.erase(0, nl + 1);
-                if (line == expected)
-                    return true;
-            }
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(limit - std::chrono::steady_clock::now());
-            if (left.count() <= 0)
-                return false;
-            pollfd p{ out_, POLLIN, 0 };
-            if (::poll(&p, 1, int(left.count())) <= 0)
-                continue;
-            char chunk[256];
-            const ssize_t got = ::read(out_, chunk, sizeof chunk);
-            if (got <= 0)
-                return false; // the child ended
-            buffer_.append(chunk, std::size_t(got));
-        }
-    }
-
-    void kill(int signal)
-    {
-        if (pid_ <= 0)
-            return;
-        ::kill(pid_, signal);
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid_ = -1;
-    }
-
-private:
-    pid_t pid_ = -1;
-    int out_ = -1;
-    std::string buffer_;
 };
 
 } // namespace kit

@@ -1,8 +1,5 @@
-// The blocking HTTP history client against a real HTTP server on loopback:
-// the request lines that arrive, what comes back for each kind of answer,
-// timeouts, refused and impossible requests, calls from plain threads and
-// from inside the task's own loop; and the engine's two fetches for a user
-// logged in to a real broker.
+// The blocking HTTP history client against a real HTTP server on loopback,
+// and the engine's two fetches for a user logged in to a real broker.
 
 #include "enginetestkit.h"
 #include "httpsynctask.h"
@@ -119,12 +116,10 @@ TEST_F(HttpSyncTaskTest, BodyOnlyWhenTheReplyHasNoError)
     server.answer(404, "not here");
     EXPECT_TRUE(task.httpResult(url("/c")).isEmpty());
     EXPECT_TRUE(logged("[HttpSyncTask] request url " + server.baseAddress() + "/c error: ContentNotFoundError"));
-    server.answer(500, "boom");
-    EXPECT_TRUE(task.httpResult(url("/d")).isEmpty());
     // The task serves one request after another.
     server.answer(200, "again");
     EXPECT_EQ(task.httpResult(url("/e")), QByteArray("again"));
-    EXPECT_EQ(server.requestLines().size(), 5u);
+    EXPECT_EQ(server.requestLines().size(), 4u);
 }
 
 TEST_F(HttpSyncTaskTest, ImpossibleRequestsGiveEmptyAtOnce)
@@ -133,9 +128,7 @@ TEST_F(HttpSyncTaskTest, ImpossibleRequestsGiveEmptyAtOnce)
     const QString refused = QStringLiteral("http://127.0.0.1:%1/x").arg(closedPort());
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(task.httpResult(refused).isEmpty());
-    const double took = secondsSince(start);
-    std::printf("refused port: empty after %.3f s\n", took);
-    EXPECT_LT(took, HttpSyncTask::TRANSFER_TIMEOUT_MS / 1000.0); // refused, not timed out
+    EXPECT_LT(secondsSince(start), HttpSyncTask::TRANSFER_TIMEOUT_MS / 1000.0); // refused, not timed out
     EXPECT_TRUE(logged("[HttpSyncTask] request url " + refused.toStdString() + " error: ConnectionRefusedError"));
 
     for (const char *bad : { "", "not a url", "http://", "http://:5201/x", "http://[::1/x" })
@@ -153,7 +146,6 @@ TEST_F(HttpSyncTaskTest, SilentServerEndsAtTheDefaultTimeout)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(task.httpResult(url("/silent")).isEmpty());
     const double took = secondsSince(start);
-    std::printf("silent server: empty after %.3f s (transfer timeout 10 s)\n", took);
     EXPECT_GE(took, 9.5);
     EXPECT_LT(took, 20.0);
     EXPECT_EQ(server.requestLines().size(), 1u);
@@ -232,16 +224,6 @@ protected:
         ASSERT_TRUE(server.start());
         ASSERT_TRUE(broker.start()) << broker.log();
     }
-    std::vector<std::string> historyCalls() const
-    {
-        std::vector<std::string> bodies;
-        for (const auto &call : app.state().rawCalls) {
-            EXPECT_EQ(call.size(), 2u);
-            EXPECT_EQ(call[0], "onHistoryMessages");
-            bodies.push_back(call.back());
-        }
-        return bodies;
-    }
 
     HttpTestServer server;
     MosquittoBroker broker;
@@ -249,6 +231,9 @@ protected:
     Message_lib lib{ &app, nullptr, "dev-h", "Desk" };
 };
 
+using Calls = std::vector<std::vector<std::string>>;
+
+// Each fetch returns after its callback: no waiting needed here.
 TEST_F(EngineHttpHistory, FetchesDeliverTheBodyBeforeReturning)
 {
     ASSERT_EQ(login(lib, broker, "alice", 5), 1);
@@ -265,8 +250,10 @@ TEST_F(EngineHttpHistory, FetchesDeliverTheBodyBeforeReturning)
     server.answer(200, "");
     std::thread([&] { lib.engine()->startPullMessageRun(1, 5, "u-4"); }).join();
 
-    // Each call returns after its callback: no waiting needed here.
-    EXPECT_EQ(historyCalls(), (std::vector<std::string>{ R"({"list":[1]})", R"({"list":[2]})", "", "" }));
+    EXPECT_EQ(app.state().calls, (Calls{ { "onHistoryMessages", R"({"list":[1]})" },
+                                         { "onHistoryMessages", R"({"list":[2]})" },
+                                         { "onHistoryMessages", "" },
+                                         { "onHistoryMessages", "" } }));
     EXPECT_EQ(server.requestLines(),
               (std::vector<std::string>{
                   kSync + "user_id=alice@im.test&msg_uuid=u-1&my_sec_level=5 HTTP/1.1",
@@ -281,7 +268,7 @@ TEST_F(EngineHttpHistory, WithoutLoginNothingIsRequested)
     server.answer(200, "body");
     lib.engine()->startSyncMessageRun("u-1");
     lib.engine()->startPullMessageRun(1, 1, "u-1");
-    EXPECT_EQ(historyCalls(), (std::vector<std::string>{ "", "" }));
+    EXPECT_EQ(app.state().calls, (Calls{ { "onHistoryMessages", "" }, { "onHistoryMessages", "" } }));
     EXPECT_TRUE(server.requestLines().empty());
 }
 

@@ -26,7 +26,9 @@ std::string presenceBody(const char *deviceId, const char *deviceName, const cha
 
 } // namespace
 
-TEST(EngineLifecycle, OnlineSequenceOnTheWire)
+// Whatever a façade is asked before its first login is dropped, not queued
+// for later; then the online sequence.
+TEST(EngineLifecycle, NothingBeforeLoginThenTheOnlineSequence)
 {
     MosquittoBroker broker(brokerOptions());
     ASSERT_TRUE(broker.start()) << broker.log();
@@ -36,6 +38,27 @@ TEST(EngineLifecycle, OnlineSequenceOnTheWire)
     RecordingApp aliceApp, bobApp;
     Message_lib alice(&aliceApp, nullptr, "dev-a", "Alice Desk");
     Message_lib bob(&bobApp, nullptr, "dev-b", "Bob Desk");
+
+    EXPECT_EQ(alice.unRegisterToImServer(), 1);
+    EXPECT_EQ(alice.sendTextMessageTo("", "bob", 5, "x", BODY_TYPE_DEFAULT, false, "", ""), 0);
+    EXPECT_EQ(alice.sendLocation("bob@im.test", "1", "2"), 0);
+    EXPECT_EQ(alice.modifyMessageStatus("u", MSG_STATUS_NONE), 1);
+    EXPECT_EQ(alice.engine()->subscribe_message_group({ "r0@conference.im.test" }), 1);
+    EXPECT_TRUE(alice.engine()->subscribedRoomJids().isEmpty());
+    alice.fetchConversations(MediaInfo::MessageType(1), 0, 20);
+    alice.getMsgByConvid("c1", 0, 20);
+    alice.startSyncMessage("u-1");
+    alice.startPullMessage(1, 0, 5, "u-1");
+    EXPECT_EQ(alice.remoteDesktopControl("", "bob", "x"), 0);
+    EXPECT_EQ(alice.remoteDesktopBeControl("", "bob", "x"), 0);
+    EXPECT_EQ(alice.remoteDesktopControlReply("", "bob", "x"), 0);
+    EXPECT_EQ(alice.remoteDesktopBeControlReply("", "bob", "x"), 0);
+    EXPECT_EQ(alice.addFriend("", "bob", "x"), 0);
+    EXPECT_EQ(alice.acceptFriend("", "bob", "x"), 0);
+    EXPECT_EQ(alice.delFriend("", "bob"), 0);
+    EXPECT_EQ(alice.setFriendPropoties("", "bob", "x"), 0);
+    EXPECT_EQ(alice.listFriends(1, 20, ""), 0);
+
     bob.setServerJid("hub@im.test"); // a deployment with its own server JID
     ASSERT_EQ(login(alice, broker, "alice", 5), 1);
     ASSERT_EQ(login(bob, broker, "bob", 5), 1);
@@ -44,7 +67,8 @@ TEST(EngineLifecycle, OnlineSequenceOnTheWire)
 
     // Client id user@domain@device, persistent session, keepalive 60 s,
     // the will on the presence topic at QoS 2; then the eleven receive
-    // topics, the room-list request and APP_STARTUP, in that order.
+    // topics, the room-list request and APP_STARTUP, in that order, and
+    // nothing else.
     std::vector<std::string> expected{ "connect (p2, c0, k60)", "will m/i/server@im.test/d q2" };
     for (const std::string &e : onlineSequence("alice@im.test"))
         expected.push_back(e);
@@ -73,6 +97,18 @@ TEST(EngineLifecycle, OnlineSequenceOnTheWire)
     expectSystemEnvelope(openEnvelope(bobPresence[0].payload), "bob@im.test", "hub@im.test");
     EXPECT_EQ(wire.on("s/g/c/hub@im.test/f").size(), 1u);
 
+    // Nothing from before the login went out under any client id either.
+    ASSERT_TRUE(wire.roundTrip());
+    EXPECT_FALSE(wire.waitFor(
+        [](const std::vector<WireMessage> &all) {
+            return std::any_of(all.begin(), all.end(), [](const WireMessage &m) {
+                for (const char *prefix : { "s/h/", "s/r/", "s/f/", "LOCATION/", "m/i/bob", "m/i/server@im.test/m" })
+                    if (m.topic.rfind(prefix, 0) == 0)
+                        return true;
+                return false;
+            });
+        },
+        0ms));
     EXPECT_EQ(aliceApp.state().connected, 1);
     EXPECT_EQ(aliceApp.state().disconnected, 0);
 }
@@ -87,16 +123,7 @@ TEST(EngineLifecycle, OrderlyLogoutAndLoginOverALiveConnection)
 
     RecordingApp aliceApp;
     Message_lib alice(&aliceApp, nullptr, "dev-a", "Alice Desk");
-
-    // Before any login: nothing to end, nothing sent.
-    EXPECT_EQ(alice.unRegisterToImServer(), 1);
-    EXPECT_EQ(alice.sendTextMessageTo("", "bob", 5, "x", BODY_TYPE_DEFAULT, false, "", ""), 0);
-    EXPECT_EQ(alice.sendLocation("bob@im.test", "1", "2"), 0);
-    EXPECT_EQ(alice.modifyMessageStatus("u", MSG_STATUS_NONE), 1);
     MessagePrivate *engine = alice.engine();
-    EXPECT_EQ(engine->subscribe_message_group({ "r0@conference.im.test" }), 1);
-    EXPECT_TRUE(engine->subscribedRoomJids().isEmpty());
-
     ASSERT_EQ(login(alice, broker, "alice", 5), 1);
     ASSERT_TRUE(waitOnline(aliceApp, broker, id)) << broker.log();
     std::size_t mark = brokerEvents(broker, id).size();
@@ -131,10 +158,15 @@ TEST(EngineLifecycle, OrderlyLogoutAndLoginOverALiveConnection)
     EXPECT_EQ(quit.body, presenceBody("dev-a", "Alice Desk", "APP_QUIT", 0));
     EXPECT_EQ(quit.msgType, MediaInfo::MESSAGE_TYPE_SYSTEM);
 
-    // Logged out: a second logout and the sending operations publish nothing.
+    // Logged out: a second logout and every sending operation publish nothing.
     EXPECT_EQ(alice.unRegisterToImServer(), 1);
     EXPECT_EQ(alice.sendLocation("bob@im.test", "1", "2"), 0);
     EXPECT_EQ(alice.sendTextMessageTo("", "bob", 5, "x", BODY_TYPE_DEFAULT, false, "", ""), 0);
+    alice.startSyncMessage("u-1");
+    alice.fetchConversations(MediaInfo::MessageType(1), 0, 20);
+    EXPECT_EQ(alice.remoteDesktopControl("", "bob", "x"), 0);
+    EXPECT_EQ(alice.addFriend("", "bob", "x"), 0);
+    EXPECT_EQ(alice.listFriends(1, 20, ""), 0);
     ASSERT_TRUE(wire.roundTrip());
     EXPECT_EQ(brokerEvents(broker, id).size(), afterLogout.size());
 
@@ -186,13 +218,18 @@ TEST(EngineLifecycle, WithoutCallbacksEverythingStillWorks)
     struct Raw {
         std::string topic, payload;
     };
-    const std::vector<Raw> deliveries{
+    std::vector<Raw> deliveries{
         { "m/i/carol@127.0.0.1/n", sealEnvelope("a@im.test", "carol@127.0.0.1", "chat", 3) },
         { "m/i/carol@127.0.0.1/d", sealEnvelope("a@im.test", "carol@127.0.0.1", "{}", 9999) },
         { "m/i/carol@127.0.0.1/c", sealEnvelope("a@im.test", "carol@127.0.0.1", R"({"uuid":"u","status":2})", 9999) },
         { "m/ntc/", sealEnvelope("a@im.test", "carol@127.0.0.1", "notice", 9999, BODY_TYPE_NOTICE) },
         { "m/ntc/", "garbage" },
     };
+    // Friend, history and remote-desktop events, each with its handler.
+    for (const char *chain : { "s/f/c/%1/a", "s/f/i/%1/a", "s/f/c/%1/d", "s/f/i/%1/l", "s/h/i/%1/l", "s/h/i/%1/c",
+                               "s/h/i/%1/vd", "s/r/c/%1/c", "s/r/c/%1/b", "s/r/i/%1/c", "s/r/i/%1/b" })
+        deliveries.push_back({ QString::fromLatin1(chain).arg("carol@127.0.0.1").toStdString(),
+                               sealEnvelope("a@im.test", "carol@127.0.0.1", "x", 9999, 0, 16) });
     for (const Raw &r : deliveries) {
         std::vector<char> topic(r.topic.begin(), r.topic.end());
         topic.push_back('\0');

@@ -74,19 +74,6 @@ TEST(GrammarTables, CountRowsAndUniqueCodes)
     }
 }
 
-TEST(GrammarTables, FamilyRowsNameTheirSubTables)
-{
-    EXPECT_EQ(protocolHeadALL[2].subHeads[0], messageSubHead);
-    EXPECT_EQ(protocolHeadALL[5].subHeads[0], groupInfoProtocolHead);
-    EXPECT_EQ(protocolHeadALL[5].subHeads[1], groupCMDProtocolHead);
-    EXPECT_EQ(protocolHeadALL[6].subHeads[0], nullptr);
-    EXPECT_EQ(protocolHeadALL[7].subHeads[0], nullptr);
-    EXPECT_EQ(protocolHeadALL[13].subHeads[0], HistorySubInfoHead);
-    EXPECT_STREQ(protocolHeadALL[5].pattern, "s/g/i/([\\s\\S]*@[\\s\\S]*)/([\\s\\S]*)/([\\s\\S]*)");
-    EXPECT_EQ(protocolHeadALL[5].levels, 3);
-    EXPECT_STREQ(HistorySubCmdProtocolHead[3].pattern, "vd");
-}
-
 TEST(ChainMeasures, CountAndLevels)
 {
     Chain create{ kSystem, kGroupCmd, &groupCMDProtocolHead[1] };
@@ -114,22 +101,14 @@ TEST(ChainMeasures, Descriptions)
 {
     Chain create{ kSystem, kGroupCmd, &groupCMDProtocolHead[1] };
     EXPECT_EQ(MqttMesaageProtocol::getCmdDesc(create.head()), "SYSTEM/GroupCMD/GroupSub_Create/");
-    Chain info{ kSystem, kGroupInfo, kResponse, &groupCMDProtocolHead[1] };
-    EXPECT_EQ(MqttMesaageProtocol::getCmdDesc(info.head()),
-              "SYSTEM/GroupINFO/SubInfo_CMD_RESPONSE/GroupSub_Create/");
     EXPECT_EQ(MqttMesaageProtocol::getCmdDesc(nullptr), "");
     Chain one{ &protocolHeadALL[1] };
     EXPECT_EQ(MqttMesaageProtocol::getCmdDesc(one.head()), "MESSAGE/");
-}
 
-TEST(ChainMeasures, SameCodeMeansDifferentCommandsByDepth)
-{
+    // The same code names different commands at different depths.
     MqttMesaageProtocol p("s/g/i/a@b/r/m");
-    ASSERT_TRUE(p.valid);
     ASSERT_EQ(p.subCount(), 4u);
     EXPECT_EQ(p.next->next->code, 20);
-    EXPECT_STREQ(p.next->next->name, "SubInfo_CMD_RESPONSE");
     EXPECT_EQ(p.next->next->next->code, 20);
-    EXPECT_STREQ(p.next->next->next->name, "GroupSub_Modify_Type");
     EXPECT_EQ(p.getCmdDescribe(), "SYSTEM/GroupINFO/SubInfo_CMD_RESPONSE/GroupSub_Modify_Type/");
 }

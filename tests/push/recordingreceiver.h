@@ -1,9 +1,8 @@
 #ifndef RECORDINGRECEIVER_H
 #define RECORDINGRECEIVER_H
 
-// Test helpers for PushClient: a receiver that records every callback and lets
-// the test wait for a condition, and a client factory with short reconnection
-// delays.
+// PushClient test helpers: a receiver that records every callback and can be
+// waited on, and a client factory with short reconnection delays.
 
 #include "pushclient.h"
 
@@ -30,8 +29,6 @@ struct ReceivedMessage
 class RecordingReceiver : public PushEventReciever
 {
 public:
-    using Clock = std::chrono::steady_clock;
-
     // Hooks run on the client's network thread before the call is recorded.
     // Set them before the client connects.
     std::function<void(const ReceivedMessage&)> onMessage;
@@ -63,34 +60,29 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return messages_;
     }
-
     std::vector<bool> statuses() const
     {
         std::lock_guard<std::mutex> lock(mutex_);
         return statuses_;
     }
 
+    // Payloads received on `topic` (all when empty), in order.
     std::vector<std::string> payloads(const std::string& topic = std::string()) const
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<std::string> result;
-        for (const ReceivedMessage& message : messages_) {
-            if (topic.empty() || message.topic == topic)
-                result.push_back(message.payload);
-        }
-        return result;
+        return select([&](const ReceivedMessage& m) { return topic.empty() || m.topic == topic; });
+    }
+    std::vector<std::string> payloadsAtQos(int qos) const
+    {
+        return select([&](const ReceivedMessage& m) { return m.qos == qos; });
     }
 
     bool waitForMessages(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10))
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return messages_.size() >= count; });
+        return waitUntil(timeout, [&] { return messages_.size() >= count; });
     }
-
     bool waitForPayload(const std::string& payload, std::chrono::milliseconds timeout = std::chrono::seconds(10))
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] {
+        return waitUntil(timeout, [&] {
             for (const ReceivedMessage& message : messages_) {
                 if (message.payload == payload)
                     return true;
@@ -98,16 +90,32 @@ public:
             return false;
         });
     }
-
     // Waits until the reports so far are exactly `expected`.
     bool waitForStatuses(const std::vector<bool>& expected,
                          std::chrono::milliseconds timeout = std::chrono::seconds(10))
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return statuses_ == expected; });
+        return waitUntil(timeout, [&] { return statuses_ == expected; });
     }
 
 private:
+    template <class Keep>
+    std::vector<std::string> select(Keep keep) const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<std::string> result;
+        for (const ReceivedMessage& message : messages_) {
+            if (keep(message))
+                result.push_back(message.payload);
+        }
+        return result;
+    }
+    template <class Condition>
+    bool waitUntil(std::chrono::milliseconds timeout, Condition condition)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, condition);
+    }
+
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<ReceivedMessage> messages_;

@@ -17,14 +17,13 @@ namespace {
 constexpr int kOk = static_cast<int>(PushResult::Ok);
 using std::chrono::milliseconds;
 
-TEST(PushConnection, ReportsOnlineAndOfflineAndReconnectsToARestartedBroker)
+TEST(PushConnection, ReportsOnlineAndOfflineReconnectsAndKeepsSessions)
 {
     MosquittoBroker broker;
     ASSERT_TRUE(broker.start()) << broker.log();
 
-    // Like the messaging engine: subscribe and announce presence from inside
-    // connectStatus(true), every time. The broker keeps no sessions across
-    // the restart here, so the subscription must be made again.
+    // Subscribe and announce presence from inside connectStatus(true), as the
+    // engine does; the broker keeps no sessions across its restart.
     RecordingReceiver user, peerSide;
     PushClient* client = nullptr;
     std::atomic<int> onlineSequences{0};
@@ -56,10 +55,28 @@ TEST(PushConnection, ReportsOnlineAndOfflineAndReconnectsToARestartedBroker)
     ASSERT_TRUE(broker.start()) << broker.log();
     ASSERT_TRUE(user.waitForStatuses({true, false, true})) << broker.log();
     EXPECT_EQ(onlineSequences.load(), 2);
-    // The peer came back too and subscribes again; then the user's room
-    // subscription made inside the callback must be in force.
+    // The room subscription made inside the callback is in force again.
     ASSERT_TRUE(peerSide.waitForStatuses({true, false, true}));
     ASSERT_TRUE(subscribeConfirmed(*client, user, *peer, "room/1", "room/1"));
+
+    // Messages sent while a client id is away arrive when it returns: its
+    // session brings them without a subscribe call.
+    RecordingReceiver first, second;
+    auto away = makeClient("traveller", &first);
+    ASSERT_EQ(away->start_connect(broker.host(), broker.port(), 60), kOk);
+    ASSERT_TRUE(first.waitForStatuses({true}));
+    ASSERT_TRUE(subscribeConfirmed(*away, first, *peer, "inbox/traveller", "inbox/traveller"));
+    away.reset(); // clean disconnect; the session stays with the broker
+    const std::vector<std::string> sent = {"one", "two", "three", "four"};
+    for (const std::string& text : sent)
+        ASSERT_EQ(peer->publish("inbox/traveller", text.c_str(), 2, false), kOk);
+    ASSERT_EQ(peer->publish("inbox/traveller", "qos1", 1, false), kOk);
+    ASSERT_TRUE(eventually([&] { return peer->pendingCount() == 0; })); // broker has them all
+    auto back = makeClient("traveller", &second);
+    ASSERT_EQ(back->start_connect(broker.host(), broker.port(), 60), kOk);
+    ASSERT_TRUE(second.waitForMessages(sent.size() + 1)) << broker.log();
+    EXPECT_EQ(second.payloadsAtQos(2), sent);
+    EXPECT_EQ(second.payloadsAtQos(1), std::vector<std::string>{"qos1"});
 }
 
 TEST(PushConnection, AFailedFirstAttemptIsReportedOnceAndRetried)
@@ -110,39 +127,6 @@ TEST(PushConnection, ARefusedConnectionIsReportedOnceAndNotRetried)
     ASSERT_TRUE(eventually([&] { return refusals() == 2; })) << broker.log();
     EXPECT_TRUE(eventually([&] { return client->state() == PushClient::State::Refused; }));
     EXPECT_EQ(user.statuses(), std::vector<bool>{false});
-}
-
-TEST(PushConnection, MessagesSentWhileAwayArriveWhenTheSameClientIdReturns)
-{
-    MosquittoBroker broker;
-    ASSERT_TRUE(broker.start()) << broker.log();
-    RecordingReceiver senderSide, first, second;
-    auto sender = makeClient("sender", &senderSide);
-    ASSERT_EQ(sender->start_connect(broker.host(), broker.port(), 60), kOk);
-
-    auto away = makeClient("traveller", &first);
-    ASSERT_EQ(away->start_connect(broker.host(), broker.port(), 60), kOk);
-    ASSERT_TRUE(first.waitForStatuses({true}));
-    ASSERT_TRUE(subscribeConfirmed(*away, first, *sender, "inbox/traveller", "inbox/traveller"));
-    away.reset(); // clean disconnect; the session stays with the broker
-
-    const std::vector<std::string> sent = {"one", "two", "three", "four"};
-    for (const std::string& text : sent)
-        ASSERT_EQ(sender->publish("inbox/traveller", text.c_str(), 2, false), kOk);
-    ASSERT_EQ(sender->publish("inbox/traveller", "qos1", 1, false), kOk);
-    ASSERT_TRUE(eventually([&] { return sender->pendingCount() == 0; })); // broker has them all
-
-    // Same client id, no subscribe call: the session brings everything.
-    auto back = makeClient("traveller", &second);
-    ASSERT_EQ(back->start_connect(broker.host(), broker.port(), 60), kOk);
-    ASSERT_TRUE(second.waitForMessages(sent.size() + 1)) << broker.log();
-    std::vector<std::string> qos2;
-    for (const ReceivedMessage& message : second.messages()) {
-        if (message.qos == 2)
-            qos2.push_back(message.payload);
-    }
-    EXPECT_EQ(qos2, sent);
-    EXPECT_EQ(second.payloads().size(), sent.size() + 1);
 }
 
 } // namespace

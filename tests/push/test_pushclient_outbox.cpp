@@ -78,9 +78,12 @@ TEST_F(PushOutboxTest, AFullOutboxRefusesNewRequestsAndKeepsTheAcceptedOnes)
     auto publisher = makeClient("publisher", &source, options);
     char filter[] = "q/more";
 
-    // Bound in messages.
-    for (int i = 0; i < 5; ++i)
+    // 4 messages of 7 bytes, then one that would pass the byte bound, then the
+    // fifth that reaches the message bound.
+    for (int i = 0; i < 4; ++i)
         ASSERT_EQ(publisher->publish("q/full", std::to_string(i).c_str(), 2, false), kOk);
+    EXPECT_EQ(publisher->publish("q/full", std::string(94, 'b').c_str(), 2, false), kFull);
+    ASSERT_EQ(publisher->publish("q/full", "4", 2, false), kOk);
     EXPECT_EQ(publisher->publish("q/full", "refused", 2, false), kFull);
     EXPECT_EQ(publisher->publish("q/full", "refused", 1, false), kFull);
     EXPECT_EQ(publisher->subscribe(filter), kFull);
@@ -90,26 +93,14 @@ TEST_F(PushOutboxTest, AFullOutboxRefusesNewRequestsAndKeepsTheAcceptedOnes)
     ASSERT_EQ(publisher->start_connect(broker.host(), broker.port(), 60), kOk);
     ASSERT_TRUE(eventually([&] { return payloadsFrom("q/full").size() >= 5; }));
     EXPECT_EQ(payloadsFrom("q/full"), (std::vector<std::string>{"0", "1", "2", "3", "4"}));
-    ASSERT_TRUE(eventually([&] { return publisher->pendingCount() == 0; }));
-
-    // Bound in bytes (topic + payload), offline again.
-    broker.stop();
-    ASSERT_TRUE(source.waitForStatuses({true, false}));
-    const std::string big(60, 'b'), small(20, 's');
-    EXPECT_EQ(publisher->publish("q/b", big.c_str(), 2, false), kOk);   // 63 bytes
-    EXPECT_EQ(publisher->publish("q/b", big.c_str(), 2, false), kFull); // 126 > 100
-    EXPECT_EQ(publisher->publish("q/b", small.c_str(), 2, false), kOk); // 86
-    ASSERT_TRUE(broker.start());
-    ASSERT_TRUE(eventually([&] { return payloadsFrom("q/b").size() >= 2; }));
-    EXPECT_EQ(payloadsFrom("q/b"), (std::vector<std::string>{big, small}));
+    EXPECT_TRUE(eventually([&] { return publisher->pendingCount() == 0; }));
 }
 
 // Whatever the moment the link drops, each publication accepted from a busy
-// thread arrives exactly once and in order, and each refused one never. The
-// link is cut by another connection taking over the client id (the broker
-// closes ours), which leaves the broker and the subscriber undisturbed.
-// (A broker restart is no good here: a persistent mosquitto 2.0.11 resends, as
-// new, QoS 2 messages it was releasing to a subscriber when it stopped.)
+// thread arrives exactly once and in order, each refused one never. The link
+// is cut by another connection taking over the client id; a broker restart
+// would not do (a persistent mosquitto 2.0.11 resends, as new, QoS 2 messages
+// it was releasing to a subscriber when it stopped).
 TEST_F(PushOutboxTest, EveryAcceptedPublicationArrivesExactlyOnceAcrossALinkLoss)
 {
     PushClientOptions options = fastReconnect();
@@ -163,12 +154,11 @@ TEST_F(PushOutboxTest, EveryAcceptedPublicationArrivesExactlyOnceAcrossALinkLoss
     EXPECT_EQ(received, acceptedPayloads);
 }
 
-// Opens the window in which libmosquitto has already closed the socket but the
-// client has not yet seen the loss: the client's network thread is held in a
-// callback while the broker forwards a trigger message and then stops, so the
-// trigger and the end of the connection are read together; the trigger's
-// callback then publishes into a closed socket, which libmosquitto answers
-// with "not connected" while keeping the message for its own resend.
+// The window where libmosquitto has closed the socket but the client has not
+// seen the loss: the network thread is held in a callback while the broker
+// forwards a trigger and stops, so both are read together; the trigger's
+// callback publishes into the closed socket, which libmosquitto answers with
+// "not connected" while keeping the message for its own resend.
 TEST_F(PushOutboxTest, APublicationRefusedAsNotConnectedButKeptIsSentOnce)
 {
     std::mutex mutex;

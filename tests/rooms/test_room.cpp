@@ -13,10 +13,9 @@
 #include <new>
 #include <string>
 
-// Every operator new/delete of this test program goes through a counter, so
-// a scope that builds and destroys records can check that it freed all that
-// it allocated (a missing delete leaves the count up; a second delete of
-// the same object is caught by the allocator or by ASan).
+// Every operator new/delete of this program is counted, so a scope that
+// builds and destroys records can check that it freed all it allocated (a
+// second delete is caught by the allocator or by ASan).
 namespace {
 std::atomic<long> liveAllocations{0};
 }
@@ -72,15 +71,11 @@ std::string memberName(const Room &room, const std::string &key)
 
 } // namespace
 
-TEST(RoomWrite, NewRoomHasEightKeysWithDefaults)
+TEST(RoomWrite, EightKeysAndMembersInKeyOrder)
 {
     EXPECT_EQ(Room().toString(),
               R"({"creater":"","jid":"","join_time":"","members":[],"name":"",)"
               R"("operatorBy":"","status":0,"type":0})");
-}
-
-TEST(RoomWrite, AllFieldsAndMembersInKeyOrder)
-{
     Room room;
     room.jid = "r1@d";
     room.name = "R";
@@ -189,26 +184,16 @@ TEST(RoomRoundTrip, KeepsEveryFieldIncludingNonAscii)
     addMember(out, "成员@域", "名字");
     addMember(out, "plain@d", "Ω");
 
+    // The writer's bytes are checked above: writing the read record again
+    // gives the same text only if every field came back.
     const std::string text = out.toString();
     Room in;
     in.fromJson(parse(text.c_str()));
-
-    EXPECT_EQ(in.jid, out.jid);
-    EXPECT_EQ(in.name, out.name);
-    EXPECT_EQ(in.creater, out.creater);
-    EXPECT_EQ(in.type, out.type);
-    EXPECT_EQ(in.status, out.status);
-    EXPECT_EQ(in.operatorBy, out.operatorBy);
-    EXPECT_EQ(in.join_time, out.join_time);
     ASSERT_EQ(in.members.size(), 2u);
-    const Member &m = *in.members.at("成员@域");
-    EXPECT_EQ(m.jid, "成员@域");
-    EXPECT_EQ(m.name, "名字");
-    EXPECT_EQ(m.join_time, "t-成员@域");
     EXPECT_EQ(in.toString(), text);
 }
 
-TEST(RoomListRead, WithoutRoomsKeepsJidAndName)
+TEST(RoomListRead, ReadsEachRoomAndLaterJidsWin)
 {
     for (const char *json : { R"({"jid":"u@d","name":"N"})", R"({"jid":"u@d","name":"N","rooms":[]})",
                               R"({"jid":"u@d","name":"N","rooms":{"r@d":{}}})" }) {
@@ -218,10 +203,7 @@ TEST(RoomListRead, WithoutRoomsKeepsJidAndName)
         EXPECT_EQ(list.jid, "u@d");
         EXPECT_EQ(list.name, "N");
     }
-}
 
-TEST(RoomListRead, ReadsEachRoomAndLaterJidsWin)
-{
     RoomList list;
     list.fromJson(parse(R"({"rooms":[
         {"r2@d":{"name":"first","members":[{"m@d":{"name":"M"}}]},"r1@d":{"name":"one","type":4}},
@@ -252,28 +234,25 @@ TEST(Ownership, EveryRecordIsFreedOnce)
         listJson.insert("rooms", rooms);
     }
 
-    long before = liveAllocations;
-    {
+    const auto leaked = [](const auto &build) {
+        const long before = liveAllocations;
+        build();
+        return liveAllocations - before;
+    };
+    EXPECT_EQ(leaked([&] {
         Room room;
         room.fromJson(roomJson);
-        ASSERT_EQ(room.members.size(), 2u);
-    }
-    EXPECT_EQ(liveAllocations - before, 0) << "Room";
-
-    before = liveAllocations;
-    {
+        EXPECT_EQ(room.members.size(), 2u);
+    }), 0) << "Room";
+    EXPECT_EQ(leaked([&] {
         Room room;
         addMember(room, "member two with a long key@d", "stored before reading");
         room.fromJson(roomJson);
-        ASSERT_EQ(room.members.size(), 2u);
-    }
-    EXPECT_EQ(liveAllocations - before, 0) << "Room read over an existing member";
-
-    before = liveAllocations;
-    {
+        EXPECT_EQ(room.members.size(), 2u);
+    }), 0) << "Room read over an existing member";
+    EXPECT_EQ(leaked([&] {
         RoomList list;
         list.fromJson(listJson);
-        ASSERT_EQ(list.rooms.size(), 2u);
-    }
-    EXPECT_EQ(liveAllocations - before, 0) << "RoomList";
+        EXPECT_EQ(list.rooms.size(), 2u);
+    }), 0) << "RoomList";
 }

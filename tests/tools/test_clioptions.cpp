@@ -28,6 +28,7 @@ TEST(CliOptions, DefaultsForListen)
     EXPECT_EQ(options.connectTimeout(), std::chrono::seconds(10));
     EXPECT_FALSE(options.notice());
     EXPECT_FALSE(options.room());
+    EXPECT_FALSE(options.saveImages());
 }
 
 // A repeated option: the last one counts.
@@ -50,116 +51,28 @@ TEST(CliOptions, EveryOptionAndSendArguments)
     EXPECT_TRUE(options.room());
 }
 
-TEST(CliOptions, LocationAndStatusArguments)
+// Subcommands run end to end in the broker tests; here the defaults, the
+// empty and negative values they do not use.
+TEST(CliOptions, SubcommandDefaultsEmptyAndNegativeValues)
 {
-    const CliOptions location = parsed({"--user", "a", "location", "bob", "12.5", "44.1"});
-    EXPECT_EQ(location.command(), CliOptions::Command::Location);
-    EXPECT_EQ(location.commandArguments(), QStringList({"bob", "12.5", "44.1"}));
-
-    const CliOptions status = parsed({"--user", "a", "status", "0f8e-uuid", "--", "-2"});
-    EXPECT_EQ(status.command(), CliOptions::Command::Status);
-    EXPECT_EQ(status.commandArguments().at(0), "0f8e-uuid");
-    EXPECT_EQ(status.status(), -2);
-}
-
-TEST(CliOptions, RoomSubcommandsAndTheirType)
-{
-    const RoomRequest create =
-        parsed({"--user", "a", "room", "create", "team", "The team", "bob,carol", "--type", "3"}).roomRequest();
-    EXPECT_EQ(create.action(), RoomRequest::Action::Create);
-    EXPECT_EQ(create.arguments(), QStringList({"team", "The team", "bob,carol"}));
-    EXPECT_EQ(create.type(), 3);
+    EXPECT_EQ(parsed({"--user", "a", "status", "0f8e-uuid", "--", "-2"}).status(), -2);
+    EXPECT_EQ(parsed({"--user", "a", "room", "type", "team", "--", "-2"}).roomRequest().type(), -2);
     EXPECT_EQ(parsed({"--user", "a", "room", "create", "team", "T", ""}).roomRequest().type(), 0);
 
-    const CliOptions type = parsed({"--user", "a", "room", "type", "team", "--", "-2"});
-    EXPECT_EQ(type.command(), CliOptions::Command::Room);
-    EXPECT_EQ(type.roomRequest().action(), RoomRequest::Action::Type);
-    EXPECT_EQ(type.roomRequest().type(), -2);
-    EXPECT_EQ(parsed({"--user", "a", "room", "owner", "team", "bob"}).roomRequest().action(),
-              RoomRequest::Action::Owner);
-    EXPECT_EQ(parsed({"--user", "a", "room", "destroy", "team"}).roomRequest().arguments(), QStringList({"team"}));
-}
-
-TEST(CliOptions, FriendSubcommandsAndListDefaults)
-{
     const FriendRequest add = parsed({"--user", "a", "friend", "add", "bob"}).friendRequest();
-    EXPECT_EQ(add.action(), FriendRequest::Action::Add);
     EXPECT_EQ(add.arguments(), QStringList({"bob", ""})); // TEXT sent empty
-    EXPECT_EQ(parsed({"--user", "a", "friend", "accept", "bob@x", "hi"}).friendRequest().arguments(),
-              QStringList({"bob@x", "hi"}));
-    EXPECT_EQ(parsed({"--user", "a", "friend", "del", "bob"}).friendRequest().action(), FriendRequest::Action::Delete);
-    EXPECT_EQ(parsed({"--user", "a", "friend", "props", "bob", "{}"}).friendRequest().arguments(),
-              QStringList({"bob", "{}"}));
-
     const FriendRequest list = parsed({"--user", "a", "friend", "list"}).friendRequest();
-    EXPECT_EQ(list.action(), FriendRequest::Action::List);
     EXPECT_EQ(list.listType(), 1);
     EXPECT_EQ(list.listCount(), 20);
     EXPECT_TRUE(list.listCursor().isEmpty());
-    const FriendRequest page =
-        parsed({"--user", "a", "friend", "list", "--type", "-2", "--count", "5", "--cursor", "carol@x"})
-            .friendRequest();
-    EXPECT_EQ(page.listType(), -2);
-    EXPECT_EQ(page.listCount(), 5);
-    EXPECT_EQ(page.listCursor(), "carol@x");
-}
 
-TEST(CliOptions, HistoryForms)
-{
-    const CliOptions conversations = parsed({"--user", "a", "history", "conversations", "1", "0", "20"});
-    EXPECT_EQ(conversations.command(), CliOptions::Command::History);
-    const HistoryRequest &listing = conversations.historyRequest();
-    EXPECT_EQ(listing.action(), HistoryRequest::Action::Conversations);
-    EXPECT_EQ(listing.type(), 1);
-    EXPECT_EQ(listing.page(), 0);
-    EXPECT_EQ(listing.pageSize(), 20);
-    EXPECT_STREQ(listing.answerEvent(), "onConversations");
-    EXPECT_FALSE(listing.overHttp());
-
-    const HistoryRequest detail = parsed({"--user", "a", "history", "detail", "", "2", "10"}).historyRequest();
-    EXPECT_EQ(detail.id(), "");
-    EXPECT_EQ(detail.page(), 2);
-    EXPECT_STREQ(detail.answerEvent(), "onConversationDetail");
-
-    const HistoryRequest pull = parsed({"--user", "a", "history", "pull", "2", "30", "15", "u-2"}).historyRequest();
-    EXPECT_EQ(pull.type(), 2);
-    EXPECT_EQ(pull.start(), 30);
-    EXPECT_EQ(pull.count(), 15);
-    EXPECT_EQ(pull.id(), "u-2");
-    EXPECT_STREQ(pull.answerEvent(), "onHistoryMessages");
-
-    // Over HTTP a pull has no START.
-    const CliOptions http = parsed({"--user", "a", "history", "--http", "--http-base", "http://127.0.0.1:8080",
-                                    "pull", "3", "7", "u-3"});
-    EXPECT_TRUE(http.historyRequest().overHttp());
-    EXPECT_EQ(http.historyRequest().count(), 7);
-    EXPECT_EQ(http.historyRequest().id(), "u-3");
-    EXPECT_EQ(http.httpBase(), "http://127.0.0.1:8080");
-    EXPECT_EQ(parsed({"--user", "a", "history", "--http", "sync", "u-4"}).historyRequest().id(), "u-4");
-}
-
-TEST(CliOptions, RdpImageAndSaveImages)
-{
-    const RdpRequest reply = parsed({"--user", "a", "rdp", "becontrol-reply", "bob", ""}).rdpRequest();
-    EXPECT_EQ(reply.action(), RdpRequest::Action::BeControlReply);
-    EXPECT_EQ(reply.jid(), "bob");
-    EXPECT_EQ(reply.text(), "");
-    EXPECT_EQ(parsed({"--user", "a", "rdp", "control", "bob", "x"}).rdpRequest().action(),
-              RdpRequest::Action::Control);
-
-    const CliOptions image = parsed({"--user", "a", "send", "--room", "--image", "/tmp/p.png", "team@x"});
-    EXPECT_EQ(image.image(), "/tmp/p.png");
-    EXPECT_EQ(image.commandArguments(), QStringList({"team@x"}));
-    EXPECT_TRUE(image.room());
-    EXPECT_TRUE(parsed({"--user", "a", "send", "bob", "hi"}).image().isEmpty());
-    EXPECT_TRUE(parsed({"--user", "a", "listen", "--save-images"}).saveImages());
-    EXPECT_FALSE(parsed({"--user", "a", "listen"}).saveImages());
+    EXPECT_EQ(parsed({"--user", "a", "history", "detail", "", "2", "10"}).historyRequest().id(), "");
+    EXPECT_EQ(parsed({"--user", "a", "rdp", "becontrol-reply", "bob", ""}).rdpRequest().text(), "");
 }
 
 TEST(CliOptions, HelpNeedsNothingElse)
 {
-    const CliOptions options = parsed({"--help", "send"});
-    EXPECT_TRUE(options.helpRequested());
+    EXPECT_TRUE(parsed({"--help", "send"}).helpRequested());
 
     int argc = 1;
     char program[] = "/some/where/bin/pushchat";
@@ -168,16 +81,9 @@ TEST(CliOptions, HelpNeedsNothingElse)
     const QString help = CliOptions::helpText();
     EXPECT_TRUE(help.startsWith("Usage: pushchat [options] command")) << help.toStdString();
     for (const char *word : {"listen", "send TO TEXT", "location TARGET FIRST SECOND", "status UUID STATUS",
-                             "--host", "--port", "--user", "--domain", "--level", "--device", "--server-jid",
-                             "--timeout", "--notice", "--room", "room create ROOM NAME MEMBERS", "room invite",
-                             "room kick", "room rename", "room owner", "room type ROOM N", "room destroy", "--type",
-                             "friend add JID [TEXT]", "friend accept JID [TEXT]", "friend del JID",
-                             "friend props JID TEXT", "friend list [--type N] [--count N] [--cursor ID]",
-                             "history conversations TYPE PAGE SIZE", "history detail CONVID PAGE SIZE",
-                             "history pull TYPE START COUNT UUID", "history sync UUID",
-                             "history --http pull TYPE COUNT UUID", "--http-base", "rdp control JID TEXT",
-                             "rdp becontrol-reply JID TEXT", "send --image PATH TO", "--save-images",
-                             "4 no answer", "66 image"})
+                             "room create ROOM NAME MEMBERS", "friend list [--type N] [--count N] [--cursor ID]",
+                             "history --http pull TYPE COUNT UUID", "rdp control JID TEXT", "send --image PATH TO",
+                             "--save-images", "4 no answer", "66 image"})
         EXPECT_TRUE(help.contains(QLatin1String(word))) << word;
 }
 
@@ -196,7 +102,6 @@ TEST(CliOptions, BadCommandLinesGiveOneLine)
         {{"--user", "a", "--port", "18x", "listen"}, "18x"},
         {{"--user", "a", "--level", "high", "listen"}, "--level"},
         {{"--user", "a", "--timeout", "0", "listen"}, "--timeout"},
-        {{"--user", "a", "--timeout", "-1", "listen"}, "--timeout"},
         {{"--user", "a", "--timeout", "nan", "listen"}, "--timeout"},
         {{"--user", "a", "--timeout", "1e9", "listen"}, "--timeout"},
         {{"--host", "", "--user", "a", "listen"}, "--host"},
@@ -220,8 +125,6 @@ TEST(CliOptions, BadCommandLinesGiveOneLine)
         {{"--user", "a", "room", "type", "team", "big"}, "big"},
         {{"--user", "a", "room", "create", "team", "T", "bob", "--type", "x"}, "'x'"},
         {{"--user", "a", "--type", "2", "room", "rename", "team", "T"}, "--type"},
-        {{"--user", "a", "--type", "2", "listen"}, "--type"},
-        {{"room", "destroy", "team"}, "--user"},
         {{"--user", "a", "friend"}, "subcommand"},
         {{"--user", "a", "friend", "hug", "bob"}, "hug"},
         {{"--user", "a", "friend", "add"},

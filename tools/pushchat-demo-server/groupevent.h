@@ -3,8 +3,9 @@
 
 // A room event as the server sends it to a user: the group-information
 // topic "s/g/i/<user>/r/<letter>" and the enciphered envelope carrying the
-// body, from the server's JID. For tests and benchmarks that feed the
-// engine, directly or through a broker (header-only; needs pushchat).
+// body, from the server's JID. Used by the stand-in server, and by tests and
+// benchmarks that feed the engine directly or through a broker
+// (header-only; needs pushchat).
 
 #include "mqttmessage.h"
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QFile>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QUuid>

@@ -8,19 +8,8 @@
 
 TEST(KeyTableFile, EveryEntryHasTheWrittenValue)
 {
-    const unsigned long long expected[keyListLength] = {
-        0x0123456789ABCDEFULL,
-        0xFEDCBA9876543210ULL,
-        0xFFFFFFFFFFFFFFFFULL, // 18446744073709551615
-        0,
-        0,
-        10, // "010" is decimal, not octal
-        0xFF,
-        42,
-        0x8000000000000000ULL, // 9223372036854775808
-        1,
-        0xFFFFFFFFFFFFFFFFULL,
-    };
+    const unsigned long long expected[keyListLength] = { 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL, ~0ULL, 0, 0, 10,
+        0xFF, 42, 1ULL << 63, 1, ~0ULL };
     for (int i = 0; i < keyListLength; ++i)
         EXPECT_EQ(keyList[i], expected[i]) << "entry " << i;
 }

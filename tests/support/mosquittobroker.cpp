@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -16,54 +15,41 @@
 #include <thread>
 #include <unistd.h>
 
-extern char** environ;
+extern char **environ;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int freeLoopbackPort()
+// Binds (port 0: any free port) or connects a socket on 127.0.0.1; the port
+// bound, the port connected, or 0.
+int loopback(int port, bool connectTo)
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0)
-        return 0;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    int port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-        port = ntohs(address.sin_port);
-    ::close(fd);
-    return port;
-}
-
-bool portAccepts(int port)
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0)
-        return false;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
+    auto *a = reinterpret_cast<sockaddr *>(&address);
+    socklen_t length = sizeof address;
+    const bool ok = fd >= 0 && (connectTo ? ::connect(fd, a, length) == 0
+                                          : ::bind(fd, a, length) == 0 && ::getsockname(fd, a, &length) == 0);
+    if (fd >= 0)
+        ::close(fd);
+    return ok ? ntohs(address.sin_port) : 0;
 }
 
-// Runs a program, its output appended to logPath; returns its pid or -1.
-pid_t spawn(const std::vector<std::string>& argv, const std::string& logPath)
+// Runs a program, its output appended to logPath; its pid or -1.
+pid_t spawn(std::vector<std::string> argv, const std::string &logPath)
 {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    std::vector<char*> args;
-    for (const std::string& arg : argv)
-        args.push_back(const_cast<char*>(arg.c_str()));
+    std::vector<char *> args;
+    for (std::string &arg : argv)
+        args.push_back(arg.data());
     args.push_back(nullptr);
     pid_t pid = -1;
     const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
@@ -71,12 +57,12 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& logPath)
     return rc == 0 ? pid : -1;
 }
 
-// Waits for pid to end, up to timeout; true if it did (and was reaped).
-bool reap(pid_t pid, std::chrono::milliseconds timeout, int* status)
+// True once pid has ended (and was reaped) within the timeout.
+bool reaped(pid_t pid, std::chrono::milliseconds timeout)
 {
     const auto limit = Clock::now() + timeout;
     for (;;) {
-        const pid_t done = ::waitpid(pid, status, WNOHANG);
+        const pid_t done = ::waitpid(pid, nullptr, WNOHANG);
         if (done == pid || (done < 0 && errno == ECHILD))
             return true;
         if (Clock::now() >= limit)
@@ -94,10 +80,9 @@ MosquittoBroker::MosquittoBroker(Options options) : options_(std::move(options))
 MosquittoBroker::~MosquittoBroker()
 {
     stop();
-    if (!dir_.empty()) {
-        std::error_code ignored;
+    std::error_code ignored;
+    if (!dir_.empty())
         std::filesystem::remove_all(dir_, ignored);
-    }
 }
 
 bool MosquittoBroker::start()
@@ -108,9 +93,9 @@ bool MosquittoBroker::start()
         return false;
     if (port_ != 0)
         return launch();
-    // The free port is only free until someone takes it: try a few.
+    // A free port is only free until someone takes it: try a few.
     for (int attempt = 0; attempt < 5; ++attempt) {
-        port_ = freeLoopbackPort();
+        port_ = loopback(0, false);
         if (port_ != 0 && launch())
             return true;
     }
@@ -122,11 +107,10 @@ void MosquittoBroker::stop()
 {
     if (!running())
         return;
-    int status = 0;
     ::kill(pid_, SIGTERM);
-    if (!reap(pid_, std::chrono::seconds(5), &status)) {
+    if (!reaped(pid_, std::chrono::seconds(5))) {
         ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
+        ::waitpid(pid_, nullptr, 0);
     }
     pid_ = -1;
 }
@@ -157,14 +141,10 @@ bool MosquittoBroker::prepareDirectory()
 bool MosquittoBroker::writeConfig() const
 {
     std::ofstream out(dir_ + "/mosquitto.conf");
-    out << "listener " << port_ << " 127.0.0.1\n"
-        << "allow_anonymous " << (options_.allowAnonymous ? "true" : "false") << "\n"
-        << "set_tcp_nodelay true\n"
-        << "max_queued_messages 100000\n"
-        << "log_dest stderr\n"
-        << "log_type error\nlog_type warning\nlog_type notice\nlog_type information\n"
-        << "log_timestamp_format %H:%M:%S\n";
-    // As root, mosquitto switches to the "mosquitto" user unless told to stay;
+    out << "listener " << port_ << " 127.0.0.1\nallow_anonymous " << (options_.allowAnonymous ? "true" : "false")
+        << "\nset_tcp_nodelay true\nmax_queued_messages 100000\nlog_dest stderr\nlog_timestamp_format %H:%M:%S\n"
+        << "log_type error\nlog_type warning\nlog_type notice\nlog_type information\n";
+    // As root, mosquitto becomes the "mosquitto" user unless told to stay;
     // that user could not write into our directory.
     if (::geteuid() == 0)
         out << "user root\n";
@@ -181,13 +161,13 @@ bool MosquittoBroker::writePasswordFile() const
     const std::string path = dir_ + "/passwords";
     {
         std::ofstream out(path);
-        for (const auto& [user, password] : options_.users)
+        for (const auto &[user, password] : options_.users)
             out << user << ":" << password << "\n";
         if (!out.flush())
             return false;
     }
-    // Hash the plain-text file in place.
-    const pid_t pid = spawn({"mosquitto_passwd", "-U", path}, dir_ + "/mosquitto.log");
+    // Hashes the plain-text file in place.
+    const pid_t pid = spawn({ "mosquitto_passwd", "-U", path }, dir_ + "/mosquitto.log");
     int status = 0;
     return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -196,8 +176,8 @@ bool MosquittoBroker::launch()
 {
     if (!writeConfig())
         return false;
-    // The broker logs this once it listens; counting it tells our broker from
-    // another process that might hold the port.
+    // The broker logs " running" once it listens: counting those tells our
+    // broker from another process that might hold the port.
     const auto listening = [this] {
         const std::string text = log();
         std::size_t count = 0;
@@ -206,22 +186,17 @@ bool MosquittoBroker::launch()
         return count;
     };
     const std::size_t before = listening();
-    pid_ = spawn({"mosquitto", "-c", dir_ + "/mosquitto.conf"}, dir_ + "/mosquitto.log");
-    if (pid_ <= 0) {
-        pid_ = -1;
-        return false;
-    }
+    pid_ = spawn({ "mosquitto", "-c", dir_ + "/mosquitto.conf" }, dir_ + "/mosquitto.log");
     const auto limit = Clock::now() + std::chrono::seconds(5);
-    while (Clock::now() < limit) {
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) { // exited: port taken or bad config
-            pid_ = -1;
-            return false;
-        }
-        if (listening() > before && portAccepts(port_))
+    while (pid_ > 0 && Clock::now() < limit) {
+        if (::waitpid(pid_, nullptr, WNOHANG) == pid_) // exited: port taken or bad configuration
+            break;
+        if (listening() > before && loopback(port_, true) == port_)
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    stop();
+    if (pid_ > 0 && Clock::now() >= limit)
+        stop();
+    pid_ = -1;
     return false;
 }

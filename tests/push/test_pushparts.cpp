@@ -1,0 +1,57 @@
+#include "eventlog.h"
+#include "pushbackoff.h"
+#include "pushoutbox.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Each delay lies within half to all of its step; steps double from the
+// minimum (at least 1 ms) up to the maximum and start over after reset().
+TEST(PushParts, BackoffDoublesToTheMaximumWithJitter)
+{
+    const std::pair<PushBackoff, std::vector<long long>> rows[] = {
+        {{std::chrono::milliseconds(100), std::chrono::milliseconds(1000)}, {100, 200, 400, 800, 1000, 1000}},
+        {{std::chrono::milliseconds(0), std::chrono::milliseconds(4)}, {1, 2, 4, 4}},
+        {{std::chrono::milliseconds(300), std::chrono::milliseconds(50)}, {300, 300}}};
+    for (auto [backoff, steps] : rows) {
+        long long low = steps.back(), high = 0;
+        for (int round = 0; round < 40; ++round, backoff.reset()) {
+            long long delay = 0;
+            for (long long step : steps) {
+                delay = backoff.next().count();
+                EXPECT_TRUE(delay >= step - step / 2 && delay <= step) << fields(steps[0], step, delay);
+            }
+            low = std::min(low, delay);
+            high = std::max(high, delay);
+        }
+        // The delays of the last step spread over its range.
+        EXPECT_TRUE(low * 10 < steps.back() * 6 && high * 10 > steps.back() * 9) << low << ".." << high;
+    }
+}
+
+// Queued requests and in-flight publications share one bound in count and
+// in bytes (topic + payload); the queue keeps its order.
+TEST(PushParts, OutboxBoundsQueueAndInFlightTogether)
+{
+    PushOutbox outbox(3, 10);
+    const auto add = [&](const char* p) { return outbox.enqueue({PushOutbox::Request::Kind::Publish, "t", p, 2}); };
+    std::string room; // 10 bytes fit, not 11; then 2 + 9 bytes do not, 2 + 8 do, exactly
+    for (bool yes : {outbox.hasRoomFor(10), outbox.hasRoomFor(11), outbox.hasRoomFor(std::size_t(-1)), add("a"),
+                     add("12345678"), add("1234567"), outbox.hasRoomFor(0), outbox.hasRoomFor(1)})
+        room += yes ? '1' : '0';
+    EXPECT_EQ(room, "10010110");
+    outbox.popFront();
+    outbox.trackInFlight(7, 2);
+    outbox.trackInFlight(7, 1); // a reused id replaces the old entry
+    EXPECT_EQ(fields(outbox.count(), outbox.bytes(), outbox.front().payload), "2|9|1234567");
+    EXPECT_TRUE(add(""));
+    EXPECT_FALSE(outbox.hasRoomFor(0)); // 3 requests
+    outbox.acknowledge(8);              // unknown id: ignored
+    outbox.acknowledge(7);
+    EXPECT_EQ(fields(outbox.count(), outbox.bytes(), outbox.hasInFlight()), "2|9|0");
+    outbox.clearQueued();
+    EXPECT_EQ(fields(outbox.count(), outbox.bytes(), outbox.hasQueued()), "0|0|0");
+}
+
+} // namespace

@@ -1,0 +1,121 @@
+#ifndef EVENTLOG_H
+#define EVENTLOG_H
+
+// What a recording receiver heard, as text lines, from any thread.
+//
+// Each callback of a receiver under test becomes one line made with
+// fields() ("onPresence|alice@im.test|APP_STARTUP"); a test then compares
+// whole lines or waits for them. All calls are thread-safe.
+//
+//   EventLog log;
+//   log.add(fields("onConnected"));
+//   ASSERT_TRUE(log.waitForCount(1));
+//   EXPECT_EQ(log.lines(), (Lines{ "onConnected" }));
+
+#include <QByteArray>
+#include <QString>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+using Lines = std::vector<std::string>;
+
+namespace eventlog_detail {
+inline std::string text(const std::string &s) { return s; }
+inline std::string text(const char *s) { return s ? s : "(null)"; }
+inline std::string text(const QString &s) { return s.toStdString(); }
+inline std::string text(const QByteArray &s) { return s.toStdString(); }
+template <class T, class = std::enable_if_t<std::is_arithmetic<T>::value || std::is_enum<T>::value>>
+std::string text(T v)
+{
+    return std::to_string(static_cast<long long>(v));
+}
+} // namespace eventlog_detail
+
+/// The parts joined with '|': strings as they are, numbers and enumerations
+/// in decimal, bools as 0/1.
+template <class First, class... Rest>
+std::string fields(const First &first, const Rest &...rest)
+{
+    std::string line = eventlog_detail::text(first);
+    ((line += '|', line += eventlog_detail::text(rest)), ...);
+    return line;
+}
+
+constexpr std::chrono::milliseconds kWaitLimit{ 15000 };
+
+/// Polls `condition` every 10 ms until it holds or `timeout` passes.
+template <class Condition>
+bool eventually(Condition condition, std::chrono::milliseconds timeout = kWaitLimit)
+{
+    const auto limit = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= limit)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+class EventLog
+{
+public:
+    void add(std::string line)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            lines_.push_back(std::move(line));
+        }
+        changed_.notify_all();
+    }
+    Lines lines() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+    /// The lines that start with `prefix`, in order.
+    Lines starting(const std::string &prefix) const
+    {
+        Lines out;
+        for (const std::string &l : lines())
+            if (l.compare(0, prefix.size(), prefix) == 0)
+                out.push_back(l);
+        return out;
+    }
+    /// Waits until `predicate(lines)` holds.
+    template <class Predicate>
+    bool waitFor(Predicate predicate, std::chrono::milliseconds timeout = kWaitLimit) const
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return predicate(lines_); });
+    }
+    bool waitForCount(std::size_t n, std::chrono::milliseconds timeout = kWaitLimit) const
+    {
+        return waitFor([n](const Lines &l) { return l.size() >= n; }, timeout);
+    }
+    /// Waits until `n` lines start with `prefix`.
+    bool waitForPrefix(const std::string &prefix, std::size_t n = 1,
+                       std::chrono::milliseconds timeout = kWaitLimit) const
+    {
+        return waitFor(
+            [&](const Lines &l) {
+                return std::size_t(std::count_if(l.begin(), l.end(), [&](const std::string &s) {
+                           return s.compare(0, prefix.size(), prefix) == 0;
+                       })) >= n;
+            },
+            timeout);
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    Lines lines_;
+};
+
+#endif // EVENTLOG_H

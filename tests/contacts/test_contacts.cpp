@@ -83,13 +83,7 @@ TEST(ContactManager, SubscriptionsLogTheCompletedJid)
 
 TEST(ContactManager, JsonToContactRules)
 {
-    Contact base;
-    base.name = "old";
-    base.phone = "000";
-    base.sex = "f";
-    base.photoPath = "/old.jpg";
-    base.address = "street";
-    base.text7 = "t7";
+    const Contact base{ "", "", "old", "000", "f", "/old.jpg", "t7", "", "street", false, false, {} };
     const struct {
         const char *json;
         bool ok;
@@ -113,10 +107,7 @@ TEST(ContactManager, JsonToContactRules)
 TEST(ContactManager, NotificationsOnlyWhenAReceiverIsSet)
 {
     ContactManager manager;
-    Contact c;
-    c.text7 = "说明";
-    c.text8 = "second";
-    c.flag2 = true;
+    Contact c{ "", "", "", "", "", "", "说明", "second", "", false, true, {} };
     QString jid = "bob@im.test";
     App app;
     for (ImContactEventReciever *receiver :

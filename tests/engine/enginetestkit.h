@@ -204,7 +204,7 @@ inline bool online(App &app, Wire &wire, const std::string &jid, std::size_t n =
 }
 
 struct Net {
-    MosquittoBroker broker{ MosquittoBroker::Options{ true, {}, true, "log_type all" } };
+    MosquittoBroker broker{ MosquittoBroker::Options{ true, true, "log_type all" } };
     Wire wire;
     App aliceApp, bobApp;
     Message_lib alice{ &aliceApp, &aliceApp, "dev-a", "Alice Desk" };
@@ -254,6 +254,15 @@ struct In {
     Lines heard;
 };
 
+/// A presence sent to `jid` after everything before it has reached `app`.
+inline bool delivered(App &app, const std::string &jid)
+{
+    static std::atomic<int> marks{ 0 };
+    const std::string mark = "fence " + std::to_string(++marks);
+    return net().wire.publish("m/i/" + jid + "/d", seal("wire", "", mark.c_str(), 9999)) &&
+        app.log.waitForPrefix("presence|wire|" + mark);
+}
+
 /// Each row, then a presence as a fence: what `app` logged in between.
 inline void checkIncoming(App &app, const std::string &jid, const std::vector<In> &rows)
 {
@@ -261,13 +270,11 @@ inline void checkIncoming(App &app, const std::string &jid, const std::vector<In
     for (In r : rows) {
         SCOPED_TRACE(r.topic + " " + r.body);
         const std::size_t mark = app.log.lines().size();
-        const std::string fence = "fence " + std::to_string(mark);
         const std::size_t at = r.topic.find('%');
         r.topic = at == std::string::npos ? r.topic : r.topic.replace(at, 1, jid);
         ASSERT_TRUE(n.wire.publish(
             r.topic, r.level == kNone ? r.body : seal("carol@im.test", jid.c_str(), r.body.c_str(), r.level)));
-        ASSERT_TRUE(n.wire.publish("m/i/" + jid + "/d", seal("wire", "", fence.c_str(), 9999)));
-        ASSERT_TRUE(app.log.waitForPrefix("presence|wire|" + fence));
+        ASSERT_TRUE(delivered(app, jid));
         const Lines all = app.log.lines();
         EXPECT_EQ(Lines(all.begin() + long(mark), all.end() - 1), r.heard);
     }

@@ -1,12 +1,10 @@
 // The engine over one broker: each command's result and wire bytes, each
-// incoming message's callback, the connection's lifecycle, the will, a
-// broker restart, and logins while messages arrive.
+// incoming message's callback, the connection's lifecycle, the will and a
+// broker restart.
 
 #include "enginetestkit.h"
 
 #include <QProcess>
-
-#include <thread>
 
 using namespace kit;
 
@@ -197,34 +195,4 @@ TEST(Engine, WillRestartAndMessagesSentMeanwhile)
     Message_lib erin(&erinApp, nullptr, "dev-e", "Erin Desk");
     ASSERT_TRUE(login(erin, n.broker, "erin", 5));
     EXPECT_TRUE(erinApp.log.waitForPrefix("message|alice@im.test|erin@im.test|while away|"));
-}
-
-// Logging in again while messages arrive: the old delivery thread is gone
-// before the new level is stored, and the last level rules.
-TEST(Engine, LoginAgainWhileMessagesArrive)
-{
-    Net &n = net();
-    ASSERT_TRUE(n.up);
-    App app;
-    Message_lib frank(&app, nullptr, "dev-f", "Frank Desk");
-    ASSERT_TRUE(login(frank, n.broker, "frank", 5));
-    ASSERT_TRUE(online(app, n.wire, "frank@im.test"));
-    std::atomic<bool> stop{ false };
-    std::thread flood([&] {
-        const std::string atFour = seal("c@im.test", "frank@im.test", "flood", 4);
-        while (!stop) {
-            n.wire.publish("m/i/frank@im.test/n", atFour);
-            std::this_thread::sleep_for(std::chrono::microseconds(300));
-        }
-    });
-    for (std::size_t round = 2; round <= 6; ++round) {
-        const std::size_t seen = app.log.starting("message|").size();
-        login(frank, n.broker, "frank", round % 2 == 0 ? 3 : 5);
-        EXPECT_TRUE(app.log.waitFor(
-            [&](const Lines &l) { return countWith(l, "connected") == round && countWith(l, "message|") > seen; }));
-    }
-    stop = true;
-    flood.join();
-    ASSERT_TRUE(n.wire.publish("m/i/frank@im.test/n", seal("c@im.test", "frank@im.test", "last", 4)));
-    EXPECT_TRUE(app.log.waitForPrefix("message|c@im.test|frank@im.test|last|0|1|k|st|1"));
 }

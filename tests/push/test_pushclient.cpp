@@ -89,7 +89,7 @@ protected:
         return eventually([&] { return count(text) > 0; });
     }
 
-    static inline MosquittoBroker broker{MosquittoBroker::Options{true, {}, true, "clientid_prefixes c-"}};
+    static inline MosquittoBroker broker{MosquittoBroker::Options{true, true, "clientid_prefixes c-"}};
 };
 
 TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)

@@ -62,8 +62,6 @@ TEST(Rooms, CommandsOnTheWire)
           topic(request, "g") + R"({"member_id":"bob@im.test","room_id":"r1@im.test"})" },
         { "type", KIT_CALL(modifyRoomType("r1", ROOM_TYPE(3))), 1, 0,
           topic(request, "m") + R"({"room_type":"3","room_id":"r1@im.test"})" },
-        { "type, full room id", KIT_CALL(modifyRoomType("r@x", ROOM_TYPE(-2))), 1, 0,
-          topic(request, "m") + R"({"room_type":"-2","room_id":"r@x"})" },
     });
 }
 
@@ -77,12 +75,7 @@ TEST(Rooms, EventsSubscriptionsAndNotifications)
     Message_lib rose(&app, &app, "dev-r", "Rose Desk");
     ASSERT_TRUE(login(rose, n.broker, "rose", 5));
     ASSERT_TRUE(online(app, n.wire, "rose@im.test"));
-    int fences = 0;
-    const auto fence = [&] { // rose's delivery thread has handled everything sent before
-        const std::string mark = "fence " + std::to_string(++fences);
-        n.wire.publish("m/i/rose@im.test/d", seal("wire", "", mark.c_str(), 9999));
-        return app.log.waitForPrefix("presence|wire|" + mark);
-    };
+    const auto fence = [&] { return delivered(app, "rose@im.test"); };
     const auto send = [&](GroupSubCmd cmd, const std::string &body) {
         const GroupEvent e = makeGroupEvent("rose@im.test", cmd, QString::fromStdString(body), "server@im.test");
         n.wire.publish(e.topic, e.payload);
@@ -91,15 +84,12 @@ TEST(Rooms, EventsSubscriptionsAndNotifications)
     send(GroupSub_Refresh, list);
     send(GroupSub_Refresh, "not json");
     Lines expected{ "roomList|" + list, "roomList|not json" };
-    const std::vector<std::pair<GroupSubCmd, GroupSubCmd>> events{ { GroupSub_Create, GroupSub_Create },
-                                                                   { GroupSub_Release, GroupSub_Release },
-                                                                   { GroupSub_Invite, GroupSub_Invite },
-                                                                   { GroupSub_SetGroupName, GroupSub_SetGroupName },
-                                                                   { GroupSub_SetRoomCreater, GroupSub_Refresh },
-                                                                   { GroupSub_Modify_Type, GroupSub_Modify_Type },
-                                                                   { GroupSub_Exit, GroupSubCmd(0) },
-                                                                   { GroupSub_Query, GroupSubCmd(0) },
-                                                                   { GroupSub_Join, GroupSubCmd(0) } };
+    // Each event and the notification it gives (0: none); a new room creator refreshes.
+    const std::vector<std::pair<GroupSubCmd, GroupSubCmd>> events{
+        { GroupSub_Create, GroupSub_Create }, { GroupSub_Release, GroupSub_Release },
+        { GroupSub_Invite, GroupSub_Invite }, { GroupSub_SetGroupName, GroupSub_SetGroupName },
+        { GroupSub_SetRoomCreater, GroupSub_Refresh }, { GroupSub_Modify_Type, GroupSub_Modify_Type },
+        { GroupSub_Exit, GroupSubCmd(0) }, { GroupSub_Query, GroupSubCmd(0) }, { GroupSub_Join, GroupSubCmd(0) } };
     for (std::size_t i = 0; i < events.size(); ++i) {
         const std::string jid = "r" + std::to_string(i + 1) + "@d";
         send(events[i].first, roomText(jid.c_str()));

@@ -9,13 +9,12 @@
 //
 //   EventLog log;
 //   log.add(fields("onConnected"));
-//   ASSERT_TRUE(log.waitForCount(1));
+//   ASSERT_TRUE(log.waitForPrefix("onConnected"));
 //   EXPECT_EQ(log.lines(), (Lines{ "onConnected" }));
 
 #include <QByteArray>
 #include <QString>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -80,14 +79,7 @@ public:
         return lines_;
     }
     /// The lines that start with `prefix`, in order.
-    Lines starting(const std::string &prefix) const
-    {
-        Lines out;
-        for (const std::string &l : lines())
-            if (l.compare(0, prefix.size(), prefix) == 0)
-                out.push_back(l);
-        return out;
-    }
+    Lines starting(const std::string &prefix) const { return starting(lines(), prefix); }
     /// Waits until `predicate(lines)` holds.
     template <class Predicate>
     bool waitFor(Predicate predicate, std::chrono::milliseconds timeout = kWaitLimit) const
@@ -95,24 +87,23 @@ public:
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return predicate(lines_); });
     }
-    bool waitForCount(std::size_t n, std::chrono::milliseconds timeout = kWaitLimit) const
-    {
-        return waitFor([n](const Lines &l) { return l.size() >= n; }, timeout);
-    }
     /// Waits until `n` lines start with `prefix`.
     bool waitForPrefix(const std::string &prefix, std::size_t n = 1,
                        std::chrono::milliseconds timeout = kWaitLimit) const
     {
-        return waitFor(
-            [&](const Lines &l) {
-                return std::size_t(std::count_if(l.begin(), l.end(), [&](const std::string &s) {
-                           return s.compare(0, prefix.size(), prefix) == 0;
-                       })) >= n;
-            },
-            timeout);
+        return waitFor([&](const Lines &l) { return starting(l, prefix).size() >= n; }, timeout);
     }
 
 private:
+    static Lines starting(const Lines &all, const std::string &prefix)
+    {
+        Lines out;
+        for (const std::string &l : all)
+            if (l.compare(0, prefix.size(), prefix) == 0)
+                out.push_back(l);
+        return out;
+    }
+
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     Lines lines_;

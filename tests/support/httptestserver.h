@@ -7,7 +7,7 @@
 #include <vector>
 
 // A real HTTP server for tests, on a free port of 127.0.0.1, served by one
-// thread of its own (poll over plain sockets, any number of clients).
+// thread of its own, one request at a time.
 //
 // Every request's line ("GET /path?query HTTP/1.1") is recorded as it
 // arrived. Each request is then answered with the configured status and body
@@ -24,7 +24,7 @@ class HttpTestServer
 {
 public:
     HttpTestServer() = default;
-    ~HttpTestServer();
+    ~HttpTestServer() { stop(); }
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
 
@@ -33,7 +33,7 @@ public:
 
     int port() const { return port_; }
     /// "http://127.0.0.1:<port>"
-    std::string baseAddress() const;
+    std::string baseAddress() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     /// Answers later requests with this status and body (default 200, "").
     void answer(int status, std::string body);
@@ -44,11 +44,9 @@ public:
 
 private:
     void run();
-    // Reads what `fd` has; true while the connection stays open.
-    bool serve(int fd, std::string& pending);
 
     int listenFd_ = -1;
-    int wakeFds_[2] = { -1, -1 };
+    std::vector<int> held_; // quiet connections, closed by stop()
     int port_ = 0;
     std::thread thread_;
 

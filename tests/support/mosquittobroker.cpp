@@ -1,7 +1,6 @@
 #include "mosquittobroker.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -14,6 +13,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 extern char **environ;
 
@@ -57,25 +57,7 @@ pid_t spawn(std::vector<std::string> argv, const std::string &logPath)
     return rc == 0 ? pid : -1;
 }
 
-// True once pid has ended (and was reaped) within the timeout.
-bool reaped(pid_t pid, std::chrono::milliseconds timeout)
-{
-    const auto limit = Clock::now() + timeout;
-    for (;;) {
-        const pid_t done = ::waitpid(pid, nullptr, WNOHANG);
-        if (done == pid || (done < 0 && errno == ECHILD))
-            return true;
-        if (Clock::now() >= limit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-}
-
 } // namespace
-
-MosquittoBroker::MosquittoBroker() : MosquittoBroker(Options()) {}
-
-MosquittoBroker::MosquittoBroker(Options options) : options_(std::move(options)) {}
 
 MosquittoBroker::~MosquittoBroker()
 {
@@ -108,17 +90,13 @@ void MosquittoBroker::stop()
     if (!running())
         return;
     ::kill(pid_, SIGTERM);
-    if (!reaped(pid_, std::chrono::seconds(5))) {
-        ::kill(pid_, SIGKILL);
+    const auto limit = Clock::now() + std::chrono::seconds(5);
+    pid_t done = 0;
+    while ((done = ::waitpid(pid_, nullptr, WNOHANG)) == 0 && Clock::now() < limit)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (done == 0 && ::kill(pid_, SIGKILL) == 0)
         ::waitpid(pid_, nullptr, 0);
-    }
     pid_ = -1;
-}
-
-bool MosquittoBroker::restart()
-{
-    stop();
-    return start();
 }
 
 std::string MosquittoBroker::log() const
@@ -135,7 +113,7 @@ bool MosquittoBroker::prepareDirectory()
     if (!::mkdtemp(pattern.data()))
         return false;
     dir_ = pattern;
-    return options_.users.empty() || writePasswordFile();
+    return true;
 }
 
 bool MosquittoBroker::writeConfig() const
@@ -148,28 +126,10 @@ bool MosquittoBroker::writeConfig() const
     // that user could not write into our directory.
     if (::geteuid() == 0)
         out << "user root\n";
-    if (!options_.users.empty())
-        out << "password_file " << dir_ << "/passwords\n";
     if (options_.persistence)
         out << "persistence true\npersistence_location " << dir_ << "/\n";
     out << options_.extraConfig << "\n";
     return static_cast<bool>(out.flush());
-}
-
-bool MosquittoBroker::writePasswordFile() const
-{
-    const std::string path = dir_ + "/passwords";
-    {
-        std::ofstream out(path);
-        for (const auto &[user, password] : options_.users)
-            out << user << ":" << password << "\n";
-        if (!out.flush())
-            return false;
-    }
-    // Hashes the plain-text file in place.
-    const pid_t pid = spawn({ "mosquitto_passwd", "-U", path }, dir_ + "/mosquitto.log");
-    int status = 0;
-    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 bool MosquittoBroker::launch()

@@ -4,7 +4,6 @@
 #include <string>
 #include <sys/types.h>
 #include <utility>
-#include <vector>
 
 // A real mosquitto broker for tests, listening on 127.0.0.1 only.
 //
@@ -24,8 +23,6 @@ public:
     struct Options
     {
         bool allowAnonymous = true;
-        // Non-empty: a password file with these (user, password) pairs.
-        std::vector<std::pair<std::string, std::string>> users;
         // Keep sessions, subscriptions and queued messages across stop() and
         // start() (saved on SIGTERM, read back at start).
         bool persistence = false;
@@ -33,15 +30,15 @@ public:
         std::string extraConfig;
     };
 
-    MosquittoBroker();
-    explicit MosquittoBroker(Options options);
+    MosquittoBroker() : MosquittoBroker(Options()) {}
+    explicit MosquittoBroker(Options options) : options_(std::move(options)) {}
     ~MosquittoBroker();
     MosquittoBroker(const MosquittoBroker&) = delete;
     MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
     bool start();
     void stop();
-    bool restart();
+    bool restart() { return stop(), start(); }
     bool running() const { return pid_ > 0; }
 
     const char* host() const { return "127.0.0.1"; }
@@ -52,7 +49,6 @@ public:
 private:
     bool prepareDirectory();
     bool writeConfig() const;
-    bool writePasswordFile() const;
     bool launch();
 
     Options options_;

@@ -7,12 +7,12 @@
 #include "httptestserver.h"
 #include "mosquittobroker.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QSettings>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -105,8 +105,14 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
                   expected)
             << arguments.toStdString();
     }
-    // Without --device, the library's id is kept in the client's own settings.
-    EXPECT_TRUE(QFile::exists(home.filePath("pushchat/pushchat-cli.conf")));
+    // Without --device, the library generates its id once, keeps it in the
+    // client's own settings and uses it for every later run.
+    const QString id =
+        QSettings(home.filePath("pushchat/pushchat-cli.conf"), QSettings::IniFormat).value("sms_uuid").toString();
+    const auto runs = [&](const QString &as) { return QString::fromStdString(broker.log()).count(" as alice@" + as); };
+    EXPECT_TRUE(QRegularExpression("^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$").match(id).hasMatch())
+        << id.toStdString();
+    EXPECT_EQ(fields(runs("im@"), runs("im@" + id + " (")), fields(7, 7));
 
     // A signal while history waits for its answer ends it at once.
     QProcess waiting;

@@ -216,7 +216,8 @@ TEST(JsonKeyCheck, RepeatedKeysAndFlatTexts)
         { "{\"\xc3\xa9\":1,\"\\u00e9\":[2]}", true, false }, { "{\"\xe0\xa0\x80\":1,\"\\u0800\":[2]}", true, false },
         { "{\"\xf0\x90\x80\x80\":1,\"\\ud800\\udc00\":[2]}", true, false },
         { R"({"a":["k","k","k"],"b":"a"})", false, false }, { R"({"a":"x\",\"a\":1"})", false, true },
-        { R"({"f":"first","f":"last"})", true, true }, { "{\"a", false, true }, { "]]]}}}", false, true } };
+        { R"({"f":"first","f":"last"})", true, true }, { "{\"a", false, true }, { "]]]}}}", false, true },
+        { R"({"o":{"k":1},"o":2})", true, false }, { R"( {"a":1})", false, true } };
     for (const auto &row : rows) {
         const QByteArray json(row.json);
         EXPECT_EQ(fields(JsonKeyCheck::hasRepeatedKey(row.json), JsonKeyCheck::isFlat(row.json)),

@@ -197,7 +197,7 @@ TEST(CompactJson, MatchesQtWriter)
 // strings of well-formed UTF-8, plain ints) and then agrees with Qt's parser.
 TEST(EnvelopeReader, DirectReaderAgreesWithQt)
 {
-    for (const char *text : { R"({})", R"({"b":""})", R"({"b":"\u0000x"})", R"({"b":"\ud83d\ude00\u00e9\u20AC\ufeff"})",
+    for (const char *text : { R"({})", R"({"b":""})", R"({"b":"\u0000x"})", R"({"b":"\ud83d\ude00\u00e9\u20AC\ufeff\udbff\udfff"})",
                  R"({"b":"\/\"\\\b\f\n\r\t"})",
                  R"({"b":"x","bt":-1,"f":"a","k":"","p":"p","s":1234567890,"st":"s","t":"t","v":0})",
                  R"({"s":-2147483648,"v":2147483647})",

@@ -134,6 +134,7 @@ TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)
         {"no id: publish", noId->publish("q/a", "x", 2, false), R::InvalidArgument},
         {"no id: subscribe", noId->subscribe(all), R::InvalidArgument},
         {"no id: connect", noId->start_connect(host, port, 60), R::InvalidArgument},
+        {"connect port 1", spare->start_connect(host, 1, 60), R::Ok},
         {"connect port 65535", spare->start_connect(host, 65535, 65535), R::Ok},
         {"connect keepalive 0", spare->start_connect(host, port, 0), R::Ok},
         // Up to 5 requests or 100 bytes of topic and payload wait for the link.

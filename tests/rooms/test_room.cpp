@@ -72,6 +72,10 @@ TEST(RoomNotifier, NoThreadsFailuresAndFinishingFromInside)
         ++done;
     });
     pool.post([&] { ++done; });
+    pool.post([&] { // a callback posting into its own full pool does not wait for room
+        for (int i = 0; i < 20; ++i)
+            pool.post([&] { ++done; });
+    });
     pool.finish();
-    EXPECT_EQ(fields(done.load(), pool.threadCount()), fields(2, 0));
+    EXPECT_EQ(fields(done.load(), pool.threadCount()), fields(22, 0));
 }

@@ -146,7 +146,7 @@ public:
         return out;
     }
     /// The lines after `mark` that hold "|<user>@".
-    Lines starting(std::size_t mark, const std::string &user) const
+    Lines linesOf(std::size_t mark, const std::string &user) const
     {
         Lines out;
         for (const std::string &l : after(mark))

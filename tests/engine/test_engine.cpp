@@ -117,7 +117,7 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         EXPECT_EQ(subscriptions(n.broker, id), topics);
         const std::string head = "|2|dave@im.test|server@im.test|9999|0|16|||";
         ASSERT_TRUE(n.wire.fence());
-        EXPECT_EQ(n.wire.starting(mark, "dave"),
+        EXPECT_EQ(n.wire.linesOf(mark, "dave"),
                   (Lines{ "s/g/c/server@im.test/f" + head + "empty_message",
                           "m/i/server@im.test/d" + head + presence("dev-d", "Dave Desk", "APP_STARTUP", 1) }));
 

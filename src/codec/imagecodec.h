@@ -13,9 +13,10 @@
 // operations block on file and image work. Failures give an empty text and
 // a critical line in the "pushchat.codec" log category.
 
+#include <pushchat/pushchat_export.h>
 #include <QString>
 
-class ImageCodec {
+class PUSHCHAT_EXPORT ImageCodec {
 public:
     /// The image text of the picture in `path`, shrunk starting from `rate`
     /// (1.0 for the full 350-pixel edge). Empty when the file cannot be read

@@ -14,10 +14,11 @@
 // Stateless: make an instance where needed; any thread may call it. Image
 // conversions block on file and image work.
 
+#include <pushchat/pushchat_export.h>
 #include <QJsonObject>
 #include <QString>
 
-class MessageTools {
+class PUSHCHAT_EXPORT MessageTools {
 public:
     /// {"body": text, "type": "text"} as compact JSON.
     QString formatTextMessage(QString text);

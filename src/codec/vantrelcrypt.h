@@ -12,6 +12,7 @@
 // constructors seed the calling thread's qrand() generator. Failures log a
 // Qt warning (category "pushchat.codec") where noted and set lastStatus.
 
+#include <pushchat/pushchat_export.h>
 #include <QByteArray>
 #include <QString>
 #include <QVector>
@@ -21,9 +22,9 @@ constexpr int keyListLength = 11;
 
 // The payload keys, shared by every party that exchanges enciphered
 // payloads. Read-only; the values come from the build (see keylist.cpp).
-extern const unsigned long long keyList[keyListLength];
+extern PUSHCHAT_EXPORT const unsigned long long keyList[keyListLength];
 
-class VantrelCrypt
+class PUSHCHAT_EXPORT VantrelCrypt
 {
 public:
     // Values of compressionPolicy.

@@ -18,15 +18,16 @@
 // Threads: every operation runs on the caller's thread; there is no lock,
 // so use a manager from one thread at a time.
 
-#include "contact.h"
-#include "imeventreciever.h"
+#include <pushchat/pushchat_export.h>
+#include <pushchat/contact.h>
+#include <pushchat/imeventreciever.h>
 
 #include <QList>
 #include <QMap>
 #include <QString>
 #include <QStringList>
 
-class ContactManager {
+class PUSHCHAT_EXPORT ContactManager {
 public:
     ContactManager();
 

@@ -22,8 +22,9 @@
 // rely on. Every operation has an empty default, so an application
 // overrides only what it needs.
 
-#include "mediainfo.h"
-#include "room.h"
+#include <pushchat/pushchat_export.h>
+#include <pushchat/mediainfo.h>
+#include <pushchat/room.h>
 
 #include <QString>
 #include <QStringList>
@@ -41,7 +42,7 @@ enum MESSAGE_PRESENCE_TYPE : int {
 };
 
 /// Connection, chat, presence, history, friends and remote desktop.
-class ImEventReciever {
+class PUSHCHAT_EXPORT ImEventReciever {
 public:
     virtual ~ImEventReciever() = default;
     /// The user is online: receive topics subscribed, presence announced.
@@ -98,7 +99,7 @@ public:
 };
 
 /// Group rooms. Called from the library's room worker threads.
-class ImMUCEventReciever {
+class PUSHCHAT_EXPORT ImMUCEventReciever {
 public:
     virtual ~ImMUCEventReciever() = default;
     /// The server's room list, as JSON text.
@@ -108,7 +109,7 @@ public:
 };
 
 /// Contacts. Slots 2 to 6 are reserved and never called.
-class ImContactEventReciever {
+class PUSHCHAT_EXPORT ImContactEventReciever {
 public:
     virtual ~ImContactEventReciever() = default;
     virtual void reserved2() {}

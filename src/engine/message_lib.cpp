@@ -108,6 +108,16 @@ void Message_lib::startSyncMessage(QString msgUuid)
     d->startSyncMessage(msgUuid);
 }
 
+void Message_lib::startSyncMessageRun(QString msgUuid)
+{
+    d->startSyncMessageRun(msgUuid);
+}
+
+void Message_lib::startPullMessageRun(int type, int count, QString msgUuid)
+{
+    d->startPullMessageRun(type, count, msgUuid);
+}
+
 int Message_lib::remoteDesktopControl(QString ignored, QString jid, QString text)
 {
     return d->remoteDesktopControl(ignored, jid, text) ? 1 : 0;

@@ -22,9 +22,10 @@
 // id in the application's default QSettings store (key "sms_uuid"), so set
 // the organisation and application names on QCoreApplication as usual.
 
-#include "imeventreciever.h"
-#include "mediainfo.h"
-#include "room.h"
+#include <pushchat/pushchat_export.h>
+#include <pushchat/imeventreciever.h>
+#include <pushchat/mediainfo.h>
+#include <pushchat/room.h>
 
 #include <QString>
 
@@ -32,7 +33,7 @@
 
 class MessagePrivate;
 
-class Message_lib {
+class PUSHCHAT_EXPORT Message_lib {
 public:
     Message_lib(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName);
     ~Message_lib();
@@ -42,8 +43,8 @@ public:
     /// The IM server's JID, addressee of every system request. Set it before
     /// logging in; by default it is "server@" + the login domain.
     void setServerJid(QString jid);
-    /// Base address of the HTTP history service (engine()->startSyncMessageRun
-    /// and startPullMessageRun), e.g. "http://127.0.0.1:18080"; empty, the
+    /// Base address of the HTTP history service (startSyncMessageRun and
+    /// startPullMessageRun), e.g. "http://127.0.0.1:18080"; empty, the
     /// default, means "http://" + the login host + ":5201".
     void setHistoryBaseAddress(QString base);
 
@@ -88,6 +89,15 @@ public:
     void startPullMessage(int pullType, int start, int count, QString msgUuid);
     void startSyncMessage(QString msgUuid);
 
+    // History over HTTP. Blocking: each waits on the calling thread (at
+    // most about 10 s of silence) and then calls onHistoryMessages on that
+    // same thread with the reply body, "" when the request failed. They
+    // need a QCoreApplication and a login (the JID and security level of
+    // the last login are used; the push connection itself is not). Several
+    // threads may call them at once.
+    void startSyncMessageRun(QString msgUuid);
+    void startPullMessageRun(int type, int count, QString msgUuid);
+
     // Remote-desktop signalling with the peer `jid` (completed with the
     // domain when it has no "@"); `text` is free for the applications. The
     // first argument is not used. 1 if published, 0 if not.
@@ -124,7 +134,8 @@ public:
     /// the façade. The library raises no contact event of its own today.
     void setContactEventReciever(ImContactEventReciever *receiver);
 
-    /// The engine, for advanced use and tests.
+    /// The engine behind the façade. Its class is private to the library
+    /// (not installed): the pointer is opaque to applications.
     MessagePrivate *engine() const { return d; }
 
 private:

@@ -21,7 +21,7 @@
 //    "name":"","operatorBy":"","status":0,"type":0}
 // A room list: {"jid":"","name":"","rooms":[{"<room jid>":{room}}, ...]}.
 
-#include "groupsubcmd.h"
+#include <pushchat/groupsubcmd.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>

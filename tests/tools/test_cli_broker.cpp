@@ -7,6 +7,8 @@
 #include "httptestserver.h"
 #include "mosquittobroker.h"
 
+#include <pushchat/version.h>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -94,6 +96,7 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
         {"send --image /nonexistent.png bob", "66||pushchat: cannot load '/nonexistent.png' as an image."},
         {"--bogus listen", "64||pushchat: Unknown option 'bogus'. See --help."},
         {"--help", "0|Usage: pushchat [options] command [arguments...]|"},
+        {"--version", "0|pushchat " PUSHCHAT_VERSION_STRING "|"},
     };
     for (const auto &[arguments, expected] : rows) {
         QProcess cli;

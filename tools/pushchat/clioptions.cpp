@@ -120,12 +120,13 @@ struct OptionSet {
                                 QStringLiteral("url")};
     QCommandLineOption help{QStringList{QStringLiteral("h"), QStringLiteral("help")},
                             QStringLiteral("Show this help.")};
+    QCommandLineOption version{QStringLiteral("version"), QStringLiteral("Show the version.")};
 
     void addTo(QCommandLineParser &parser) const
     {
         parser.setApplicationDescription(QString::fromUtf8(kDescription));
         parser.addOptions({host, port, user, domain, level, device, serverJid, timeout, notice, room, image,
-                           saveImages, type, count, cursor, http, httpBase, help});
+                           saveImages, type, count, cursor, http, httpBase, help, version});
         parser.addPositionalArgument(QStringLiteral("command"),
                                      QStringLiteral("listen, send, location, status, room, friend, history or rdp."),
                                      QStringLiteral("command [arguments...]"));
@@ -199,6 +200,10 @@ bool CliOptions::parse(const QStringList &arguments)
         return fail(parser.errorText() + QStringLiteral(" See --help."));
     if (parser.isSet(options.help)) {
         m_help = true;
+        return true;
+    }
+    if (parser.isSet(options.version)) {
+        m_version = true;
         return true;
     }
 

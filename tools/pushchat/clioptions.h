@@ -39,6 +39,8 @@ public:
     QString error() const { return m_error; }
     /// --help was given; nothing else was checked.
     bool helpRequested() const { return m_help; }
+    /// --version was given (and not --help); nothing else was checked.
+    bool versionRequested() const { return m_version; }
     /// The full help text. Needs a QCoreApplication.
     static QString helpText();
 
@@ -81,6 +83,7 @@ private:
 
     QString m_error;
     bool m_help = false;
+    bool m_version = false;
     Command m_command = Command::None;
     QStringList m_arguments;
     int m_status = 0;

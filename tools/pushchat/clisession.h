@@ -13,7 +13,8 @@
 
 #include "eventflag.h"
 #include "jsonevents.h"
-#include "message_lib.h"
+
+#include <pushchat/message_lib.h>
 
 #include <chrono>
 

@@ -5,7 +5,8 @@
 #include "clisession.h"
 #include "imagebody.h"
 #include "jsonlinewriter.h"
-#include "message_lib.h"
+
+#include <pushchat/message_lib.h>
 #include "terminationsignals.h"
 
 #include <QDateTime>

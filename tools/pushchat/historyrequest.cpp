@@ -1,7 +1,6 @@
 #include "historyrequest.h"
 
-#include "message_lib.h"
-#include "messageprivate.h"
+#include <pushchat/message_lib.h>
 #include "subcommandtable.h"
 
 namespace {
@@ -101,7 +100,7 @@ void HistoryRequest::runOverHttp(Message_lib &library) const
 {
     // The façade does not forward the HTTP operations; the engine has them.
     if (m_action == Action::Pull)
-        library.engine()->startPullMessageRun(m_type, m_count, m_id);
+        library.startPullMessageRun(m_type, m_count, m_id);
     else if (m_action == Action::Sync)
-        library.engine()->startSyncMessageRun(m_id);
+        library.startSyncMessageRun(m_id);
 }

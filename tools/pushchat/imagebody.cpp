@@ -1,6 +1,6 @@
 #include "imagebody.h"
 
-#include "messagetools.h"
+#include <pushchat/messagetools.h>
 
 #include <QDir>
 #include <QJsonDocument>

@@ -18,7 +18,7 @@
 // Callbacks arrive on the library's threads; this class keeps no state of
 // its own.
 
-#include "message_lib.h"
+#include <pushchat/message_lib.h>
 
 #include <QJsonObject>
 

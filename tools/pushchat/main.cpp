@@ -6,6 +6,8 @@
 #include "exitcode.h"
 #include "terminationsignals.h"
 
+#include <pushchat/version.h>
+
 #include <QCoreApplication>
 
 #include <cstdio>
@@ -27,6 +29,10 @@ int main(int argc, char *argv[])
     }
     if (options.helpRequested()) {
         std::fputs(CliOptions::helpText().toLocal8Bit().constData(), stdout);
+        return toInt(ExitCode::Ok);
+    }
+    if (options.versionRequested()) {
+        std::puts("pushchat " PUSHCHAT_VERSION_STRING);
         return toInt(ExitCode::Ok);
     }
     if (!termination.valid()) {

@@ -1,6 +1,6 @@
 #include "roomrequest.h"
 
-#include "message_lib.h"
+#include <pushchat/message_lib.h>
 #include "subcommandtable.h"
 
 namespace {

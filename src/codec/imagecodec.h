@@ -1,21 +1,23 @@
 #ifndef PUSHCHAT_IMAGECODEC_H
 #define PUSHCHAT_IMAGECODEC_H
 
-// Turns an image file into message text and back.
-//
-// The image text is the picture, shrunk until its pixel data is at most
-// 150000 bytes, saved as JPEG at the default quality, compressed with
-// qCompress (level 9) and written in base 64. Decoding writes the picture
-// as a new UUID-named ".jpg" file in the user's documents directory; the
-// caller owns that file (nothing deletes it).
-//
-// Stateless: make an instance where needed; any thread may call it. Both
-// operations block on file and image work. Failures give an empty text and
-// a critical line in the "pushchat.codec" log category.
+/// \file
+/// ImageCodec, image files as message text.
 
 #include <pushchat/pushchat_export.h>
 #include <QString>
 
+/// Turns an image file into message text and back.
+///
+/// The image text is the picture, shrunk until its pixel data is at most
+/// 150000 bytes, saved as JPEG at the default quality, compressed with
+/// qCompress (level 9) and written in base 64. Decoding writes the picture
+/// as a new UUID-named ".jpg" file in the user's documents directory; the
+/// caller owns that file (nothing deletes it).
+///
+/// Stateless: make an instance where needed; any thread may call it. Both
+/// operations block on file and image work. Failures give an empty text and
+/// a critical line in the "pushchat.codec" log category.
 class PUSHCHAT_EXPORT ImageCodec {
 public:
     /// The image text of the picture in `path`, shrunk starting from `rate`

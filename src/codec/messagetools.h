@@ -1,23 +1,25 @@
 #ifndef PUSHCHAT_MESSAGETOOLS_H
 #define PUSHCHAT_MESSAGETOOLS_H
 
-// Formats chat message bodies and converts them between their sending and
-// receiving forms.
-//
-// A body is a compact JSON object with "type" ("text", "image_with_path" or
-// "image_encode"), "body" (the text, a local image path, or an image text of
-// ImageCodec) and an optional "remote_url" that conversions carry along.
-// A sender turns "image_with_path" into "image_encode" with parserMessage
-// (the file is read and encoded); a receiver turns "image_encode" back into
-// "image_with_path" (the picture is written to the documents directory).
-//
-// Stateless: make an instance where needed; any thread may call it. Image
-// conversions block on file and image work.
+/// \file
+/// MessageTools, the chat message body formatter.
 
 #include <pushchat/pushchat_export.h>
 #include <QJsonObject>
 #include <QString>
 
+/// Formats chat message bodies and converts them between their sending and
+/// receiving forms.
+///
+/// A body is a compact JSON object with "type" ("text", "image_with_path" or
+/// "image_encode"), "body" (the text, a local image path, or an image text of
+/// ImageCodec) and an optional "remote_url" that conversions carry along.
+/// A sender turns "image_with_path" into "image_encode" with parserMessage
+/// (the file is read and encoded); a receiver turns "image_encode" back into
+/// "image_with_path" (the picture is written to the documents directory).
+///
+/// Stateless: make an instance where needed; any thread may call it. Image
+/// conversions block on file and image work.
 class PUSHCHAT_EXPORT MessageTools {
 public:
     /// {"body": text, "type": "text"} as compact JSON.

@@ -1,26 +1,8 @@
 #ifndef PUSHCHAT_MESSAGE_LIB_H
 #define PUSHCHAT_MESSAGE_LIB_H
 
-// Message_lib: the one class an application drives.
-//
-//   class App : public ImEventReciever { ... };
-//   App app;
-//   Message_lib lib(&app, nullptr, "", "");        // device id persisted
-//   lib.registerToImServer("127.0.0.1", 1883, "alice", "", 5, "im.example.org", "");
-//   // ... onConnected arrives on the library's thread ...
-//   lib.sendTextMessageTo("", "bob", 5, "hello", BODY_TYPE_DEFAULT, false, key, stamp);
-//   lib.unRegisterToImServer();
-//
-// Ownership: the façade owns its engine; the callback objects stay the
-// application's and must outlive the façade. Destroying a connected façade
-// logs out in order first.
-//
-// Threads: call it from the application's threads; callbacks arrive on the
-// library's threads (see imeventreciever.h). It takes no lock of its own.
-//
-// Device settings: with an empty device id the library keeps a generated
-// id in the application's default QSettings store (key "sms_uuid"), so set
-// the organisation and application names on QCoreApplication as usual.
+/// \file
+/// Message_lib, the one class an application drives.
 
 #include <pushchat/pushchat_export.h>
 #include <pushchat/imeventreciever.h>
@@ -33,12 +15,44 @@
 
 class MessagePrivate;
 
+/// The one class an application drives: log in, chat, rooms, history,
+/// friends and remote-desktop signalling.
+///
+/// \code
+/// class App : public ImEventReciever { ... };
+/// App app;
+/// Message_lib lib(&app, nullptr, "", "");        // device id persisted
+/// lib.registerToImServer("127.0.0.1", 1883, "alice", "", 5, "im.example.org", "");
+/// // ... onConnected arrives on the library's thread ...
+/// lib.sendTextMessageTo("", "bob", 5, "hello", BODY_TYPE_DEFAULT, false, key, stamp);
+/// lib.unRegisterToImServer();
+/// \endcode
+///
+/// Ownership: the façade owns its engine; the callback objects stay the
+/// application's and must outlive the façade. Destroying a connected façade
+/// logs out in order first.
+///
+/// Threads: call it from the application's threads; callbacks arrive on the
+/// library's threads (see imeventreciever.h). It takes no lock of its own.
+///
+/// Device settings: with an empty device id the library keeps a generated
+/// id in the application's default QSettings store (key "sms_uuid"), so set
+/// the organisation and application names on QCoreApplication as usual.
 class PUSHCHAT_EXPORT Message_lib {
 public:
+    /// Makes the engine; no connection is made. `im` receives connection,
+    /// chat, history, friend and remote-desktop events, `muc` room events;
+    /// either may be null (its events are dropped). An empty `deviceId`
+    /// uses the id kept under "sms_uuid" (generated on first use); a given
+    /// one is used as it is. An empty `deviceName` is composed from the
+    /// platform (product name and CPU architecture).
     Message_lib(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName);
+    /// Logs out in order when connected, delivers the room events already
+    /// received and ends the room worker threads. Not from inside a room
+    /// callback.
     ~Message_lib();
-    Message_lib(const Message_lib &) = delete;
-    Message_lib &operator=(const Message_lib &) = delete;
+    Message_lib(const Message_lib &) = delete;            ///< Not copyable.
+    Message_lib &operator=(const Message_lib &) = delete; ///< Not copyable.
 
     /// The IM server's JID, addressee of every system request. Set it before
     /// logging in; by default it is "server@" + the login domain.
@@ -50,70 +64,126 @@ public:
 
     /// Logs in and connects; always 1 (the outcome arrives as onConnected).
     /// A login while connected logs out first. An empty domain uses `host`.
+    /// The user's JID is `userId` "@" domain; `securityLevel` is the user's
+    /// level (see ImEventReciever::onMessageReceive), also sent with the
+    /// history requests. `extra1` and `extra2` are not used.
     int registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
                            QString domain, QString extra2);
-    /// Logs out in order; always 1.
+    /// Logs out in order ("APP_QUIT" presence, unsubscriptions, connection
+    /// closed), then delivers the room events already received; always 1.
+    /// No callback of the push connection runs after it returns.
     int unRegisterToImServer();
 
-    /// 1 if the message was published. `to` without "@" gets the domain;
-    /// BODY_TYPE_NOTICE sends a notice readable by all.
+    /// Sends a chat message; 1 if the message was published. `to` without
+    /// "@" gets the domain; with `toRoom` it is a room's JID. `secLevel` is
+    /// the message's security level; BODY_TYPE_NOTICE sends a notice
+    /// readable by all. `messageKey` and `stamp` reach the receiver as they
+    /// are. The first argument is not used: the sender is the logged-in
+    /// user.
     int sendTextMessageTo(QString ignored, QString to, int secLevel, QString text, MESSAGE_BODY_TYPE bodyType,
                           bool toRoom, QString messageKey, QString stamp);
-    /// 1 if "first:second" was published on "LOCATION/" + target.
+    /// 1 if "first:second" was published on "LOCATION/" + target (raw
+    /// text, QoS 0); 0 when not logged in or refused.
     int sendLocation(QString target, QString first, QString second);
     /// Asks the server to change a message's status; always 1.
     int modifyMessageStatus(QString uuid, MSG_STATUS status);
 
-    // Group rooms. Each sends one request to the server; what the server
-    // makes of it arrives later as onRoomChanged (and, for rooms the user
-    // enters or leaves, a room message). `memberList` holds member ids
-    // separated by ","; ids are completed with "@" + domain unless the room
-    // id already holds an "@". 1 if the request was published, 0 if not,
-    // except where noted.
+    /// \name Group rooms
+    /// Each sends one request to the server; what the server makes of it
+    /// arrives later as ImMUCEventReciever::onRoomChanged (and, for rooms
+    /// the user enters or leaves, a room message). `roomId` is the room's
+    /// id; its JID is `roomId` "@" domain. `memberList` holds member ids
+    /// separated by ","; ids are completed with "@" + domain unless the room
+    /// id already holds an "@". 1 if the request was published, 0 if not,
+    /// except where noted.
+    ///@{
+
+    /// Asks for a new room named `roomName` of kind `type` with the members
+    /// of `memberList`.
     int createMucRoom(QString roomId, QString roomName, QString memberList, ROOM_TYPE type);
+    /// Asks to change the room's kind to `type`.
     int modifyRoomType(QString roomId, ROOM_TYPE type);
+    /// Asks to close the room.
     int destoryRoom(QString roomId);
-    /// Always 1.
+    /// Asks to add the members of `memberList`. Always 1, published or not.
     int inviteToRoom(QString roomId, QString memberList);
+    /// Asks to remove the members of `memberList`.
     int kickFromRoom(QString roomId, QString memberList);
-    /// Always 0.
+    /// Asks to rename the room to `humanName`. Always 0, published or not.
     int setRoomHumanName(QString roomId, QString humanName);
     /// Hands the creator role of the room to `memberId`.
     int setRoomCreater(QString roomId, QString memberId);
+    ///@}
 
-    // History. Each asks the server; the answer arrives as onConversations,
-    // onConversationDetail or onHistoryMessages. Nothing is sent without a
-    // login.
+    /// \name History
+    /// Each asks the server; the answer arrives as
+    /// ImEventReciever::onConversations, onConversationDetail or
+    /// onHistoryMessages, its body as the server wrote it. Nothing is sent
+    /// without a login. The user's security level goes with every request.
+    ///@{
+
+    /// Asks for a page of the user's conversations of kind `type`; the
+    /// answer arrives as onConversations.
     void fetchConversations(MediaInfo::MessageType type, int page, int pageSize);
+    /// Asks for a page of the messages of conversation `convId`; the answer
+    /// arrives as onConversationDetail.
     void getMsgByConvid(QString convId, int page, int pageSize);
+    /// A history pull: `pullType`, `start`, `count` and `msgUuid` go to the
+    /// server as they are; the answer arrives as onHistoryMessages.
     void startPullMessage(int pullType, int start, int count, QString msgUuid);
+    /// Asks for the messages since message `msgUuid`; the answer arrives as
+    /// onHistoryMessages.
     void startSyncMessage(QString msgUuid);
+    ///@}
 
-    // History over HTTP. Blocking: each waits on the calling thread (at
-    // most about 10 s of silence) and then calls onHistoryMessages on that
-    // same thread with the reply body, "" when the request failed. They
-    // need a QCoreApplication and a login (the JID and security level of
-    // the last login are used; the push connection itself is not). Several
-    // threads may call them at once.
+    /// \name History over HTTP
+    /// Blocking: each waits on the calling thread (at most about 10 s of
+    /// silence) and then calls ImEventReciever::onHistoryMessages on that
+    /// same thread with the reply body, "" when the request failed. They
+    /// need a QCoreApplication and a login (the JID and security level of
+    /// the last login are used; the push connection itself is not). Several
+    /// threads may call them at once. The service's address is set with
+    /// setHistoryBaseAddress.
+    ///@{
+
+    /// The messages since message `msgUuid`.
     void startSyncMessageRun(QString msgUuid);
+    /// A history pull: `type`, `count` and `msgUuid` go to the service as
+    /// they are.
     void startPullMessageRun(int type, int count, QString msgUuid);
+    ///@}
 
-    // Remote-desktop signalling with the peer `jid` (completed with the
-    // domain when it has no "@"); `text` is free for the applications. The
-    // first argument is not used. 1 if published, 0 if not.
+    /// \name Remote-desktop signalling
+    /// Signalling with the peer `jid` (completed with the domain when it has
+    /// no "@"); `text` is free for the applications. The first argument is
+    /// not used. 1 if published, 0 if not. Each raises the matching
+    /// ImEventReciever::onRemoteDesktopControlRequest (and so on) at the
+    /// peer.
+    ///@{
+
+    /// Asks to control the peer's desktop.
     int remoteDesktopControl(QString ignored, QString jid, QString text);
+    /// Offers the peer control of this desktop.
     int remoteDesktopBeControl(QString ignored, QString jid, QString text);
+    /// Answers the peer's control request.
     int remoteDesktopControlReply(QString ignored, QString jid, QString text);
+    /// Answers the peer's offer.
     int remoteDesktopBeControlReply(QString ignored, QString jid, QString text);
+    ///@}
 
-    // Friends. Each sends one command and returns 1 if it was published, 0
-    // if not; the first argument is not used. `jid` without "@" is
-    // completed with the domain. A request (addFriend) raises
-    // onFriendAdded at the peer, whose acceptFriend raises onFriendAccepted
-    // here; delFriend raises onFriendDeleted at the peer.
+    /// \name Friends
+    /// Each sends one command and returns 1 if it was published, 0 if not;
+    /// the first argument is not used. `jid` without "@" is completed with
+    /// the domain. A request (addFriend) raises onFriendAdded at the peer,
+    /// whose acceptFriend raises onFriendAccepted here; delFriend raises
+    /// onFriendDeleted at the peer. The library keeps no friend list.
+    ///@{
+
+    /// Asks `jid` to become the user's friend; `text` goes with it.
     int addFriend(QString ignored, QString jid, QString text);
+    /// Accepts the friend request of `jid`; `text` goes with it.
     int acceptFriend(QString ignored, QString jid, QString text);
-    /// Sends the body "nothing".
+    /// Ends the friendship with `jid`. Sends the body "nothing".
     int delFriend(QString ignored, QString jid);
     /// Asks the server to store the property text `text` for friend `jid`.
     int setFriendPropoties(QString ignored, QString jid, QString text);
@@ -121,18 +191,26 @@ public:
     /// the cursor where the page continues); the reply arrives as
     /// onFriendList.
     int listFriends(int type, int count, QString lastFriendId);
+    ///@}
 
-    // Contacts, kept locally by the engine's contact manager: nothing is
-    // sent. The subscription operations always return 1; the second
-    // argument is not used.
+    /// \name Contacts
+    /// Kept locally by the engine's contact manager: nothing is sent. The
+    /// subscription operations always return 1; the second argument is not
+    /// used.
+    ///@{
+
+    /// Accepts or declines a subscription request; nothing is recorded.
     int acceptSubScribe(QString jid, bool accept);
+    /// Subscribes to the presence of `jid` (logged only).
     int subScribe(QString jid, QString extra);
+    /// Ends the subscription to `jid` (logged only).
     int unSubScribe(QString jid, QString extra);
     /// Accepted and dropped.
     void uploadVCardInfo(QString vcard);
     /// Where contact events go (null drops them). Borrowed: it must outlive
     /// the façade. The library raises no contact event of its own today.
     void setContactEventReciever(ImContactEventReciever *receiver);
+    ///@}
 
     /// The engine behind the façade. Its class is private to the library
     /// (not installed): the pointer is opaque to applications.

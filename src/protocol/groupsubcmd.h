@@ -1,6 +1,9 @@
 #ifndef PUSHCHAT_GROUPSUBCMD_H
 #define PUSHCHAT_GROUPSUBCMD_H
 
+/// \file
+/// GroupSubCmd, the group-room sub-commands.
+
 /// A group-room sub-command. The values are the command codes of the group
 /// command letters in topics, so a code read from a topic and the value an
 /// application is handed are the same number.

@@ -1,13 +1,15 @@
 #ifndef PUSHCHAT_MEDIAINFO_H
 #define PUSHCHAT_MEDIAINFO_H
 
-// Enumerations carried inside every message envelope.
-//
-// They are plain integers on the wire: the library compares only the values
-// named here and passes every other value through unchanged, which is why
-// each enumeration has a fixed `int` underlying type (any int is a valid
-// value of it).
+/// \file
+/// Enumerations carried inside every message envelope.
+///
+/// They are plain integers on the wire: the library compares only the values
+/// named here and passes every other value through unchanged, which is why
+/// each enumeration has a fixed `int` underlying type (any int is a valid
+/// value of it).
 
+/// Enumerations of the message envelope.
 namespace MediaInfo {
 
 /// Kind of conversation, envelope field "v".

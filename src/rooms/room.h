@@ -1,25 +1,31 @@
 #ifndef PUSHCHAT_ROOM_H
 #define PUSHCHAT_ROOM_H
 
-// Group-room records and their JSON forms: the whole vocabulary of room data
-// on the wire. Room commands serialise a Room as their message body; room
-// events read the server's body into a fresh Room, and the room-list reply
-// into a RoomList. An application is handed a Room in its room-changed
-// callback and may read it or call toJson/toString.
-//
-// Everything is defined inline here, so the records can be used without
-// linking anything but Qt Core.
-//
-// Ownership: a Room owns its Members and a RoomList its Rooms (deleted in
-// map order on destruction; a key stored twice replaces and deletes the
-// earlier object). Neither is copyable. Strings are UTF-8. A record is used
-// by one thread at a time.
-//
-// JSON form of a room (Qt's compact writer sorts the keys):
-//   {"creater":"","jid":"","join_time":"",
-//    "members":[{"<key>":{"jid":"","join_time":"","name":""}}, ...],
-//    "name":"","operatorBy":"","status":0,"type":0}
-// A room list: {"jid":"","name":"","rooms":[{"<room jid>":{room}}, ...]}.
+/// \file
+/// Group-room records and their JSON forms: the whole vocabulary of room data
+/// on the wire. Room commands serialise a Room as their message body; room
+/// events read the server's body into a fresh Room, and the room-list reply
+/// into a RoomList. An application is handed a Room in its room-changed
+/// callback and may read it or call toJson/toString.
+///
+/// Everything is defined inline here, so the records can be used without
+/// linking anything but Qt Core.
+///
+/// Ownership: a Room owns its Members and a RoomList its Rooms (deleted in
+/// map order on destruction; a key stored twice replaces and deletes the
+/// earlier object). Neither is copyable. Strings are UTF-8. A record is used
+/// by one thread at a time.
+///
+/// JSON form of a room (Qt's compact writer sorts the keys):
+/// \verbatim
+///   {"creater":"","jid":"","join_time":"",
+///    "members":[{"<key>":{"jid":"","join_time":"","name":""}}, ...],
+///    "name":"","operatorBy":"","status":0,"type":0}
+/// \endverbatim
+/// A room list:
+/// \verbatim
+///   {"jid":"","name":"","rooms":[{"<room jid>":{room}}, ...]}
+/// \endverbatim
 
 #include <pushchat/groupsubcmd.h>
 
@@ -38,7 +44,7 @@
 /// application and the server, which agree on its meaning; any int is a
 /// valid value.
 enum ROOM_TYPE : int {
-    ROOM_TYPE_DEFAULT = 0
+    ROOM_TYPE_DEFAULT = 0 ///< the default kind
 };
 
 namespace pushchat_room_detail {
@@ -77,7 +83,7 @@ public:
     std::string join_time; ///< as the server sends it, not interpreted
 };
 
-/// One room.
+/// One room. Its JSON form is shown in room.h.
 class Room {
 public:
     std::string jid;                        ///< "jid": room id "@" domain
@@ -89,10 +95,12 @@ public:
     std::string operatorBy;                  ///< "operatorBy": who made the last change
     std::string join_time;                   ///< "join_time": not interpreted
 
+    /// An empty room.
     Room() = default;
+    /// Deletes the members.
     ~Room();
-    Room(const Room &) = delete;
-    Room &operator=(const Room &) = delete;
+    Room(const Room &) = delete;            ///< Not copyable.
+    Room &operator=(const Room &) = delete; ///< Not copyable.
 
     /// The room as a JSON object; "members" is an array of one-key objects,
     /// in key order.
@@ -110,14 +118,16 @@ public:
 /// The server's answer to a room-list refresh.
 class RoomList {
 public:
-    std::string jid;
-    std::string name;
-    std::map<std::string, Room *> rooms; ///< owned, keyed by room JID
+    std::string jid;                     ///< "jid": as the server sends it
+    std::string name;                    ///< "name": as the server sends it
+    std::map<std::string, Room *> rooms; ///< "rooms": owned, keyed by room JID
 
+    /// An empty list.
     RoomList() = default;
+    /// Deletes the rooms.
     ~RoomList();
-    RoomList(const RoomList &) = delete;
-    RoomList &operator=(const RoomList &) = delete;
+    RoomList(const RoomList &) = delete;            ///< Not copyable.
+    RoomList &operator=(const RoomList &) = delete; ///< Not copyable.
 
     /// Fills this list from `obj`; "rooms" is an array of objects mapping
     /// room JIDs to room objects. A later room JID replaces an earlier.

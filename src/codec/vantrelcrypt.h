@@ -18,11 +18,13 @@ constexpr int keyListLength = 11;
 /// development table that must not be used in production.
 extern PUSHCHAT_EXPORT const unsigned long long keyList[keyListLength];
 
-/// Enciphers and deciphers message payloads with a 64-bit symmetric key:
-/// version byte 0x03, flag byte, then a block of one random byte, an
-/// optional integrity field (CRC-16 or SHA-1 of the payload) and the payload
-/// (optionally in qCompress form), each byte XORed with a key byte and
-/// chained to the enciphered byte before it. A base-64 text form wraps it.
+/// Enciphers and deciphers message payloads with a 64-bit symmetric key.
+///
+/// The cipher text: version byte 0x03, flag byte, then a block of one random
+/// byte, an optional integrity field (CRC-16 or SHA-1 of the payload) and the
+/// payload (optionally in qCompress form), each byte XORed with a key byte
+/// and chained to the enciphered byte before it. A base-64 text form wraps
+/// it.
 ///
 /// Ownership: a plain value type that owns nothing but its fields; build one
 /// per operation. Threads: an instance is used by one thread at a time; the
@@ -37,16 +39,34 @@ extern PUSHCHAT_EXPORT const unsigned long long keyList[keyListLength];
 class PUSHCHAT_EXPORT VantrelCrypt
 {
 public:
-    /// Values of compressionPolicy: compress when that makes the payload
-    /// smaller, always, or never.
+    /// Values of compressionPolicy.
     enum CompressionPolicy { CompressWhenSmaller = 0, CompressAlways = 1, CompressNever = 2 };
-    /// Values of integrityCheck: no integrity field, CRC-16 or SHA-1 of the
-    /// payload.
+    /// \var VantrelCrypt::CompressWhenSmaller
+    /// Compress when that makes the payload smaller (the default).
+    /// \var VantrelCrypt::CompressAlways
+    /// Always compress.
+    /// \var VantrelCrypt::CompressNever
+    /// Never compress.
+
+    /// Values of integrityCheck.
     enum IntegrityCheck { IntegrityNone = 0, IntegrityChecksum = 1, IntegritySha1 = 2 };
-    /// Values of lastStatus: success, no key set (logged), not a cipher text
-    /// of version 0x03 (logged), the integrity field does not match the
-    /// payload.
+    /// \var VantrelCrypt::IntegrityNone
+    /// No integrity field.
+    /// \var VantrelCrypt::IntegrityChecksum
+    /// CRC-16 of the payload (the default).
+    /// \var VantrelCrypt::IntegritySha1
+    /// SHA-1 of the payload.
+
+    /// Values of lastStatus.
     enum Status { StatusOk = 0, StatusNoKey = 1, StatusBadVersion = 2, StatusIntegrityFailed = 3 };
+    /// \var VantrelCrypt::StatusOk
+    /// The last operation succeeded.
+    /// \var VantrelCrypt::StatusNoKey
+    /// No key is set (logged).
+    /// \var VantrelCrypt::StatusBadVersion
+    /// Not a cipher text of version 0x03 (logged).
+    /// \var VantrelCrypt::StatusIntegrityFailed
+    /// The integrity field does not match the payload.
 
     /// No key: every operation fails with StatusNoKey until setKey().
     VantrelCrypt();
@@ -68,7 +88,9 @@ public:
     /// failure.
     QString encryptToString(const QString &plaintext);
 
-    /// The payload of the cipher text `cypher`; null on failure.
+    /// The payload of the cipher text `cypher`; null on failure (a text
+    /// shorter than the header and the random byte leaves lastStatus as it
+    /// was).
     QByteArray decryptToByteArray(QByteArray cypher);
     /// The payload of the base-64 cipher text `cypher`; null on failure.
     QByteArray decryptToByteArray(const QString &cypher);

@@ -41,7 +41,9 @@ enum MESSAGE_PRESENCE_TYPE : int {
     PRESENCE_ONLINE = 1   ///< "APP_STARTUP"
 };
 
-/// Connection, chat, presence, history, friends and remote desktop.
+/// Connection, chat, presence, history, friends and remote desktop. Called
+/// from the library's delivery thread, except onHistoryMessages from the
+/// blocking HTTP history calls, which runs on their calling thread.
 class PUSHCHAT_EXPORT ImEventReciever {
 public:
     /// Slots 0 and 1.
@@ -141,7 +143,9 @@ public:
     virtual void onRoomChanged(Room &room, GroupSubCmd cmd) { Q_UNUSED(room) Q_UNUSED(cmd) }
 };
 
-/// Contacts. Slots 2 to 6 are reserved and never called.
+/// Contacts. Slots 2 to 6 are reserved and never called. Set with
+/// Message_lib::setContactEventReciever; the library raises no contact event
+/// of its own today.
 class PUSHCHAT_EXPORT ImContactEventReciever {
 public:
     /// Slots 0 and 1.

@@ -17,15 +17,15 @@
 /// by one thread at a time.
 ///
 /// JSON form of a room (Qt's compact writer sorts the keys):
-/// \verbatim
+/// ~~~
 ///   {"creater":"","jid":"","join_time":"",
 ///    "members":[{"<key>":{"jid":"","join_time":"","name":""}}, ...],
 ///    "name":"","operatorBy":"","status":0,"type":0}
-/// \endverbatim
+/// ~~~
 /// A room list:
-/// \verbatim
+/// ~~~
 ///   {"jid":"","name":"","rooms":[{"<room jid>":{room}}, ...]}
-/// \endverbatim
+/// ~~~
 
 #include <pushchat/groupsubcmd.h>
 

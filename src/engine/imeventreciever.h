@@ -51,15 +51,20 @@ public:
     /// The user is online: receive topics subscribed, presence announced.
     /// Called again after every reconnection.
     virtual void onConnected() {}
-    /// The link to the server was lost (the library reconnects on its own).
+    /// The link to the server was lost, or a connection attempt failed. The
+    /// library reconnects on its own, except after a refusal that another
+    /// attempt cannot fix (wrong credentials, not authorised, a certificate
+    /// that does not verify): Message_lib::lastConnectionError tells which.
     virtual void onDisconnected() {}
     /// A chat message, a notice or a room message. `bodyType` is a
     /// MESSAGE_BODY_TYPE, `msgType` a MediaInfo::MessageType; `messageKey`
     /// and `stamp` are the sender's. `readable` false: the message's
     /// security level is a lower number than the user's (and not
-    /// SECURITY_LEVEL_UNRESTRICTED), so `body` is a fixed replacement text. A room created or closed, or the user removed from
-    /// a room by someone else, arrives as a room message from and to the
-    /// room's JID with an empty body (BODY_TYPE_KICKED for the removal).
+    /// SECURITY_LEVEL_UNRESTRICTED), so `body` is a fixed replacement text.
+    /// Every user receives every notice: `to` names its addressee. A room
+    /// created or closed, or the user removed from a room by someone else,
+    /// arrives as a room message from and to the room's JID with an empty
+    /// body (BODY_TYPE_KICKED for the removal).
     virtual void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType,
                                   QString messageKey, QString stamp, bool readable)
     {

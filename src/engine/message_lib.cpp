@@ -26,6 +26,21 @@ void Message_lib::setHistoryBaseAddress(QString base)
     d->setHistoryBaseAddress(base);
 }
 
+void Message_lib::setPushClientOptions(const PushClientOptions &options)
+{
+    d->setPushClientOptions(options);
+}
+
+PushConnectionError Message_lib::lastConnectionError() const
+{
+    return d->lastConnectionError();
+}
+
+QString Message_lib::lastConnectionErrorText() const
+{
+    return d->lastConnectionErrorText();
+}
+
 int Message_lib::registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
                                     QString domain, QString extra2)
 {

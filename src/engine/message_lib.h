@@ -7,6 +7,7 @@
 #include <pushchat/pushchat_export.h>
 #include <pushchat/imeventreciever.h>
 #include <pushchat/mediainfo.h>
+#include <pushchat/pushclientoptions.h>
 #include <pushchat/room.h>
 
 #include <QString>
@@ -58,9 +59,23 @@ public:
     /// logging in; by default it is "server@" + the login domain.
     void setServerJid(QString jid);
     /// Base address of the HTTP history service (startSyncMessageRun and
-    /// startPullMessageRun), e.g. "http://127.0.0.1:18080"; empty, the
+    /// startPullMessageRun), such as "http://127.0.0.1:18080"; empty, the
     /// default, means "http://" + the login host + ":5201".
     void setHistoryBaseAddress(QString base);
+    /// Connection settings for the next login: TLS, user name and password,
+    /// further brokers to fail over to, reconnection delays and outbox
+    /// bounds (see pushclientoptions.h). Copied; the connection made by an
+    /// earlier login keeps its own. Call it before registerToImServer.
+    void setPushClientOptions(const PushClientOptions &options);
+    /// Why the last connection attempt failed or the link went down;
+    /// PushConnectionError::None while connected and without a login. An
+    /// application reads it when onDisconnected arrives: a refusal (wrong
+    /// password, not authorised, a certificate that does not verify) is
+    /// reported once and not retried until the next login.
+    PushConnectionError lastConnectionError() const;
+    /// The same as a text for people, with the broker's address and the
+    /// TLS library's reason where there is one; empty when there is no error.
+    QString lastConnectionErrorText() const;
 
     /// Logs in and connects; always 1 (the outcome arrives as onConnected).
     /// A login while connected logs out first. An empty domain uses `host`.

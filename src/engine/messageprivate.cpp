@@ -124,7 +124,7 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
     effectiveServerJid = serverJid();
 
     std::vector<char> clientId = mutableText(jid + "@" + deviceId);
-    pushClient = new PushClient(clientId.data());
+    pushClient = new PushClient(clientId.data(), pushOptions);
     pushClient->setEventRecv(this);
 
     std::unique_ptr<MQTTMessage> will(createPresenseMsg(PRESENCE_OFFLINE, kLostText));
@@ -142,10 +142,15 @@ void MessagePrivate::connectStatus(bool connected)
     PUSHCHAT_ENGINE_LOG("connectStatus") << "MessagePrivate::connectStatus connection is "
                                          << (connected ? "true" : "false");
     if (!connected) {
+        if (pushClient->state() == PushClient::State::Refused)
+            qCWarning(lcEngine).noquote() << "connection refused, not retried:" << lastConnectionErrorText();
         if (imReciever != nullptr)
             imReciever->onDisconnected();
         return;
     }
+    if (pushOptions.tls.enabled && pushOptions.tls.insecure)
+        qCWarning(lcEngine) << "connected over TLS WITHOUT verifying the broker's certificate or host name:"
+                               " anyone on the path can read and change the traffic";
     for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {
         PUSHCHAT_ENGINE_LOG("connectStatus") << "subscribe:" << topic.c_str();
         std::vector<char> t = mutableText(topic);
@@ -311,4 +316,19 @@ void MessagePrivate::delayedSyncMessage(std::string topic, std::string data)
                                               << "data:" << data.c_str();
     if (pushClient != nullptr && !closing)
         pushClient->publish(topic.c_str(), data.c_str(), 0, false);
+}
+
+void MessagePrivate::setPushClientOptions(const PushClientOptions &options)
+{
+    pushOptions = options;
+}
+
+PushConnectionError MessagePrivate::lastConnectionError() const
+{
+    return pushClient != nullptr ? pushClient->lastError() : PushConnectionError::None;
+}
+
+QString MessagePrivate::lastConnectionErrorText() const
+{
+    return pushClient != nullptr ? QString::fromStdString(pushClient->lastErrorText()) : QString();
 }

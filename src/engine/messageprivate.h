@@ -216,6 +216,16 @@ public:
     void FriendListIncoming(MQTTMessage *msg) override;
     void setFriendPropoties(MQTTMessage *msg) override;
 
+    // --- connection settings -------------------------------------------
+    /// TLS, credentials, failover brokers, delays and bounds of the push
+    /// client made by the next login (the current connection keeps its
+    /// own). Call it from the application's thread, not during a login.
+    void setPushClientOptions(const PushClientOptions &options);
+    /// Why the last connection attempt failed or the link went down, and a
+    /// text for people; None (and "") without a connection.
+    PushConnectionError lastConnectionError() const;
+    QString lastConnectionErrorText() const;
+
     // --- state, for tests and diagnostics ------------------------------
     std::string userJid() const { return jid; }
     std::string currentDeviceId() const { return deviceId; }
@@ -256,6 +266,7 @@ private:
     ImEventReciever *imReciever;
     ImMUCEventReciever *mucReciever;
     PushClient *pushClient = nullptr;
+    PushClientOptions pushOptions;
     std::string jid;
     std::string userId;
     QString domain;

@@ -53,6 +53,16 @@ PushClient::State PushClient::state() const
     return connection_->state();
 }
 
+PushConnectionError PushClient::lastError() const
+{
+    return connection_->lastError().first;
+}
+
+std::string PushClient::lastErrorText() const
+{
+    return connection_->lastError().second;
+}
+
 std::size_t PushClient::pendingCount() const
 {
     return connection_->pendingCount();

@@ -21,8 +21,15 @@
 // Reconnection: automatic, after 0.5 s doubling to 30 s (reconnectDelayMin/
 // Max), each wait randomised down to half; reset once a link has lasted 10 s.
 // An attempt without CONNACK within the keepalive (30 s at most) has failed.
+// Each failed attempt or lost link moves on to the next broker of the
+// failover list (after the start_connect target), round and round.
 // A refusal retrying cannot fix (CONNACK 1, 2, 4, 5: protocol, id, credentials,
-// not authorised) is reported once and not retried until start_connect again.
+// not authorised; a certificate or host name that does not verify; unusable
+// settings) is reported once and not retried until start_connect again.
+//
+// Security (PushClientOptions): TLS 1.2 or later with the server certificate
+// and host name verified against the given CAs or the system's store, an
+// optional client certificate; user name and password in CONNECT.
 //
 // Outbox: QoS 1/2 publications count until the broker acknowledges them; those
 // made offline (and subscribe/unsubscribe requests) wait in order for the next
@@ -37,9 +44,12 @@
 // allowed: no further callback runs, and the thread disconnects cleanly and
 // ends by itself. A callback must not wait for a thread destroying the client.
 
+#include "pushclientoptions.h"
+
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <string>
 
 // Callback interface, called on the client's network thread. The order of the
 // virtual operations is part of the binary interface: do not reorder.
@@ -64,17 +74,6 @@ enum class PushResult : int {
     NotConnected = 2,    // QoS 0 publication while offline
     OutboxFull = 3,      // pending bound reached; the request was not taken
     Failed = 4,          // libmosquitto failed (out of memory, ...)
-};
-
-struct PushClientOptions
-{
-    std::chrono::milliseconds reconnectDelayMin{500};
-    std::chrono::milliseconds reconnectDelayMax{30000};
-    std::size_t maxPendingMessages = 1000; // capped at 65000 (MQTT message ids)
-    std::size_t maxPendingBytes = 16u * 1024u * 1024u;
-    std::chrono::milliseconds closeTimeout{1000};
-    // Deployment settings (TLS, username and password) belong here; they are
-    // applied by the connection before each attempt.
 };
 
 class PushConnection;
@@ -110,6 +109,11 @@ public:
     int publish(const char* topic, const char* payload, int qos, bool retain);
 
     State state() const;
+    // Why the last attempt failed or the link went down (None once a
+    // CONNACK was accepted), and a text for people: libmosquitto's and
+    // OpenSSL's reason where there is one.
+    PushConnectionError lastError() const;
+    std::string lastErrorText() const;
     // What counts against the outbox bound: QoS 1/2 publications not yet
     // acknowledged by the broker, plus requests waiting for the link.
     std::size_t pendingCount() const;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -72,12 +73,36 @@ bool validSubscribeTopic(const char* topic)
            mosquitto_sub_topic_check(topic) == MOSQ_ERR_SUCCESS;
 }
 
-// CONNACK codes that another attempt with the same settings cannot fix:
-// unacceptable protocol version, identifier rejected, bad user name or
-// password, not authorised. 3 (server unavailable) is worth retrying.
-bool refusedForGood(int code)
+// What a refused CONNACK means; 3 (server unavailable) is worth retrying,
+// the others cannot be fixed by another attempt with the same settings.
+PushConnectionError connackError(int code)
 {
-    return code == 1 || code == 2 || code == 4 || code == 5;
+    switch (code) {
+    case 3:
+        return PushConnectionError::ServerUnavailable;
+    case 4:
+        return PushConnectionError::BadCredentials;
+    case 5:
+        return PushConnectionError::NotAuthorised;
+    default:
+        return PushConnectionError::Refused;
+    }
+}
+
+// A TLS failure, told apart by the error lines libmosquitto logged during
+// the handshake (it returns the same code for every TLS failure).
+PushConnectionError tlsError(const std::string& logged)
+{
+    if (logged.find("host name verification failed") != std::string::npos)
+        return PushConnectionError::HostNameMismatch;
+    if (logged.find("certificate verify failed") != std::string::npos)
+        return PushConnectionError::CertificateRejected;
+    return PushConnectionError::TlsFailed;
+}
+
+const char* orNull(const std::string& text)
+{
+    return text.empty() ? nullptr : text.c_str();
 }
 
 } // namespace
@@ -102,6 +127,31 @@ PushConnection::PushConnection(const char* clientId, const PushClientOptions& op
     mosquitto_disconnect_callback_set(mosq_, &PushConnection::onDisconnect);
     mosquitto_publish_callback_set(mosq_, &PushConnection::onPublish);
     mosquitto_message_callback_set(mosq_, &PushConnection::onMessage);
+    mosquitto_log_callback_set(mosq_, &PushConnection::onLog);
+    configureSecurity();
+}
+
+// Credentials and TLS, once for the handle's life. A setting libmosquitto
+// refuses (an unreadable CA file, a certificate without key) is kept and
+// reported by the first attempt, which then does not connect.
+void PushConnection::configureSecurity()
+{
+    const PushTlsOptions& tls = options_.tls;
+    if (!options_.username.empty() &&
+        mosquitto_username_pw_set(mosq_, options_.username.c_str(), orNull(options_.password)) != MOSQ_ERR_SUCCESS)
+        settingsError_ = "unusable user name (not UTF-8?)";
+    if (!tls.enabled)
+        return;
+    if (tls.caFile.empty() && tls.caPath.empty())
+        mosquitto_int_option(mosq_, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
+    if (mosquitto_tls_set(mosq_, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
+                          nullptr) != MOSQ_ERR_SUCCESS)
+        settingsError_ = "unusable TLS files (CA file or folder, certificate, key): missing, unreadable, or a "
+                         "certificate without its key";
+    // TLS 1.2 at least; verification of the chain, and of the host name
+    // unless insecure.
+    mosquitto_tls_opts_set(mosq_, tls.insecure ? 0 : 1, "tlsv1.2", nullptr);
+    mosquitto_tls_insecure_set(mosq_, tls.insecure);
 }
 
 PushConnection::~PushConnection()
@@ -151,6 +201,12 @@ int PushConnection::start(const char* host, int port, int keepalive)
     if (closing_)
         return toResult(PushResult::Failed);
     target_ = Target{host, port, keepalive};
+    brokers_.assign(1, PushBrokerAddress{host, port});
+    for (const PushBrokerAddress& broker : options_.failover) {
+        if (!broker.host.empty() && broker.port > 0 && broker.port <= 65535)
+            brokers_.push_back(broker);
+    }
+    brokerIndex_ = 0;
     if (link_ == Link::Idle || link_ == Link::Refused) {
         backoff_.reset();
         link_ = Link::Waiting;
@@ -256,6 +312,12 @@ std::size_t PushConnection::pendingCount() const
     return outbox_.count();
 }
 
+std::pair<PushConnectionError, std::string> PushConnection::lastError() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return {error_, errorText_};
+}
+
 void PushConnection::close()
 {
     {
@@ -299,6 +361,19 @@ void PushConnection::onMessage(mosquitto*, void* self, const mosquitto_message* 
     static_cast<PushConnection*>(self)->record(std::move(event));
 }
 
+// Called on any thread that calls into libmosquitto; keeps the error lines
+// of the attempt under way (the TLS failure's reason is only logged).
+void PushConnection::onLog(mosquitto*, void* self, int level, const char* text)
+{
+    if (level != MOSQ_LOG_ERR || !text)
+        return;
+    auto* connection = static_cast<PushConnection*>(self);
+    std::lock_guard<std::mutex> lock(connection->eventMutex_);
+    std::string& errors = connection->libraryErrors_;
+    if (errors.size() < 1024)
+        errors.append(errors.empty() ? "" : "; ").append(text);
+}
+
 void PushConnection::record(Event event)
 {
     std::lock_guard<std::mutex> lock(eventMutex_);
@@ -333,8 +408,13 @@ void PushConnection::run()
             lock.lock();
             const bool unanswered = link_ == Link::Connecting && Clock::now() - attemptStartedAt_ > kConnackTimeout;
             if (rc != MOSQ_ERR_SUCCESS || unanswered) {
+                const int error = errno;
                 lock.unlock();
-                handleLinkDown(); // the next attempt replaces the socket
+                // The next attempt replaces the socket.
+                if (unanswered && rc == MOSQ_ERR_SUCCESS)
+                    handleLinkDown(MOSQ_ERR_TIMEOUT, "no CONNACK within 30 s");
+                else
+                    handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string());
                 lock.lock();
             }
             break;
@@ -352,9 +432,19 @@ void PushConnection::attemptConnection()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         target = target_;
+        target.host = brokers_[brokerIndex_].host;
+        target.port = brokers_[brokerIndex_].port;
         will = will_;
         link_ = Link::Connecting;
         attemptStartedAt_ = Clock::now();
+    }
+    if (!settingsError_.empty()) {
+        refuse(PushConnectionError::InvalidSettings, settingsError_);
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(eventMutex_);
+        libraryErrors_.clear();
     }
     // Only this thread touches the handle while the link is not online.
     if (will.set)
@@ -362,10 +452,11 @@ void PushConnection::attemptConnection()
                            will.qos, false);
     else
         mosquitto_will_clear(mosq_);
-    // Deployment settings (TLS, credentials) are applied here, before CONNECT.
+    // With TLS the handshake may finish, or fail, inside this call.
     const int rc = mosquitto_connect_async(mosq_, target.host.c_str(), target.port, target.keepalive);
+    const int error = errno;
     if (rc != MOSQ_ERR_SUCCESS)
-        handleLinkDown();
+        handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string());
 }
 
 void PushConnection::processEvents()
@@ -392,7 +483,7 @@ void PushConnection::processEvents()
             handleConnack(event.code);
             break;
         case Event::Kind::Disconnected:
-            handleLinkDown();
+            handleLinkDown(event.code);
             break;
         case Event::Kind::Message:
             deliver(event);
@@ -416,21 +507,33 @@ void PushConnection::handleConnack(int code)
             if (online) {
                 link_ = Link::Online;
                 connectedAt_ = Clock::now();
+                error_ = PushConnectionError::None;
+                errorText_.clear();
             }
         }
         if (online)
             report(true);
         return;
     }
-    if (!refusedForGood(code)) {
-        handleLinkDown();
-        return;
-    }
+    const PushConnectionError error = connackError(code);
+    const std::string text = std::string("connection refused: ") + mosquitto_connack_string(code);
+    if (isRetried(error))
+        handleLinkDown(MOSQ_ERR_CONN_REFUSED, text);
+    else
+        refuse(error, text);
+}
+
+// A failure another attempt cannot fix: reported once, no more attempts
+// until start() is called again.
+void PushConnection::refuse(PushConnectionError error, std::string text)
+{
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (closing_ || link_ != Link::Connecting)
             return;
         link_ = Link::Refused;
+        error_ = error;
+        errorText_ = std::move(text);
     }
     report(false);
 }
@@ -472,8 +575,32 @@ bool PushConnection::drainOutboxLocked()
     return true;
 }
 
-void PushConnection::handleLinkDown()
+void PushConnection::handleLinkDown(int rc, std::string detail)
 {
+    std::string logged;
+    {
+        std::lock_guard<std::mutex> lock(eventMutex_);
+        logged = libraryErrors_;
+    }
+    PushConnectionError error = PushConnectionError::Unreachable;
+    if (rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_TLS_HANDSHAKE)
+        error = tlsError(logged);
+    else if (rc == MOSQ_ERR_CONN_REFUSED)
+        error = PushConnectionError::ServerUnavailable;
+    if (detail.empty())
+        detail = logged.empty() ? mosquitto_strerror(rc) : logged;
+    if (!isRetried(error)) {
+        bool connecting = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            connecting = link_ == Link::Connecting;
+        }
+        if (connecting) {
+            refuse(error, std::move(detail));
+            return;
+        }
+        error = PushConnectionError::ConnectionLost; // a TLS error on a link that was up
+    }
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (link_ != Link::Connecting && link_ != Link::Online)
@@ -483,8 +610,15 @@ void PushConnection::handleLinkDown()
             return;
         }
         const auto now = Clock::now();
-        if (link_ == Link::Online && now - connectedAt_ >= kStableLink)
-            backoff_.reset();
+        if (link_ == Link::Online) {
+            if (now - connectedAt_ >= kStableLink)
+                backoff_.reset();
+            if (error == PushConnectionError::Unreachable)
+                error = PushConnectionError::ConnectionLost;
+        }
+        error_ = error;
+        errorText_ = brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
+        brokerIndex_ = (brokerIndex_ + 1) % brokers_.size(); // failover: the next broker, if any
         link_ = Link::Waiting;
         nextAttempt_ = now + backoff_.next();
     }
@@ -528,7 +662,7 @@ void PushConnection::shutdown()
         const int rc = mosquitto_loop(mosq_, 20, 1);
         processEvents();
         if (rc != MOSQ_ERR_SUCCESS) {
-            handleLinkDown();
+            handleLinkDown(rc);
             break;
         }
     }

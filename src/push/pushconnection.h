@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 struct mosquitto;
@@ -49,6 +50,7 @@ public:
     int unsubscribe(const char* topic);
     PushClient::State state() const;
     std::size_t pendingCount() const;
+    std::pair<PushConnectionError, std::string> lastError() const;
 
     // No receiver callback starts after this. Joins the network thread, or,
     // when called on that thread (from a callback), leaves it to finish and
@@ -91,14 +93,19 @@ private:
     static void onDisconnect(mosquitto*, void* self, int reason);
     static void onPublish(mosquitto*, void* self, int mid);
     static void onMessage(mosquitto*, void* self, const mosquitto_message* message);
+    static void onLog(mosquitto*, void* self, int level, const char* text);
     void record(Event event);
+    void configureSecurity();
 
     // Network thread.
     void run();
     void attemptConnection();
     void processEvents();
     void handleConnack(int code);
-    void handleLinkDown();
+    // The link is down or the attempt failed: `rc` is libmosquitto's
+    // reason, `detail` a text for people (empty: from `rc`).
+    void handleLinkDown(int rc, std::string detail = std::string());
+    void refuse(PushConnectionError error, std::string text);
     bool drainOutboxLocked();
     int request(PushOutbox::Request request);
     void deliver(Event& message);
@@ -115,6 +122,13 @@ private:
     std::condition_variable wake_;
     Link link_ = Link::Idle;
     Target target_;
+    // The start target, then the failover brokers; attempts go to
+    // brokers_[brokerIndex_].
+    std::vector<PushBrokerAddress> brokers_;
+    std::size_t brokerIndex_ = 0;
+    PushConnectionError error_ = PushConnectionError::None;
+    std::string errorText_;
+    std::string settingsError_; // set by the constructor only
     Will will_;
     PushOutbox outbox_;
     PushBackoff backoff_;
@@ -125,6 +139,7 @@ private:
 
     std::mutex eventMutex_;
     std::vector<Event> events_;
+    std::string libraryErrors_; // libmosquitto's error log lines since the attempt began
 
     // Network thread only.
     std::vector<Event> batch_;

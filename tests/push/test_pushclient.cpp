@@ -49,7 +49,9 @@ struct Recorder : PushEventReciever
     }
 };
 
-const PushClientOptions fast{20ms, 200ms}, slow{30s, 30s}, bounded{20ms, 200ms, 5, 100};
+// Reconnection delays and outbox bounds (count, bytes); the rest as by default.
+const PushClientOptions fast{20ms, 200ms, 1000, 1 << 24, 1s, {}, {}, {}, {}},
+    slow{30s, 30s, 1000, 1 << 24, 1s, {}, {}, {}, {}}, bounded{20ms, 200ms, 5, 100, 1s, {}, {}, {}, {}};
 
 std::unique_ptr<PushClient> makeClient(std::string id, Recorder& recorder, const PushClientOptions& o = fast)
 {
@@ -78,11 +80,7 @@ protected:
     }
     static std::size_t count(const std::string& text)
     {
-        const std::string log = broker.log();
-        std::size_t n = 0;
-        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
-            ++n;
-        return n;
+        return std::size_t(QString::fromStdString(broker.log()).count(QString::fromStdString(text)));
     }
     static bool logged(const std::string& text)
     {

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -65,6 +66,16 @@ MosquittoBroker::~MosquittoBroker()
     std::error_code ignored;
     if (!dir_.empty())
         std::filesystem::remove_all(dir_, ignored);
+}
+
+int MosquittoBroker::freePort()
+{
+    return loopback(0, false);
+}
+
+bool MosquittoBroker::makeTlsFiles(const std::string& dir)
+{
+    return std::system((PUSHCHAT_MAKE_TLS_FILES " '" + dir + "'").c_str()) == 0;
 }
 
 bool MosquittoBroker::start()

@@ -46,6 +46,12 @@ public:
     // What the broker logged so far (connections, refusals, errors).
     std::string log() const;
 
+    // A free TCP port on 127.0.0.1, for further listeners.
+    static int freePort();
+    // Makes throw-away certificates and a password file in `dir` (see the
+    // script make-tls-files beside this file).
+    static bool makeTlsFiles(const std::string& dir);
+
 private:
     bool prepareDirectory();
     bool writeConfig() const;

@@ -7,6 +7,7 @@
 #include "jsonevents.h"
 #include "jsonlinewriter.h"
 
+#include <QDir>
 #include <QJsonDocument>
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <vector>
 
@@ -42,21 +44,38 @@ std::string parsed(const QString &line)
     case CliOptions::Command::Rdp:
         return fields(o.rdpRequest().what(), o.rdpRequest().jid(), o.rdpRequest().text());
     default:
-        return fields(int(o.command()), o.commandArguments().join(','), o.host(), o.port(), o.user(), o.domain(),
-                      o.level(), o.deviceId(), o.serverJid(), o.connectTimeout().count(), o.notice(), o.room(),
-                      o.image(), o.saveImages(), o.status());
+        break;
     }
+    const PushClientOptions &p = o.pushOptions();
+    std::string failover;
+    for (const PushBrokerAddress &b : p.failover)
+        failover += b.host + ":" + std::to_string(b.port) + ",";
+    return fields(int(o.command()), o.commandArguments().join(','), o.host(), o.port(), o.user(), o.domain(), o.level(),
+                  o.deviceId(), o.serverJid(), o.connectTimeout().count(), o.notice(), o.room(), o.image(),
+                  o.saveImages(), o.status(), failover, p.tls.enabled, p.tls.caFile, p.tls.certFile, p.tls.keyFile,
+                  p.tls.insecure, p.username, p.password);
 }
 
 TEST(CliOptions, CommandLines)
 {
-    const std::pair<const char *, const char *> rows[] = {
-        {"--user a listen --save-images", "1||127.0.0.1|1883|a||0|||10000|0|0||1|0"},
+    qputenv("PUSHCHAT_PASSWORD", "from env"); // the password with --username, unless from a file
+    const std::string file = QDir::temp().filePath("cli-parts-password").toStdString();
+    std::ofstream(file) << "from file\nnot this\n";
+    const std::pair<std::string, std::string> rows[] = {
+        {"--user a listen --save-images", "1||127.0.0.1|1883|a||0|||10000|0|0||1|0||0||||0||"},
         {"--timeout 3 --port=65535 --user u --domain d --level -3 --device v --server-jid s@d --timeout "
          "0.0001 send --notice --room -- team -x",
-         "2|team,-x|127.0.0.1|65535|u|d|-3|v|s@d|1|1|1||0|0"},
-        {"--port 1 --timeout 86400 --user a location t 1 2", "3|t,1,2|127.0.0.1|1|a||0|||86400000|0|0||0|0"},
-        {"--user a --host h status u -- -2", "4|u,-2|h|1883|a||0|||10000|0|0||0|-2"},
+         "2|team,-x|127.0.0.1|65535|u|d|-3|v|s@d|1|1|1||0|0||0||||0||"},
+        {"--port 1 --timeout 86400 --user a location t 1 2", "3|t,1,2|127.0.0.1|1|a||0|||86400000|0|0||0|0||0||||0||"},
+        {"--user a --host h status u -- -2", "4|u,-2|h|1883|a||0|||10000|0|0||0|-2||0||||0||"},
+        {"--user a --broker h1:1 --broker [::1]:2 --cafile ca --username u listen",
+         "1||h1|1|a||0|||10000|0|0||0|0|::1:2,|1|ca|||0|u|from env"},
+        {"--user a --insecure --cert c --key k --username u --password-file " + file + " listen",
+         "1||127.0.0.1|1883|a||0|||10000|0|0||0|0||1||c|k|1|u|from file"},
+        {"--user a --host h --broker h:1 listen", "error: --broker replaces --host and --port"},
+        {"--user a --broker h listen", "error: --broker must be HOST:PORT"},
+        {"--user a --cert c listen", "error: --cert and --key go together."},
+        {"--user a --password-file " + file + " listen", "error: --password-file needs --username."},
         {"--user a room type team -- -2", "type change|team,-2|-2"},
         {"--user a friend add bob", "friend request|bob,|1|20|"},
         {"--user a friend list --type -1 --count 1 --cursor c", "friend-list request||-1|1|c"},
@@ -86,8 +105,8 @@ TEST(CliOptions, CommandLines)
         {"--user a rdp steal b t", "error: Unknown rdp subcommand 'steal': use control, becontrol, control-reply or"},
     };
     for (const auto &[line, expected] : rows) {
-        const std::string got = parsed(QString::fromUtf8(line));
-        EXPECT_EQ(got.substr(0, got.rfind("error", 0) == 0 ? std::strlen(expected) : got.size()), expected) << line;
+        const std::string got = parsed(QString::fromStdString(line));
+        EXPECT_EQ(got.substr(0, got.rfind("error", 0) == 0 ? expected.size() : got.size()), expected) << line;
     }
 }
 

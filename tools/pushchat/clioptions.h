@@ -23,11 +23,16 @@
 #include "rdprequest.h"
 #include "roomrequest.h"
 
+#include <pushchat/pushclientoptions.h>
+
 #include <QString>
 #include <QStringList>
 
 #include <chrono>
 #include <string>
+
+class QCommandLineParser;
+struct OptionSet;
 
 class CliOptions {
 public:
@@ -56,8 +61,12 @@ public:
     const HistoryRequest &historyRequest() const { return m_historyRequest; }
     const RdpRequest &rdpRequest() const { return m_rdpRequest; }
 
+    /// The login's broker: --host and --port, or the first --broker.
     QString host() const { return m_host; }
     int port() const { return m_port; }
+    /// TLS, credentials (the password from --password-file or, with
+    /// --username, PUSHCHAT_PASSWORD) and the further --broker addresses.
+    const PushClientOptions &pushOptions() const { return m_push; }
     QString user() const { return m_user; }
     /// Empty: the library uses the host as the domain.
     QString domain() const { return m_domain; }
@@ -80,6 +89,7 @@ public:
 
 private:
     bool fail(const QString &message);
+    bool parseConnection(const QCommandLineParser &parser, const OptionSet &options);
 
     QString m_error;
     bool m_help = false;
@@ -93,6 +103,7 @@ private:
     RdpRequest m_rdpRequest;
     QString m_host = QStringLiteral("127.0.0.1");
     int m_port = 1883;
+    PushClientOptions m_push;
     QString m_user;
     QString m_domain;
     int m_level = 0;

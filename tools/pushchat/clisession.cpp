@@ -3,6 +3,7 @@
 #include "clioptions.h"
 #include "terminationsignals.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <optional>
@@ -51,19 +52,29 @@ CliSession::Outcome CliSession::login()
 {
     if (!m_options.serverJid().isEmpty())
         m_library.setServerJid(m_options.serverJid());
+    m_library.setPushClientOptions(m_options.pushOptions());
     m_library.registerToImServer(m_options.host(), m_options.port(), m_options.user(), QString(), m_options.level(),
                                  m_options.domain(), QString());
     m_loggedIn = true;
 
-    switch (wait(m_connected, m_options.connectTimeout())) {
-    case Wait::Raised:
-        return Outcome::Connected;
-    case Wait::Interrupted:
-        return Outcome::Interrupted;
-    case Wait::TimedOut:
-        break;
+    // Until connected, refused, interrupted or out of time: an attempt that
+    // failed and will be retried just waits on.
+    const auto deadline = Clock::now() + m_options.connectTimeout();
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        switch (wait(m_connected, std::max(left, std::chrono::milliseconds(0)))) {
+        case Wait::Raised:
+            if (m_library.lastConnectionError() == PushConnectionError::None)
+                return Outcome::Connected;
+            if (!isRetried(m_library.lastConnectionError()))
+                return Outcome::Refused;
+            continue;
+        case Wait::Interrupted:
+            return Outcome::Interrupted;
+        case Wait::TimedOut:
+            return Outcome::TimedOut;
+        }
     }
-    return Outcome::TimedOut;
 }
 
 CliSession::Wait CliSession::wait(EventFlag &flag, std::chrono::milliseconds timeout)

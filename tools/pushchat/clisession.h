@@ -5,8 +5,9 @@
 // object, configured from the command line.
 //
 // login() starts the connection and waits on the calling thread until the
-// library reports it (onConnected), a termination signal arrives, or the
-// connect timeout passes, whichever comes first. wait() does the same for
+// library reports it (onConnected) or a refusal it will not retry (wrong
+// credentials, a certificate that does not verify), a termination signal
+// arrives, or the connect timeout passes, whichever comes first. wait() does the same for
 // any other flag, such as the arrival of an awaited answer. logout() (also done by
 // the destructor) logs out in order; the library waits there for the
 // broker to acknowledge what was published.
@@ -25,7 +26,7 @@ class TerminationSignals;
 
 class CliSession {
 public:
-    enum class Outcome { Connected, Interrupted, TimedOut };
+    enum class Outcome { Connected, Refused, Interrupted, TimedOut };
     enum class Wait { Raised, Interrupted, TimedOut };
 
     /// `writer` may be null (events are then not printed), as may `awaited`

@@ -66,13 +66,18 @@ ExitCode CommandRunner::connect(CliSession &session)
     case CliSession::Outcome::Interrupted:
         fail(QStringLiteral("interrupted before the connection was made."));
         return ExitCode::Interrupted;
+    case CliSession::Outcome::Refused:
+        fail(QStringLiteral("no connection: %1.").arg(session.library().lastConnectionErrorText()));
+        return ExitCode::NotConnected;
     case CliSession::Outcome::TimedOut:
         break;
     }
-    fail(QStringLiteral("no connection to %1:%2 within %3 s.")
+    const QString reason = session.library().lastConnectionErrorText();
+    fail(QStringLiteral("no connection to %1:%2 within %3 s%4.")
              .arg(m_options.host())
              .arg(m_options.port())
-             .arg(static_cast<double>(m_options.connectTimeout().count()) / 1000.0));
+             .arg(static_cast<double>(m_options.connectTimeout().count()) / 1000.0)
+             .arg(reason.isEmpty() ? QString() : QStringLiteral(" (last error: %1)").arg(reason)));
     return ExitCode::NotConnected;
 }
 

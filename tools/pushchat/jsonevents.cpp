@@ -33,7 +33,12 @@ void JsonEvents::onConnected()
         m_connected->raise();
 }
 
-void JsonEvents::onDisconnected() { report("onDisconnected"); }
+void JsonEvents::onDisconnected()
+{
+    report("onDisconnected");
+    if (m_connected)
+        m_connected->raise();
+}
 
 void JsonEvents::onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType,
                                   QString messageKey, QString stamp, bool readable)

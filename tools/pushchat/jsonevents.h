@@ -7,8 +7,9 @@
 // the library passes them), numbers stay numbers; onRoomChanged carries the
 // room as its JSON object ("room") and the command number ("cmd").
 //
-// onConnected also raises an EventFlag, which is how the main thread learns
-// that the login succeeded. Every event is also offered to an AwaitedEvent,
+// onConnected and onDisconnected also raise an EventFlag, which is how the
+// main thread learns that the login succeeded or failed (the library's last
+// connection error tells which). Every event is also offered to an AwaitedEvent,
 // which is how a command waits for its answer. With saveImages, a received
 // message whose body is an "image_encode" body is also written to a JPEG
 // file (imagebody.h) and its line gains "saved": the file's path, or an

@@ -127,7 +127,7 @@ TEST(Connection, FailoverThroughABridge)
     ASSERT_TRUE(connect(alice, aliceApp, failover, "alice", first.port()) &&
                 connect(bob, bobApp, {}, "bob", second.port()));
     // Again and again, until the bridge carries one.
-    ASSERT_TRUE(eventually([&, n = 0]() mutable { return chat(alice, "bob", bobApp, QString("b%1").arg(++n), 200ms); }));
+    ASSERT_TRUE(eventually([&, n = 0]() mutable { return chat(alice, "bob", bobApp, QString("b%1").arg(++n), 1s); }));
 
     first.stop();
     EXPECT_TRUE(chat(alice, "bob", bobApp, "after the failover"));

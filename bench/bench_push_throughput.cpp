@@ -3,11 +3,16 @@
 // clients (mosquitto_loop_start, same session and socket options), printed
 // with their ratio. Also the QoS 2 round trip (publish, echo, reply), with and
 // without TCP_NODELAY on the bare client, to show what Nagle's algorithm costs.
+// The PushClient figures are taken twice: over plain TCP and over TLS (a
+// second listener of the same broker, with certificates made for the run;
+// the client verifies the chain and the host name, as deployed).
 // PUSHCHAT_BENCH_SMOKE=1 sends 500 messages instead of 20 000.
 
 #include "mosquittobroker.h"
 #include "mqttbench.h"
 #include "pushclient.h"
+
+#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 #include <mosquitto.h>
@@ -67,10 +72,10 @@ struct PushPair
         receiver->setEventRecv(&receiverSide);
     }
 
-    bool connect(const MosquittoBroker& broker, const std::string& topic)
+    bool connect(const char* host, int port, const std::string& topic)
     {
-        sender->start_connect(broker.host(), broker.port(), 60);
-        receiver->start_connect(broker.host(), broker.port(), 60);
+        sender->start_connect(host, port, 60);
+        receiver->start_connect(host, port, 60);
         if (!senderSide.waitOnline() || !receiverSide.waitOnline())
             return false;
         std::string filter = topic;
@@ -92,7 +97,17 @@ struct PushPair
 struct Results
 {
     std::vector<double> push;
+    std::vector<double> pushTls;
     std::vector<double> bare;
+};
+
+// Where the PushClients connect: the plain listener, or the TLS one with
+// the options that verify it.
+struct Endpoint
+{
+    const char* name;
+    int port;
+    PushClientOptions options;
 };
 
 const std::string kPayload(300, 'p');
@@ -103,13 +118,13 @@ void report(benchmark::State& state, long messages, const std::vector<double>& r
     state.counters["median_msgs_per_s"] = median(rates);
 }
 
-void pushThroughput(benchmark::State& state, const MosquittoBroker& broker, Results& results)
+void pushThroughput(benchmark::State& state, const Endpoint& endpoint, std::vector<double>& rates)
 {
     const long n = messageCount();
-    PushClientOptions options;
+    PushClientOptions options = endpoint.options;
     options.maxPendingMessages = static_cast<std::size_t>(n) + 10; // the whole burst at once, like bare
-    PushPair pair("throughput", options);
-    if (!pair.connect(broker, "bench/push")) {
+    PushPair pair(std::string("throughput-") + endpoint.name, options);
+    if (!pair.connect("127.0.0.1", endpoint.port, "bench/push")) {
         state.SkipWithError("PushClient pair did not connect");
         return;
     }
@@ -128,9 +143,9 @@ void pushThroughput(benchmark::State& state, const MosquittoBroker& broker, Resu
         }
         const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
         state.SetIterationTime(elapsed);
-        results.push.push_back(static_cast<double>(n) / elapsed);
+        rates.push_back(static_cast<double>(n) / elapsed);
     }
-    report(state, n, results.push);
+    report(state, n, rates);
 }
 
 void bareThroughput(benchmark::State& state, const MosquittoBroker& broker, Results& results)
@@ -160,15 +175,15 @@ void bareThroughput(benchmark::State& state, const MosquittoBroker& broker, Resu
 
 // One QoS 2 round trip: publish, the peer echoes from its callback, the reply
 // arrives. Both ends are PushClients.
-void pushRoundTrip(benchmark::State& state, const MosquittoBroker& broker)
+void pushRoundTrip(benchmark::State& state, const Endpoint& endpoint)
 {
-    PushPair pair("roundtrip", PushClientOptions());
+    PushPair pair(std::string("roundtrip-") + endpoint.name, endpoint.options);
     PushClient* echo = pair.receiver.get();
     pair.receiverSide.onMessage = [echo](char* topic, void* payload) {
         if (std::strcmp(topic, "bench/ping") == 0)
             echo->publish("bench/pong", static_cast<const char*>(payload), 2, false);
     };
-    if (!pair.connect(broker, "bench/ping")) {
+    if (!pair.connect("127.0.0.1", endpoint.port, "bench/ping")) {
         state.SkipWithError("PushClient pair did not connect");
         return;
     }
@@ -212,15 +227,29 @@ void bareRoundTrip(benchmark::State& state, const MosquittoBroker& broker, bool 
 int main(int argc, char** argv)
 {
     mosquitto_lib_init();
-    MosquittoBroker broker;
-    if (!broker.start()) {
-        std::fprintf(stderr, "could not start mosquitto:\n%s\n", broker.log().c_str());
+    QTemporaryDir tls;
+    const std::string dir = tls.path().toStdString() + "/";
+    const int tlsPort = MosquittoBroker::freePort();
+    MosquittoBroker broker({true, false,
+                            "listener " + std::to_string(tlsPort) + " 127.0.0.1\ncafile " + dir + "ca.crt\ncertfile " +
+                                dir + "server.crt\nkeyfile " + dir + "server.key\n"});
+    if (!MosquittoBroker::makeTlsFiles(dir) || !broker.start()) {
+        std::fprintf(stderr, "could not make TLS files or start mosquitto:\n%s\n", broker.log().c_str());
         return 1;
     }
+    Endpoint tcp{"tcp", broker.port(), PushClientOptions()}, secure{"tls", tlsPort, PushClientOptions()};
+    secure.options.tls.enabled = true;
+    secure.options.tls.caFile = dir + "ca.crt";
+
     Results results;
     const bool smoke = messageCount() < 20000;
     const int iterations = smoke ? 1 : 5;
-    benchmark::RegisterBenchmark("PushClient_QoS2_throughput", pushThroughput, std::cref(broker), std::ref(results))
+    benchmark::RegisterBenchmark("PushClient_QoS2_throughput", pushThroughput, std::cref(tcp), std::ref(results.push))
+        ->Iterations(iterations)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("PushClient_QoS2_throughput_TLS", pushThroughput, std::cref(secure),
+                                 std::ref(results.pushTls))
         ->Iterations(iterations)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
@@ -229,10 +258,13 @@ int main(int argc, char** argv)
         ->Iterations(iterations)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("PushClient_QoS2_round_trip", pushRoundTrip, std::cref(broker))
-        ->Iterations(smoke ? 5 : 200)
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
+    for (const Endpoint* endpoint : {&tcp, &secure}) {
+        benchmark::RegisterBenchmark(endpoint == &tcp ? "PushClient_QoS2_round_trip" : "PushClient_QoS2_round_trip_TLS",
+                                     pushRoundTrip, std::cref(*endpoint))
+            ->Iterations(smoke ? 5 : 200)
+            ->UseRealTime()
+            ->Unit(benchmark::kMicrosecond);
+    }
     benchmark::RegisterBenchmark("BareLibmosquitto_QoS2_round_trip_nodelay", bareRoundTrip, std::cref(broker), true)
         ->Iterations(smoke ? 5 : 200)
         ->UseRealTime()
@@ -252,5 +284,8 @@ int main(int argc, char** argv)
                     "bare libmosquitto %.0f msg/s, ratio %.1f %%\n",
                     messageCount(), kPayload.size(), results.push.size(), push, bare, 100.0 * push / bare);
     }
+    const double pushTls = median(results.pushTls);
+    if (push > 0 && pushTls > 0)
+        std::printf("PushClient over TLS %.0f msg/s, %.1f %% of plain TCP\n", pushTls, 100.0 * pushTls / push);
     return 0;
 }

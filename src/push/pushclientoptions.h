@@ -83,7 +83,8 @@ struct PushClientOptions {
     std::string password;
     /// Further brokers. After the broker given at login becomes unreachable
     /// or goes away, the client tries the next one in this list (then starts
-    /// over), with the usual reconnection delays.
+    /// over), with the usual reconnection delays. Entries without a host or
+    /// with a port outside 1 to 65535 are skipped.
     std::vector<PushBrokerAddress> failover;
 };
 

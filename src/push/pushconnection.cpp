@@ -127,7 +127,6 @@ PushConnection::PushConnection(const char* clientId, const PushClientOptions& op
     mosquitto_disconnect_callback_set(mosq_, &PushConnection::onDisconnect);
     mosquitto_publish_callback_set(mosq_, &PushConnection::onPublish);
     mosquitto_message_callback_set(mosq_, &PushConnection::onMessage);
-    mosquitto_log_callback_set(mosq_, &PushConnection::onLog);
     configureSecurity();
 }
 
@@ -446,6 +445,11 @@ void PushConnection::attemptConnection()
         std::lock_guard<std::mutex> lock(eventMutex_);
         libraryErrors_.clear();
     }
+    // The reason of a TLS failure is only logged. libmosquitto formats a
+    // line for every packet while a log callback is set, so it is set for
+    // the handshake only, and taken away once online.
+    if (options_.tls.enabled)
+        mosquitto_log_callback_set(mosq_, &PushConnection::onLog);
     // Only this thread touches the handle while the link is not online.
     if (will.set)
         mosquitto_will_set(mosq_, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(),
@@ -509,6 +513,7 @@ void PushConnection::handleConnack(int code)
                 connectedAt_ = Clock::now();
                 error_ = PushConnectionError::None;
                 errorText_.clear();
+                mosquitto_log_callback_set(mosq_, nullptr);
             }
         }
         if (online)

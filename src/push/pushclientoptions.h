@@ -30,7 +30,8 @@ struct PushTlsOptions {
     std::string caFile;
     /// Directory of trusted CA certificates, in OpenSSL's hashed layout.
     std::string caPath;
-    /// Client certificate (PEM), for brokers that ask for one; needs `keyFile`.
+    /// Client certificate (PEM), for brokers that ask for one; needs `keyFile`,
+    /// and `caFile` or `caPath`.
     std::string certFile;
     /// The client certificate's private key (PEM, not encrypted).
     std::string keyFile;

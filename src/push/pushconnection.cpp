@@ -141,12 +141,18 @@ void PushConnection::configureSecurity()
         settingsError_ = "unusable user name (not UTF-8?)";
     if (!tls.enabled)
         return;
-    if (tls.caFile.empty() && tls.caPath.empty())
+    // Without CA files the system's trust store is used; that alone turns
+    // TLS on (libmosquitto takes CA files only together with a client
+    // certificate, so a certificate needs them).
+    const bool ownCa = !tls.caFile.empty() || !tls.caPath.empty();
+    if (!ownCa)
         mosquitto_int_option(mosq_, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
-    if (mosquitto_tls_set(mosq_, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
+    if ((ownCa || !tls.certFile.empty() || !tls.keyFile.empty()) &&
+        mosquitto_tls_set(mosq_, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
                           nullptr) != MOSQ_ERR_SUCCESS)
-        settingsError_ = "unusable TLS files (CA file or folder, certificate, key): missing, unreadable, or a "
-                         "certificate without its key";
+        settingsError_ = ownCa ? "unusable TLS files (CA file or folder, certificate, key): missing, unreadable, "
+                                 "or a certificate without its key"
+                               : "a client certificate needs the CA file or folder of the broker's certificate";
     // TLS 1.2 at least; verification of the chain, and of the host name
     // unless insecure.
     mosquitto_tls_opts_set(mosq_, tls.insecure ? 0 : 1, "tlsv1.2", nullptr);

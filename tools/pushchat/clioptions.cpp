@@ -135,7 +135,7 @@ struct OptionSet {
                               QStringLiteral("PEM file of the certificate authorities to trust (implies --tls)."),
                               QStringLiteral("path")};
     QCommandLineOption cert{QStringLiteral("cert"),
-                            QStringLiteral("Client certificate, PEM (implies --tls; needs --key)."),
+                            QStringLiteral("Client certificate, PEM (implies --tls; needs --key and --cafile)."),
                             QStringLiteral("path")};
     QCommandLineOption key{QStringLiteral("key"), QStringLiteral("The client certificate's private key, PEM."),
                            QStringLiteral("path")};

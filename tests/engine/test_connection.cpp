@@ -107,6 +107,10 @@ TEST(Connection, TlsPasswordsAndAccessRules)
                   fields(1, error, true)) // one "disconnected"
             << refused[i]->lastConnectionErrorText().toStdString();
     }
+    // The other host name's certificate, by an unknown CA, taken unverified by explicit choice.
+    PushClientOptions unverified = secured(dir, "alice", "secret", "");
+    unverified.tls.insecure = true;
+    EXPECT_TRUE(connect(*refused[3], apps[3], unverified, "alice", elsewhere));
 }
 
 TEST(Connection, FailoverThroughABridge)

@@ -125,6 +125,7 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
 
     std::vector<char> clientId = mutableText(jid + "@" + deviceId);
     pushClient = new PushClient(clientId.data(), pushOptions);
+    unverifiedLink = pushOptions.tls.enabled && pushOptions.tls.insecure;
     pushClient->setEventRecv(this);
 
     std::unique_ptr<MQTTMessage> will(createPresenseMsg(PRESENCE_OFFLINE, kLostText));
@@ -148,7 +149,7 @@ void MessagePrivate::connectStatus(bool connected)
             imReciever->onDisconnected();
         return;
     }
-    if (pushOptions.tls.enabled && pushOptions.tls.insecure)
+    if (unverifiedLink)
         qCWarning(lcEngine) << "connected over TLS WITHOUT verifying the broker's certificate or host name:"
                                " anyone on the path can read and change the traffic";
     for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {

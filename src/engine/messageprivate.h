@@ -266,7 +266,8 @@ private:
     ImEventReciever *imReciever;
     ImMUCEventReciever *mucReciever;
     PushClient *pushClient = nullptr;
-    PushClientOptions pushOptions;
+    PushClientOptions pushOptions; // for the next login
+    bool unverifiedLink = false;   // the connection's TLS verifies nothing
     std::string jid;
     std::string userId;
     QString domain;

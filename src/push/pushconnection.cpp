@@ -205,7 +205,7 @@ int PushConnection::start(const char* host, int port, int keepalive)
     std::lock_guard<std::mutex> lock(mutex_);
     if (closing_)
         return toResult(PushResult::Failed);
-    target_ = Target{host, port, keepalive};
+    keepalive_ = keepalive;
     brokers_.assign(1, PushBrokerAddress{host, port});
     for (const PushBrokerAddress& broker : options_.failover) {
         if (!broker.host.empty() && broker.port > 0 && broker.port <= 65535)
@@ -432,13 +432,13 @@ void PushConnection::run()
 
 void PushConnection::attemptConnection()
 {
-    Target target;
+    PushBrokerAddress target;
+    int keepalive = 0;
     Will will;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        target = target_;
-        target.host = brokers_[brokerIndex_].host;
-        target.port = brokers_[brokerIndex_].port;
+        target = brokers_[brokerIndex_];
+        keepalive = keepalive_;
         will = will_;
         link_ = Link::Connecting;
         attemptStartedAt_ = Clock::now();
@@ -463,7 +463,7 @@ void PushConnection::attemptConnection()
     else
         mosquitto_will_clear(mosq_);
     // With TLS the handshake may finish, or fail, inside this call.
-    const int rc = mosquitto_connect_async(mosq_, target.host.c_str(), target.port, target.keepalive);
+    const int rc = mosquitto_connect_async(mosq_, target.host.c_str(), target.port, keepalive);
     const int error = errno;
     if (rc != MOSQ_ERR_SUCCESS)
         handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string());
@@ -600,17 +600,16 @@ void PushConnection::handleLinkDown(int rc, std::string detail)
         error = PushConnectionError::ServerUnavailable;
     if (detail.empty())
         detail = logged.empty() ? mosquitto_strerror(rc) : logged;
-    if (!isRetried(error)) {
-        bool connecting = false;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            connecting = link_ == Link::Connecting;
-        }
-        if (connecting) {
-            refuse(error, std::move(detail));
-            return;
-        }
-        error = PushConnectionError::ConnectionLost; // a TLS error on a link that was up
+    bool online = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        online = link_ == Link::Online;
+    }
+    if (online) {
+        error = PushConnectionError::ConnectionLost; // whatever ended a link that was up
+    } else if (!isRetried(error)) {
+        refuse(error, std::move(detail));
+        return;
     }
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -621,12 +620,8 @@ void PushConnection::handleLinkDown(int rc, std::string detail)
             return;
         }
         const auto now = Clock::now();
-        if (link_ == Link::Online) {
-            if (now - connectedAt_ >= kStableLink)
-                backoff_.reset();
-            if (error == PushConnectionError::Unreachable)
-                error = PushConnectionError::ConnectionLost;
-        }
+        if (link_ == Link::Online && now - connectedAt_ >= kStableLink)
+            backoff_.reset();
         error_ = error;
         errorText_ = brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
         brokerIndex_ = (brokerIndex_ + 1) % brokers_.size(); // failover: the next broker, if any

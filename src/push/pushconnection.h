@@ -74,13 +74,6 @@ private:
         bool retain = false;
     };
 
-    struct Target
-    {
-        std::string host;
-        int port = 0;
-        int keepalive = 0;
-    };
-
     struct Will
     {
         bool set = false;
@@ -121,10 +114,10 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable wake_;
     Link link_ = Link::Idle;
-    Target target_;
     // The start target, then the failover brokers; attempts go to
     // brokers_[brokerIndex_].
     std::vector<PushBrokerAddress> brokers_;
+    int keepalive_ = 0;
     std::size_t brokerIndex_ = 0;
     PushConnectionError error_ = PushConnectionError::None;
     std::string errorText_;

@@ -118,6 +118,16 @@ void report(benchmark::State& state, long messages, const std::vector<double>& r
     state.counters["median_msgs_per_s"] = median(rates);
 }
 
+// kPayload with the message's number in front: the same size for every
+// message, and no two alike.
+std::string numbered(long i)
+{
+    std::string payload = kPayload;
+    const std::string number = std::to_string(i) + ' ';
+    payload.replace(0, number.size(), number);
+    return payload;
+}
+
 void pushThroughput(benchmark::State& state, const Endpoint& endpoint, std::vector<double>& rates)
 {
     const long n = messageCount();
@@ -132,7 +142,8 @@ void pushThroughput(benchmark::State& state, const Endpoint& endpoint, std::vect
         pair.arrivals.reset(n);
         const auto start = Clock::now();
         for (long i = 0; i < n; ++i) {
-            if (pair.sender->publish("bench/push", kPayload.c_str(), 2, false) != 0) {
+            // Distinct payloads: identical ones would be dropped as redeliveries.
+            if (pair.sender->publish("bench/push", numbered(i).c_str(), 2, false) != 0) {
                 state.SkipWithError("publish refused");
                 return;
             }
@@ -161,7 +172,7 @@ void bareThroughput(benchmark::State& state, const MosquittoBroker& broker, Resu
         arrivals.reset(n);
         const auto start = Clock::now();
         for (long i = 0; i < n; ++i)
-            sender.publish("bench/bare", kPayload);
+            sender.publish("bench/bare", numbered(i));
         if (!arrivals.wait(std::chrono::seconds(120))) {
             state.SkipWithError("messages missing");
             return;
@@ -190,9 +201,10 @@ void pushRoundTrip(benchmark::State& state, const Endpoint& endpoint)
     char pong[] = "bench/pong";
     pair.sender->subscribe(pong);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    long round = 0;
     for (auto _ : state) {
         pair.arrivals.reset(2); // the echo's arrival and the reply's
-        pair.sender->publish("bench/ping", "ping", 2, false);
+        pair.sender->publish("bench/ping", ("ping " + std::to_string(++round)).c_str(), 2, false);
         if (!pair.arrivals.wait(std::chrono::seconds(10))) {
             state.SkipWithError("no reply");
             return;

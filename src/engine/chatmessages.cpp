@@ -6,6 +6,7 @@
 #include "compactjson.h"
 #include "enginelog.h"
 #include "jsonkeycheck.h"
+#include "message_lib.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -25,6 +26,12 @@ int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel,
                                       MESSAGE_BODY_TYPE bodyType, bool toRoom, QString messageKey, QString stamp)
 {
     Q_UNUSED(ignored) // the sender is always the logged-in user
+    const qsizetype bytes = body.toUtf8().size();
+    if (bytes > Message_lib::MAX_BODY_BYTES) {
+        qCWarning(lcEngine) << "message not sent: its body has" << bytes << "bytes, more than the"
+                            << Message_lib::MAX_BODY_BYTES << "allowed";
+        return 0;
+    }
     const QString target = completeJid(to);
     const bool notice = bodyType == BODY_TYPE_NOTICE;
 

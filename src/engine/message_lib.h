@@ -89,12 +89,25 @@ public:
     /// No callback of the push connection runs after it returns.
     int unRegisterToImServer();
 
-    /// Sends a chat message; 1 if the message was published. `to` without
-    /// "@" gets the domain; with `toRoom` it is a room's JID. `secLevel` is
-    /// the message's security level; BODY_TYPE_NOTICE sends a notice
-    /// readable by all. `messageKey` and `stamp` reach the receiver as they
-    /// are. The first argument is not used: the sender is the logged-in
-    /// user.
+    /// The longest chat or notice body sendTextMessageTo takes: 2 MiB of
+    /// UTF-8. Enciphered and encoded, such a body travels as about 5.5 MB
+    /// at most (bodies of CJK text grow the most).
+    static constexpr int MAX_BODY_BYTES = 2 * 1024 * 1024;
+
+    /// Sends a chat message. `to` without "@" gets the domain; with
+    /// `toRoom` it is a room's JID. `secLevel` is the message's security
+    /// level; BODY_TYPE_NOTICE sends a notice readable by all. `messageKey`
+    /// and `stamp` reach the receiver as they are. The first argument is
+    /// not used: the sender is the logged-in user.
+    ///
+    /// 1: accepted; the connection delivers it, across link losses and
+    /// reconnections, once. 0: nothing was sent, because no login is under
+    /// way, or the body is longer than MAX_BODY_BYTES (a warning is
+    /// logged), or the connection's outbox is full. The outbox holds what
+    /// the broker has not acknowledged yet (PushClientOptions::
+    /// maxPendingMessages, maxPendingBytes): a sender faster than the
+    /// broker, or one sending while the link is down, reaches it; wait a
+    /// little and send again (back-pressure; nothing accepted is dropped).
     int sendTextMessageTo(QString ignored, QString to, int secLevel, QString text, MESSAGE_BODY_TYPE bodyType,
                           bool toRoom, QString messageKey, QString stamp);
     /// 1 if "first:second" was published on "LOCATION/" + target (raw

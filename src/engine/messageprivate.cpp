@@ -128,14 +128,22 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
     unverifiedLink = pushOptions.tls.enabled && pushOptions.tls.insecure;
     pushClient->setEventRecv(this);
 
-    std::unique_ptr<MQTTMessage> will(createPresenseMsg(PRESENCE_OFFLINE, kLostText));
-    std::vector<char> willPayload = mutableText(will->payload);
-    pushClient->will_set(will->protocol.topic.c_str(), willPayload.data(), kWillQos, false);
+    setFreshWill();
     pushClient->start_connect(host.toUtf8().constData(), port, PUSH_KEEPALIVE_SECONDS);
 
     PUSHCHAT_ENGINE_LOG("registerToServer") << "MessagePrivate::registerToServer connecting to " << host << ":"
                                             << port << " userid:" << user;
     return 1;
+}
+
+// Every enciphering draws fresh random bytes: a will made anew for each
+// connection never repeats the bytes of one the broker published before
+// (receivers drop byte-identical repeats as transport redeliveries).
+void MessagePrivate::setFreshWill()
+{
+    std::unique_ptr<MQTTMessage> will(createPresenseMsg(PRESENCE_OFFLINE, kLostText));
+    std::vector<char> willPayload = mutableText(will->payload);
+    pushClient->will_set(will->protocol.topic.c_str(), willPayload.data(), kWillQos, false);
 }
 
 void MessagePrivate::connectStatus(bool connected)
@@ -145,6 +153,8 @@ void MessagePrivate::connectStatus(bool connected)
     if (!connected) {
         if (pushClient->state() == PushClient::State::Refused)
             qCWarning(lcEngine).noquote() << "connection refused, not retried:" << lastConnectionErrorText();
+        else
+            setFreshWill(); // for the next attempt
         if (imReciever != nullptr)
             imReciever->onDisconnected();
         return;
@@ -251,37 +261,49 @@ int MessagePrivate::refreshGroupList()
     return sendSystemRequest(GroupCMD, GroupSub_Refresh, QLatin1String(kRefreshBody)) ? 1 : 0;
 }
 
+namespace {
+
+std::vector<std::string> roomFilters(const QList<std::string> &roomJids)
+{
+    std::vector<std::string> filters;
+    filters.reserve(std::size_t(roomJids.size()));
+    for (const std::string &room : roomJids)
+        filters.push_back(MqttMesaageProtocol::getSendToTopic(room) + "#");
+    return filters;
+}
+
+} // namespace
+
+// Each room's topic is unsubscribed, then subscribed, both in batches, so
+// thousands of rooms cost a few dozen packets. A room is recorded once,
+// however often the room list arrives (at every reconnection).
 int MessagePrivate::subscribe_message_group(QList<std::string> roomJids)
 {
-    for (const std::string &room : roomJids) {
-        const std::string topic = MqttMesaageProtocol::getSendToTopic(room) + "#";
-        PUSHCHAT_ENGINE_LOG("subscribe_message_group") << "subscribe:" << topic.c_str();
-        if (pushClient == nullptr)
-            continue; // not logged in: nothing subscribed, nothing recorded
-        std::vector<char> t = mutableText(topic);
-        pushClient->unsubscribe(t.data());
-        pushClient->subscribe(t.data());
-        std::lock_guard<std::mutex> lock(roomsMutex);
-        subscribedRooms.append(room);
-    }
+    if (pushClient == nullptr || roomJids.isEmpty())
+        return 1; // not logged in: nothing subscribed, nothing recorded
+    const std::vector<std::string> filters = roomFilters(roomJids);
+    PUSHCHAT_ENGINE_LOG("subscribe_message_group") << "subscribe:" << filters.size() << "rooms";
+    pushClient->unsubscribe(filters);
+    pushClient->subscribe(filters);
+    std::lock_guard<std::mutex> lock(roomsMutex);
+    for (const std::string &room : roomJids)
+        subscribedRooms.insert(room);
     return 1;
 }
 
 int MessagePrivate::unsubscribe_message_group(QList<std::string> roomJids)
 {
-    for (const std::string &room : roomJids) {
-        const std::string topic = MqttMesaageProtocol::getSendToTopic(room) + "#";
-        PUSHCHAT_ENGINE_LOG("unsubscribe_message_group") << "unsubscribe:" << topic.c_str();
-        if (pushClient != nullptr)
-            pushClient->unsubscribe(topic.c_str());
-    }
-    return 1;
+    if (pushClient == nullptr || roomJids.isEmpty())
+        return 1;
+    PUSHCHAT_ENGINE_LOG("unsubscribe_message_group") << "unsubscribe:" << roomJids.size() << "rooms";
+    pushClient->unsubscribe(roomFilters(roomJids));
+    return 1; // the rooms stay recorded until disconnection
 }
 
 QList<std::string> MessagePrivate::subscribedRoomJids() const
 {
     std::lock_guard<std::mutex> lock(roomsMutex);
-    return subscribedRooms;
+    return QList<std::string>(subscribedRooms.begin(), subscribedRooms.end());
 }
 
 int MessagePrivate::disconnectToIMServer()

@@ -42,6 +42,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 class ContactManager;
@@ -232,12 +233,15 @@ public:
     std::string currentDeviceName() const { return deviceName; }
     int currentSecurityLevel() const { return securityLevel; }
     bool isLoggedIn() const { return pushClient != nullptr; }
+    /// The push connection's pending count (see pushclient.h), 0 logged out.
+    std::size_t pendingCount() const { return pushClient != nullptr ? pushClient->pendingCount() : 0; }
     QList<std::string> subscribedRoomJids() const;
     /// Room notification threads running now / the most that ran at once.
     std::size_t roomNotificationThreads() const;
     std::size_t roomNotificationPeakThreads() const;
 
 private:
+    void setFreshWill();
     /// A system request: the JSON body, enciphered, to serverJid on the
     /// command's chain at QoS 2. True when published.
     bool sendSystemRequest(int family, int command, const QString &body);
@@ -272,7 +276,7 @@ private:
     std::string userId;
     QString domain;
     QString serverHost;
-    QList<std::string> subscribedRooms;
+    std::set<std::string> subscribedRooms;
     mutable std::mutex roomsMutex; // guards subscribedRooms
     std::atomic<bool> closing{ true };
     int securityLevel = 0;

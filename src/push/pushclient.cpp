@@ -2,6 +2,13 @@
 
 #include "pushconnection.h"
 
+namespace {
+int toInt(PushResult result)
+{
+    return static_cast<int>(result);
+}
+} // namespace
+
 void PushEventReciever::messgeRecieved(char*, char*) {}
 
 PushEventReciever::~PushEventReciever() = default;
@@ -35,12 +42,22 @@ int PushClient::start_connect(const char* host, int port, int keepalive)
 
 int PushClient::subscribe(char* topic)
 {
-    return connection_->subscribe(topic);
+    return topic ? subscribe(std::vector<std::string>{topic}) : toInt(PushResult::InvalidArgument);
+}
+
+int PushClient::subscribe(const std::vector<std::string>& filters, int qos)
+{
+    return connection_->subscribe(filters, qos);
 }
 
 int PushClient::unsubscribe(const char* topic)
 {
-    return connection_->unsubscribe(topic);
+    return topic ? unsubscribe(std::vector<std::string>{topic}) : toInt(PushResult::InvalidArgument);
+}
+
+int PushClient::unsubscribe(const std::vector<std::string>& filters)
+{
+    return connection_->unsubscribe(filters);
 }
 
 int PushClient::publish(const char* topic, const char* payload, int qos, bool /*retain*/)
@@ -66,4 +83,9 @@ std::string PushClient::lastErrorText() const
 std::size_t PushClient::pendingCount() const
 {
     return connection_->pendingCount();
+}
+
+std::size_t PushClient::repeatsDropped() const
+{
+    return connection_->repeatsDropped();
 }

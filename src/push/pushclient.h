@@ -13,8 +13,13 @@
 // callbacks short (the link, keepalive included, waits for them). Call
 // setEventRecv before start_connect.
 //
-// Session: stable client id, clean session off, subscriptions at QoS 2, retain
-// always false (the argument is ignored). connectStatus(true) follows every
+// Session: stable client id, clean session off, retain always false (the
+// argument is ignored). Subscriptions are at QoS 1 unless asked otherwise:
+// messages published at QoS 2 arrive at QoS 1, at least once, and a repeat
+// is dropped (see Redeliveries). QoS 2 delivery would keep a half-received
+// message per id across reconnections, which a broker that lost its state
+// (killed, restored from an older save) never releases: a later message
+// reusing the id would then never be delivered. connectStatus(true) follows every
 // accepted CONNACK, connectStatus(false) every going offline (link lost, first
 // attempt failed, connection refused); they alternate.
 //
@@ -30,6 +35,15 @@
 // Security (PushClientOptions): TLS 1.2 or later with the server certificate
 // and host name verified against the given CAs or the system's store, an
 // optional client certificate; user name and password in CONNECT.
+//
+// Dead links: online, a broker that has sent nothing for 1.4 × keepalive is
+// taken for gone (a live one answers each ping within the keepalive), and the
+// link is dropped without DISCONNECT and reconnected.
+//
+// Redeliveries: a QoS 1/2 delivery whose topic and payload bytes equal one of
+// the last 4096 delivered within 5 minutes is a transport redelivery (after
+// a broker restart or a lost link): it is dropped, not passed on, and
+// counted (repeatsDropped). QoS 0 deliveries are always passed on.
 //
 // Outbox: QoS 1/2 publications count until the broker acknowledges them; those
 // made offline (and subscribe/unsubscribe requests) wait in order for the next
@@ -50,6 +64,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 // Callback interface, called on the client's network thread. The order of the
 // virtual operations is part of the binary interface: do not reorder.
@@ -104,7 +119,11 @@ public:
     // offline or refused, makes an attempt at once.
     int start_connect(const char* host, int port, int keepalive);
     int subscribe(char* topic);
+    // Several filters, in SUBSCRIBE packets of up to 256 filters each (one
+    // request of the outbox per packet). Any invalid filter refuses all.
+    int subscribe(const std::vector<std::string>& filters, int qos = 1);
     int unsubscribe(const char* topic);
+    int unsubscribe(const std::vector<std::string>& filters);
     // payload is NUL-terminated text; qos is 0, 1 or 2.
     int publish(const char* topic, const char* payload, int qos, bool retain);
 
@@ -114,9 +133,13 @@ public:
     // OpenSSL's reason where there is one.
     PushConnectionError lastError() const;
     std::string lastErrorText() const;
-    // What counts against the outbox bound: QoS 1/2 publications not yet
-    // acknowledged by the broker, plus requests waiting for the link.
+    // What is not yet done: QoS 1/2 publications not acknowledged by the
+    // broker and requests waiting for the link (these two count against the
+    // outbox bound), plus SUBSCRIBE/UNSUBSCRIBE packets the broker has not
+    // answered yet (0 means every subscription asked for is in force).
     std::size_t pendingCount() const;
+    // Transport redeliveries dropped so far.
+    std::size_t repeatsDropped() const;
 
 private:
     std::shared_ptr<PushConnection> connection_;

@@ -1,21 +1,37 @@
 #include "pushconnection.h"
 
 #include <mosquitto.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
 namespace {
 
-// How long one mosquitto_loop call may wait for network activity. Requests
-// from other threads wake it at once (libmosquitto signals its own socket
-// pair); this bounds only how late the thread notices close().
+// While connecting, how long one wait for network activity may last (the
+// CONNACK timeout is checked between waits). Online, the thread sleeps until
+// the keepalive needs it: requests and close() wake it through wakeFd_.
 constexpr int kLoopTimeoutMs = 100;
+// Online without keepalive: nothing is due; wake now and then all the same.
+constexpr int kIdleWaitMs = 60000;
+// libmosquitto's keepalive clock counts whole seconds, so its ping may come
+// up to a second after it is due: never wait less than this for it.
+constexpr int kMinWaitMs = 250;
+// A broker silent for this many keepalives is gone (frozen, or the path to
+// it). A live one answers each ping within the keepalive, and libmosquitto
+// pings at the latest one keepalive after the last packet either way; its
+// own check would give up only after two.
+constexpr int kSilenceLimitTenths = 14;
+// Topics per SUBSCRIBE/UNSUBSCRIBE packet.
+constexpr std::size_t kFiltersPerPacket = 256;
 // An attempt without CONNACK after this long is abandoned (libmosquitto gives
 // up after the keepalive interval, but never when keepalive is 0).
 constexpr auto kConnackTimeout = std::chrono::seconds(30);
@@ -126,7 +142,12 @@ PushConnection::PushConnection(const char* clientId, const PushClientOptions& op
     mosquitto_connect_callback_set(mosq_, &PushConnection::onConnect);
     mosquitto_disconnect_callback_set(mosq_, &PushConnection::onDisconnect);
     mosquitto_publish_callback_set(mosq_, &PushConnection::onPublish);
+    mosquitto_subscribe_callback_set(mosq_, &PushConnection::onSubscribe);
+    mosquitto_unsubscribe_callback_set(mosq_, &PushConnection::onUnsubscribe);
     mosquitto_message_callback_set(mosq_, &PushConnection::onMessage);
+    wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeFd_ < 0)
+        settingsError_ = std::string("no wake-up descriptor: ") + std::strerror(errno);
     configureSecurity();
 }
 
@@ -165,6 +186,8 @@ PushConnection::~PushConnection()
         thread_.detach(); // only when the last owner is the network thread itself
     if (mosq_)
         mosquitto_destroy(mosq_);
+    if (wakeFd_ >= 0)
+        ::close(wakeFd_);
 }
 
 // --- operations called from any thread --------------------------------------
@@ -242,14 +265,16 @@ int PushConnection::publish(const char* topic, const char* payload, int qos)
     if (qos == 0) {
         if (link_ != Link::Online)
             return toResult(PushResult::NotConnected);
-        return fromLibrary(mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(length), payload, 0, false));
+        const int rc = mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(length), payload, 0, false);
+        wake();
+        return fromLibrary(rc);
     }
 
     const std::size_t size = std::strlen(topic) + length;
     if (!outbox_.hasRoomFor(size))
         return toResult(PushResult::OutboxFull);
     if (link_ != Link::Online) {
-        outbox_.enqueue({PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos});
+        outbox_.enqueue({PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos, {}});
         return toResult(PushResult::Ok);
     }
     int mid = 0;
@@ -259,23 +284,58 @@ int PushConnection::publish(const char* topic, const char* payload, int qos)
     // so it is accepted, and must not be queued a second time.
     if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
         outbox_.trackInFlight(mid, size);
+        wake();
         return toResult(PushResult::Ok);
     }
     return fromLibrary(rc);
 }
 
-int PushConnection::subscribe(const char* topic)
+// Filters go out in packets of kFiltersPerPacket. When one is refused, the
+// packets before it stand and the rest are not sent.
+int PushConnection::subscribe(const std::vector<std::string>& filters, int qos)
 {
-    if (!mosq_ || !validSubscribeTopic(topic))
+    if (!mosq_ || filters.empty() || qos < 0 || qos > 2 ||
+        !std::all_of(filters.begin(), filters.end(), [](const std::string& f) { return validSubscribeTopic(f.c_str()); }))
         return toResult(PushResult::InvalidArgument);
-    return request({PushOutbox::Request::Kind::Subscribe, topic, std::string(), 2});
+    for (std::size_t at = 0; at < filters.size(); at += kFiltersPerPacket) {
+        const auto first = filters.begin() + static_cast<std::ptrdiff_t>(at);
+        const auto last = filters.begin() + static_cast<std::ptrdiff_t>(std::min(filters.size(), at + kFiltersPerPacket));
+        const int rc = request({PushOutbox::Request::Kind::Subscribe, {}, {}, qos, {first, last}});
+        if (rc != toResult(PushResult::Ok))
+            return rc;
+    }
+    return toResult(PushResult::Ok);
 }
 
-int PushConnection::unsubscribe(const char* topic)
+int PushConnection::unsubscribe(const std::vector<std::string>& filters)
 {
-    if (!mosq_ || !validSubscribeTopic(topic))
+    if (!mosq_ || filters.empty() ||
+        !std::all_of(filters.begin(), filters.end(), [](const std::string& f) { return validSubscribeTopic(f.c_str()); }))
         return toResult(PushResult::InvalidArgument);
-    return request({PushOutbox::Request::Kind::Unsubscribe, topic, std::string(), 0});
+    for (std::size_t at = 0; at < filters.size(); at += kFiltersPerPacket) {
+        const auto first = filters.begin() + static_cast<std::ptrdiff_t>(at);
+        const auto last = filters.begin() + static_cast<std::ptrdiff_t>(std::min(filters.size(), at + kFiltersPerPacket));
+        const int rc = request({PushOutbox::Request::Kind::Unsubscribe, {}, {}, 0, {first, last}});
+        if (rc != toResult(PushResult::Ok))
+            return rc;
+    }
+    return toResult(PushResult::Ok);
+}
+
+// Hands a SUBSCRIBE or UNSUBSCRIBE to libmosquitto and tracks its answer.
+int PushConnection::sendLocked(const PushOutbox::Request& request)
+{
+    std::vector<char*> filters;
+    for (const std::string& filter : request.filters)
+        filters.push_back(const_cast<char*>(filter.c_str()));
+    const int count = static_cast<int>(filters.size());
+    int mid = 0;
+    const int rc = request.kind == PushOutbox::Request::Kind::Subscribe
+                       ? mosquitto_subscribe_multiple(mosq_, &mid, count, filters.data(), request.qos, 0, nullptr)
+                       : mosquitto_unsubscribe_multiple(mosq_, &mid, count, filters.data(), nullptr);
+    if (rc == MOSQ_ERR_SUCCESS)
+        outbox_.trackRequest(mid);
+    return rc;
 }
 
 int PushConnection::request(PushOutbox::Request request)
@@ -284,10 +344,9 @@ int PushConnection::request(PushOutbox::Request request)
     if (closing_)
         return toResult(PushResult::Failed);
     if (link_ == Link::Online) {
-        const char* topic = request.topic.c_str();
-        const int rc = request.kind == PushOutbox::Request::Kind::Subscribe
-                           ? mosquitto_subscribe(mosq_, nullptr, topic, 2)
-                           : mosquitto_unsubscribe(mosq_, nullptr, topic);
+        const int rc = sendLocked(request);
+        if (rc == MOSQ_ERR_SUCCESS)
+            wake();
         if (rc != MOSQ_ERR_NO_CONN) // libmosquitto does not keep these: queue them
             return fromLibrary(rc);
     }
@@ -331,6 +390,7 @@ void PushConnection::close()
         receiver_.store(nullptr);
     }
     wake_.notify_all();
+    wake();
     if (!thread_.joinable())
         return;
     if (thread_.get_id() == std::this_thread::get_id())
@@ -354,6 +414,16 @@ void PushConnection::onDisconnect(mosquitto*, void* self, int reason)
 void PushConnection::onPublish(mosquitto*, void* self, int mid)
 {
     static_cast<PushConnection*>(self)->record({Event::Kind::Published, mid, {}, {}});
+}
+
+void PushConnection::onSubscribe(mosquitto*, void* self, int mid, int, const int*)
+{
+    static_cast<PushConnection*>(self)->record({Event::Kind::Answered, mid, {}, {}});
+}
+
+void PushConnection::onUnsubscribe(mosquitto*, void* self, int mid)
+{
+    static_cast<PushConnection*>(self)->record({Event::Kind::Answered, mid, {}, {}});
 }
 
 void PushConnection::onMessage(mosquitto*, void* self, const mosquitto_message* message)
@@ -408,7 +478,7 @@ void PushConnection::run()
         case Link::Connecting:
         case Link::Online: {
             lock.unlock();
-            const int rc = mosquitto_loop(mosq_, kLoopTimeoutMs, 1);
+            const int rc = serviceLink();
             processEvents();
             lock.lock();
             const bool unanswered = link_ == Link::Connecting && Clock::now() - attemptStartedAt_ > kConnackTimeout;
@@ -418,6 +488,9 @@ void PushConnection::run()
                 // The next attempt replaces the socket.
                 if (unanswered && rc == MOSQ_ERR_SUCCESS)
                     handleLinkDown(MOSQ_ERR_TIMEOUT, "no CONNACK within 30 s");
+                else if (rc == MOSQ_ERR_KEEPALIVE)
+                    handleLinkDown(rc, "nothing heard from the broker for " +
+                                           std::to_string(keepalive_ * kSilenceLimitTenths / 10) + " s");
                 else
                     handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string());
                 lock.lock();
@@ -428,6 +501,61 @@ void PushConnection::run()
     }
     lock.unlock();
     shutdown();
+}
+
+void PushConnection::wake()
+{
+    const std::uint64_t one = 1;
+    if (wakeFd_ >= 0)
+        [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
+}
+
+int PushConnection::waitMilliseconds(bool& silent)
+{
+    int keepalive = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (link_ != Link::Online)
+            return kLoopTimeoutMs;
+        keepalive = keepalive_ * 1000;
+    }
+    if (keepalive == 0)
+        return kIdleWaitMs;
+    // The kernel knows when data last came and went on the socket.
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    if (::getsockopt(mosquitto_socket(mosq_), IPPROTO_TCP, TCP_INFO, &info, &length) != 0)
+        return kMinWaitMs;
+    const long heard = static_cast<long>(info.tcpi_last_data_recv);
+    const long said = static_cast<long>(info.tcpi_last_data_sent);
+    const long silenceLimit = long(keepalive) * kSilenceLimitTenths / 10;
+    if (heard >= silenceLimit) {
+        silent = true;
+        return 0;
+    }
+    const long pingDue = keepalive - std::max(heard, said);
+    return static_cast<int>(std::max<long>(kMinWaitMs, std::min(pingDue, silenceLimit - heard)));
+}
+
+int PushConnection::serviceLink()
+{
+    bool silent = false;
+    const int timeout = waitMilliseconds(silent);
+    const int socket = mosquitto_socket(mosq_);
+    if (silent) {
+        // Drop the link without DISCONNECT (the broker is to publish the
+        // will); libmosquitto discards the socket at the next attempt.
+        ::shutdown(socket, SHUT_RDWR);
+        return MOSQ_ERR_KEEPALIVE;
+    }
+    pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {socket, POLLIN, 0}};
+    if (mosquitto_want_write(mosq_))
+        fds[1].events |= POLLOUT;
+    ::poll(fds, socket >= 0 ? 2 : 1, timeout);
+    std::uint64_t wakes = 0;
+    if (fds[0].revents & POLLIN)
+        [[maybe_unused]] const auto read = ::read(wakeFd_, &wakes, sizeof wakes);
+    return mosquitto_loop(mosq_, 0, 1);
 }
 
 void PushConnection::attemptConnection()
@@ -479,12 +607,16 @@ void PushConnection::processEvents()
         return;
 
     const bool anyAck = std::any_of(batch_.begin(), batch_.end(),
-                                    [](const Event& e) { return e.kind == Event::Kind::Published; });
+                                    [](const Event& e) {
+                                        return e.kind == Event::Kind::Published || e.kind == Event::Kind::Answered;
+                                    });
     if (anyAck) {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const Event& event : batch_) {
             if (event.kind == Event::Kind::Published)
                 outbox_.acknowledge(event.code);
+            else if (event.kind == Event::Kind::Answered)
+                outbox_.answered(event.code);
         }
     }
     for (Event& event : batch_) {
@@ -499,6 +631,7 @@ void PushConnection::processEvents()
             deliver(event);
             break;
         case Event::Kind::Published:
+        case Event::Kind::Answered:
             break;
         }
     }
@@ -573,10 +706,8 @@ bool PushConnection::drainOutboxLocked()
             }
             break;
         case PushOutbox::Request::Kind::Subscribe:
-            rc = mosquitto_subscribe(mosq_, nullptr, topic, next.qos);
-            break;
         case PushOutbox::Request::Kind::Unsubscribe:
-            rc = mosquitto_unsubscribe(mosq_, nullptr, topic);
+            rc = sendLocked(next);
             break;
         }
         if (rc == MOSQ_ERR_NO_CONN)
@@ -622,6 +753,7 @@ void PushConnection::handleLinkDown(int rc, std::string detail)
         const auto now = Clock::now();
         if (link_ == Link::Online && now - connectedAt_ >= kStableLink)
             backoff_.reset();
+        outbox_.forgetRequests();
         error_ = error;
         errorText_ = brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
         brokerIndex_ = (brokerIndex_ + 1) % brokers_.size(); // failover: the next broker, if any
@@ -631,10 +763,16 @@ void PushConnection::handleLinkDown(int rc, std::string detail)
     report(false);
 }
 
+// QoS 0 is delivered at most once by the transport itself: only QoS 1/2
+// deliveries can be redeliveries.
 void PushConnection::deliver(Event& message)
 {
     if (closing_)
         return;
+    if (message.qos > 0 && repeats_.repeated(message.topic, message.payload)) {
+        ++repeatsDropped_;
+        return;
+    }
     if (PushEventReciever* receiver = receiver_.load()) {
         receiver->messgeRecievedMore(message.code, message.topic.data(), message.payload.data(),
                                      static_cast<int>(message.payload.size()), message.qos, message.retain);

@@ -3,6 +3,7 @@
 
 #include "pushbackoff.h"
 #include "pushclient.h"
+#include "pushduplicatefilter.h"
 #include "pushoutbox.h"
 
 #include <atomic>
@@ -46,10 +47,11 @@ public:
     int setWill(const char* topic, const char* payload, int qos);
     int start(const char* host, int port, int keepalive);
     int publish(const char* topic, const char* payload, int qos);
-    int subscribe(const char* topic);
-    int unsubscribe(const char* topic);
+    int subscribe(const std::vector<std::string>& filters, int qos);
+    int unsubscribe(const std::vector<std::string>& filters);
     PushClient::State state() const;
     std::size_t pendingCount() const;
+    std::size_t repeatsDropped() const { return repeatsDropped_; }
     std::pair<PushConnectionError, std::string> lastError() const;
 
     // No receiver callback starts after this. Joins the network thread, or,
@@ -65,7 +67,7 @@ private:
 
     struct Event
     {
-        enum class Kind { Connack, Disconnected, Message, Published };
+        enum class Kind { Connack, Disconnected, Message, Published, Answered };
         Kind kind;
         int code; // CONNACK code, disconnect reason or message id
         std::string topic;
@@ -85,6 +87,8 @@ private:
     static void onConnect(mosquitto*, void* self, int code);
     static void onDisconnect(mosquitto*, void* self, int reason);
     static void onPublish(mosquitto*, void* self, int mid);
+    static void onSubscribe(mosquitto*, void* self, int mid, int count, const int* granted);
+    static void onUnsubscribe(mosquitto*, void* self, int mid);
     static void onMessage(mosquitto*, void* self, const mosquitto_message* message);
     static void onLog(mosquitto*, void* self, int level, const char* text);
     void record(Event event);
@@ -92,6 +96,12 @@ private:
 
     // Network thread.
     void run();
+    // Waits for traffic, a request or close(), at most until libmosquitto
+    // has to send a keepalive or the link is to be judged dead; then lets
+    // libmosquitto act on what is ready.
+    int serviceLink();
+    int waitMilliseconds(bool& silent);
+    void wake();
     void attemptConnection();
     void processEvents();
     void handleConnack(int code);
@@ -100,6 +110,7 @@ private:
     void handleLinkDown(int rc, std::string detail = std::string());
     void refuse(PushConnectionError error, std::string text);
     bool drainOutboxLocked();
+    int sendLocked(const PushOutbox::Request& request);
     int request(PushOutbox::Request request);
     void deliver(Event& message);
     void report(bool connected);
@@ -110,6 +121,8 @@ private:
     mosquitto* mosq_ = nullptr;
     std::atomic<PushEventReciever*> receiver_{nullptr};
     std::atomic<bool> closing_{false};
+    std::atomic<std::size_t> repeatsDropped_{0};
+    int wakeFd_ = -1; // eventfd: requests and close() wake the network thread
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;
@@ -137,6 +150,7 @@ private:
     // Network thread only.
     std::vector<Event> batch_;
     Report lastReport_ = Report::None;
+    PushDuplicateFilter repeats_;
 };
 
 #endif // PUSHCONNECTION_H

@@ -14,9 +14,17 @@ PushOutbox::PushOutbox(std::size_t maxMessages, std::size_t maxBytes)
 {
 }
 
+std::size_t PushOutbox::sizeOf(const Request& request)
+{
+    std::size_t size = request.topic.size() + request.payload.size();
+    for (const std::string& filter : request.filters)
+        size += filter.size();
+    return size;
+}
+
 bool PushOutbox::hasRoomFor(std::size_t bytes) const
 {
-    return count() < maxMessages_ && bytes <= maxBytes_ && bytes_ <= maxBytes_ - bytes;
+    return queued_.size() + inFlight_.size() < maxMessages_ && bytes <= maxBytes_ && bytes_ <= maxBytes_ - bytes;
 }
 
 bool PushOutbox::enqueue(Request request)

@@ -5,6 +5,8 @@
 #include <deque>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 // What a client has accepted and the broker has not yet confirmed:
 //  - requests made while the link is down, kept in order until the next
@@ -12,6 +14,9 @@
 //  - QoS 1/2 publications handed to libmosquitto, by message id, until their
 //    PUBACK/PUBCOMP (libmosquitto keeps and resends those itself).
 // Both count against one bound in messages and in bytes (topic + payload).
+// SUBSCRIBE and UNSUBSCRIBE packets sent are also tracked until their answer,
+// outside the bound (they are the owner's, not the application's, and
+// libmosquitto drops them when the link goes down).
 // Not thread-safe: the owner guards it.
 class PushOutbox
 {
@@ -20,9 +25,10 @@ public:
     {
         enum class Kind { Publish, Subscribe, Unsubscribe };
         Kind kind;
-        std::string topic;
-        std::string payload;
+        std::string topic;   // Publish
+        std::string payload; // Publish
         int qos;
+        std::vector<std::string> filters; // Subscribe, Unsubscribe: one packet
     };
 
     PushOutbox(std::size_t maxMessages, std::size_t maxBytes);
@@ -42,13 +48,17 @@ public:
     void acknowledge(int mid);
     bool hasInFlight() const { return !inFlight_.empty(); }
 
-    std::size_t count() const { return queued_.size() + inFlight_.size(); }
+    // A SUBSCRIBE/UNSUBSCRIBE sent under mid, until answered or forgotten.
+    void trackRequest(int mid) { requests_.insert(mid); }
+    void answered(int mid) { requests_.erase(mid); }
+    // The link went down: requests sent on it will never be answered.
+    void forgetRequests() { requests_.clear(); }
+
+    // Everything pending: queued, in flight, and requests not yet answered.
+    std::size_t count() const { return queued_.size() + inFlight_.size() + requests_.size(); }
     std::size_t bytes() const { return bytes_; }
 
-    static std::size_t sizeOf(const Request& request)
-    {
-        return request.topic.size() + request.payload.size();
-    }
+    static std::size_t sizeOf(const Request& request);
 
 private:
     std::size_t maxMessages_;
@@ -56,6 +66,7 @@ private:
     std::size_t bytes_ = 0;
     std::deque<Request> queued_;
     std::unordered_map<int, std::size_t> inFlight_;
+    std::unordered_set<int> requests_;
 };
 
 #endif // PUSHOUTBOX_H

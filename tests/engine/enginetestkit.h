@@ -121,9 +121,8 @@ public:
     }
     void connectStatus(bool connected) override
     {
-        char all[] = "#";
         if (connected)
-            client_->subscribe(all);
+            client_->subscribe({ "#" }, 2); // deliveries keep the QoS they were published with
     }
     bool publish(const std::string &topic, const std::string &payload)
     {

@@ -1,10 +1,7 @@
 // The engine over one broker: each command's result and wire bytes, each
-// incoming message's callback, the connection's lifecycle, the will and a
-// broker restart.
+// incoming message's callback, the connection's lifecycle.
 
 #include "enginetestkit.h"
-
-#include <QProcess>
 
 using namespace kit;
 
@@ -162,28 +159,4 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
     EXPECT_EQ(countWith(all, "|0|dave@im.test|hub@im.test|"), 2u);
     EXPECT_EQ(countWith(all, "NETWORK_DISCONNECTED"), 0u);
     EXPECT_EQ(app.log.starting("disconnected"), Lines{});
-}
-
-TEST(Engine, WillAndMessagesSentMeanwhile)
-{
-    Net &n = net();
-    ASSERT_TRUE(n.up);
-    // erin's process dies without a logout: the broker publishes her will.
-    QProcess peer;
-    peer.start(QStringLiteral(ENGINE_PEER),
-               { n.broker.host(), QString::number(n.broker.port()), "erin", "im.test", "dev-e" });
-    ASSERT_TRUE(peer.waitForStarted());
-    App erinApp; // the peer's online() count
-    erinApp.log.add("connected");
-    ASSERT_TRUE(online(erinApp, n.wire, "erin@im.test"));
-    peer.kill();
-    peer.waitForFinished();
-    const std::string will = "m/i/server@im.test/d|2|erin@im.test|server@im.test|9999|0|16|||" +
-        presence("dev-e", "peer-device", "NETWORK_DISCONNECTED", 0);
-    ASSERT_TRUE(n.wire.log.waitFor([&](const Lines &l) { return countWith(l, will) == 1; }));
-    EXPECT_EQ(n.alice.sendTextMessageTo("", "erin", 5, "while away", BODY_TYPE_DEFAULT, false, "", ""), 1);
-
-    Message_lib erin(&erinApp, nullptr, "dev-e", "Erin Desk");
-    ASSERT_TRUE(login(erin, n.broker, "erin", 5));
-    EXPECT_TRUE(erinApp.log.waitForPrefix("message|alice@im.test|erin@im.test|while away|"));
 }

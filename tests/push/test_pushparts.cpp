@@ -1,8 +1,11 @@
 #include "eventlog.h"
 #include "pushbackoff.h"
+#include "pushduplicatefilter.h"
 #include "pushoutbox.h"
 
 #include <gtest/gtest.h>
+
+#include <tuple>
 
 namespace {
 
@@ -35,7 +38,7 @@ TEST(PushParts, BackoffDoublesToTheMaximumWithJitter)
 TEST(PushParts, OutboxBoundsQueueAndInFlightTogether)
 {
     PushOutbox outbox(3, 10);
-    const auto add = [&](const char* p) { return outbox.enqueue({PushOutbox::Request::Kind::Publish, "t", p, 2}); };
+    const auto add = [&](const char* p) { return outbox.enqueue({PushOutbox::Request::Kind::Publish, "t", p, 2, {}}); };
     std::string room; // 10 bytes fit, not 11; then 2 + 9 bytes do not, 2 + 8 do, exactly
     for (bool yes : {outbox.hasRoomFor(10), outbox.hasRoomFor(11), outbox.hasRoomFor(std::size_t(-1)), add("a"),
                      add("12345678"), add("1234567"), outbox.hasRoomFor(0), outbox.hasRoomFor(1)})
@@ -52,6 +55,31 @@ TEST(PushParts, OutboxBoundsQueueAndInFlightTogether)
     EXPECT_EQ(fields(outbox.count(), outbox.bytes(), outbox.hasInFlight()), "2|9|0");
     outbox.clearQueued();
     EXPECT_EQ(fields(outbox.count(), outbox.bytes(), outbox.hasQueued()), "0|0|0");
+    for (int mid : {3, 4, 5}) // SUBSCRIBEs: pending, outside the bound, forgotten with the link
+        outbox.trackRequest(mid);
+    outbox.answered(4);
+    EXPECT_EQ(fields(outbox.count(), outbox.hasRoomFor(0)), "2|1");
+    outbox.forgetRequests();
+    EXPECT_EQ(outbox.count(), 0u);
+}
+
+// A repeat of topic and payload within the last 4096 deliveries and 5 minutes.
+TEST(PushParts, DuplicateFilterWindow)
+{
+    PushDuplicateFilter filter;
+    using C = PushDuplicateFilter::Clock;
+    const C::time_point t0{}, edge = t0 + PushDuplicateFilter::kMaxAge, late = edge + std::chrono::seconds(1);
+    const std::tuple<const char*, const char*, C::time_point, bool> rows[] = {
+        {"t", "a", t0, false}, {"t", "a", t0, true},   {"u", "a", t0, false},   {"t", "b", t0, false},
+        {"ta", "", t0, false}, {"", "ta", t0, false},  {"t", "a", edge, true},  {"t", "a", late, false},
+        {"t", "a", late, true}};
+    for (const auto& [topic, payload, at, repeated] : rows)
+        EXPECT_EQ(filter.repeated(topic, payload, at), repeated) << topic << "|" << payload;
+    for (std::size_t i = 0; filter.size() < PushDuplicateFilter::kMaxEntries; ++i)
+        filter.repeated("n", std::to_string(i), late);
+    EXPECT_TRUE(filter.repeated("t", "a", late)); // the oldest of 4096
+    filter.repeated("n", "one more", late);
+    EXPECT_FALSE(filter.repeated("t", "a", late)); // pushed out
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -45,7 +46,18 @@ TEST(RoomNotifier, NoThreadsFailuresAndFinishingFromInside)
     {
         RoomNotifier none(4, 16, failingAfter(0)); // no thread: run on the poster
         std::thread::id ranOn;
-        none.post([&] { ranOn = std::this_thread::get_id(); });
+        std::atomic<bool> finished{ false };
+        std::thread waiter;
+        none.post([&] { // a finish() meanwhile waits for this work, and no longer
+            ranOn = std::this_thread::get_id();
+            waiter = std::thread([&] { none.finish(), finished = true; });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        });
+        if (!eventually([&] { return finished.load(); })) {
+            ADD_FAILURE() << "finish() missed the end of the work run on the poster";
+            std::_Exit(1); // the waiter never returns
+        }
+        waiter.join();
         EXPECT_EQ(ranOn, std::this_thread::get_id());
     }
     attempts = 0;

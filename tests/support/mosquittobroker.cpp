@@ -96,11 +96,18 @@ bool MosquittoBroker::start()
     return false;
 }
 
-void MosquittoBroker::stop()
+void MosquittoBroker::signal(int number) const
+{
+    if (running())
+        ::kill(pid_, number);
+}
+
+void MosquittoBroker::stop(int signal)
 {
     if (!running())
         return;
-    ::kill(pid_, SIGTERM);
+    ::kill(pid_, signal);
+    ::kill(pid_, SIGCONT); // a frozen broker ends only once it runs again
     const auto limit = Clock::now() + std::chrono::seconds(5);
     pid_t done = 0;
     while ((done = ::waitpid(pid_, nullptr, WNOHANG)) == 0 && Clock::now() < limit)

@@ -37,9 +37,13 @@ public:
     MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
     bool start();
-    void stop();
+    // Ends the broker with `signal` (SIGKILL: nothing saved) and waits.
+    void stop(int signal = 15);
+    // Sends a signal (SIGSTOP, SIGCONT, SIGUSR1: save now) to the broker.
+    void signal(int number) const;
     bool restart() { return stop(), start(); }
     bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
 
     const char* host() const { return "127.0.0.1"; }
     int port() const { return port_; }

@@ -1,0 +1,202 @@
+// Scale, end to end through a private broker:
+//  - 10 000 rooms in the room-list reply: time from the reply's publication
+//    to the broker's answer to the last SUBSCRIBE (every room topic in
+//    force), at the first login and at each login again;
+//  - chat bodies of 300 B, 64 KiB and 1 MiB from alice to bob: time per
+//    message (a window of messages in flight) and the process's peak
+//    resident memory above its level before (both clients live in it);
+//  - an idle logged-in client: resident memory, and wake-ups per minute of
+//    all the process's threads (context switches, voluntary or not).
+// PUSHCHAT_BENCH_SMOKE=1 shortens each run.
+
+#include "groupevent.h"
+#include "message_lib.h"
+#include "messageprivate.h"
+#include "mqttbench.h"
+#include "pushclient.h"
+
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using benchmqtt::Clock;
+using namespace std::chrono_literals;
+
+bool smoke()
+{
+    return benchmqtt::messageCount() < 1000;
+}
+
+MosquittoBroker &broker()
+{
+    static MosquittoBroker shared;
+    static const bool up = shared.start();
+    if (!up)
+        std::fprintf(stderr, "the broker did not start:\n%s\n", shared.log().c_str());
+    return shared;
+}
+
+long residentKiB()
+{
+    long pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * sysconf(_SC_PAGESIZE) / 1024;
+}
+
+// Context switches of every thread of this process so far.
+long switches()
+{
+    long total = 0;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream status(task.path() / "status");
+        for (std::string key; status >> key;) {
+            long value = 0;
+            if ((key == "voluntary_ctxt_switches:" || key == "nonvoluntary_ctxt_switches:") && status >> value)
+                total += value;
+        }
+    }
+    return total;
+}
+
+class Side : public ImEventReciever {
+public:
+    std::atomic<int> connects{ 0 }, messages{ 0 };
+    void onConnected() override { ++connects; }
+    void onMessageReceive(QString, QString, QString, int, int, QString, QString, bool) override { ++messages; }
+};
+
+bool until(const std::function<bool()> &done, std::chrono::seconds limit = 60s)
+{
+    for (const auto end = Clock::now() + limit; !done(); std::this_thread::sleep_for(1ms))
+        if (Clock::now() > end)
+            return false;
+    return true;
+}
+
+bool login(Message_lib &lib, Side &side, const char *user)
+{
+    const int before = side.connects;
+    lib.registerToImServer(broker().host(), broker().port(), user, QString(), 5, "scale.test", QString());
+    return until([&] { return side.connects > before && lib.engine()->pendingCount() == 0; });
+}
+
+void idleClient(benchmark::State &state)
+{
+    const auto idle = smoke() ? 2s : 60s;
+    Side side;
+    Message_lib lib(&side, nullptr, "dev-idle", "Idle");
+    if (!login(lib, side, "idle")) {
+        state.SkipWithError("no login");
+        return;
+    }
+    std::this_thread::sleep_for(2s);
+    long wakeups = 0, rss = 0;
+    for (auto _ : state) {
+        const long before = switches();
+        std::this_thread::sleep_for(idle);
+        wakeups = switches() - before - 1; // this thread's own sleep
+        rss = residentKiB();
+    }
+    state.counters["rss_KiB"] = double(rss);
+    state.counters["wakeups_per_min"] = double(wakeups) * 60.0 / double(idle.count());
+    state.counters["threads"] = double(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+BENCHMARK(idleClient)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+
+void roomList(benchmark::State &state)
+{
+    const int rooms = smoke() ? 500 : 10000;
+    QString json = QStringLiteral(R"({"jid":"rose@scale.test","rooms":[)");
+    for (int i = 0; i < rooms; ++i)
+        json += QStringLiteral(R"(%1{"room%2@rooms.scale.test":{}})").arg(i ? "," : "").arg(i);
+    json += QStringLiteral("]}");
+    std::string id = "scale-server";
+    PushClient server(id.data());
+    server.start_connect(broker().host(), broker().port(), 60);
+    until([&] { return server.state() == PushClient::State::Online; });
+    Side side;
+    Message_lib rose(&side, nullptr, "dev-rose", "Rose");
+    std::vector<double> times;
+    for (auto _ : state) {
+        if (!login(rose, side, "rose")) {
+            state.SkipWithError("rose did not log in");
+            return;
+        }
+        const GroupEvent reply = makeGroupEvent("rose@scale.test", GroupSub_Refresh, json, "server@scale.test");
+        const auto start = Clock::now();
+        server.publish(reply.topic.c_str(), reply.payload.c_str(), 2, false);
+        const bool subscribed = until([&] {
+            return rose.engine()->subscribedRoomJids().size() == rooms &&
+                rose.engine()->pendingCount() == 0;
+        });
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        if (!subscribed) {
+            state.SkipWithError("the rooms were not subscribed");
+            return;
+        }
+        state.SetIterationTime(seconds);
+        times.push_back(seconds * 1000);
+        rose.unRegisterToImServer(); // the next iteration logs in again
+    }
+    state.counters["rooms"] = rooms;
+    state.counters["first_login_ms"] = times.front();
+    state.counters["again_max_ms"] = *std::max_element(times.begin() + 1, times.end());
+}
+BENCHMARK(roomList)->Iterations(4)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void chatBody(benchmark::State &state)
+{
+    const int bytes = int(state.range(0));
+    const int count = smoke() ? 5 : bytes >= (1 << 20) ? 40 : bytes >= (1 << 16) ? 400 : 4000;
+    const int window = bytes >= (1 << 20) ? 4 : 64; // messages in flight at once
+    Side aliceSide, bobSide;
+    Message_lib alice(&aliceSide, nullptr, "dev-a", "A"), bob(&bobSide, nullptr, "dev-b", "B");
+    if (!login(alice, aliceSide, "alice") || !login(bob, bobSide, "bob")) {
+        state.SkipWithError("no login");
+        return;
+    }
+    const QString body(bytes, QLatin1Char('x'));
+    const long before = residentKiB();
+    std::atomic<long> peak{ before };
+    std::atomic<bool> sampling{ true };
+    std::thread sampler([&] {
+        while (sampling) {
+            peak = std::max(peak.load(), residentKiB());
+            std::this_thread::sleep_for(5ms);
+        }
+    });
+    double seconds = 0;
+    for (auto _ : state) {
+        bobSide.messages = 0;
+        const auto start = Clock::now();
+        for (int i = 0; i < count; ++i) {
+            until([&] { return i - bobSide.messages < window; });
+            alice.sendTextMessageTo("", "bob", 5, QString::number(i) + body.mid(8), BODY_TYPE_DEFAULT, false, "k",
+                                    "st");
+        }
+        if (!until([&] { return bobSide.messages >= count; })) {
+            state.SkipWithError("messages missing");
+            break;
+        }
+        seconds += std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    sampling = false;
+    sampler.join();
+    state.SetItemsProcessed(state.iterations() * count);
+    state.SetBytesProcessed(state.iterations() * count * int64_t(bytes));
+    state.counters["peak_rss_over_KiB"] = double(peak - before);
+    state.counters["us_per_msg"] = seconds * 1e6 / double(state.iterations() * count);
+}
+BENCHMARK(chatBody)->Arg(300)->Arg(64 << 10)->Arg(1 << 20)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,292 @@
+// Faults, over one broker that keeps its state on disk: stopped and killed
+// in the middle of a burst, outrun by a sender, frozen beyond the keepalive,
+// a link lost 100 times, a process killed, a receiver away, redeliveries.
+// Each run prints sent / delivered / lost / duplicated.
+
+#include "enginetestkit.h"
+
+#include <QProcess>
+#include <mosquitto.h>
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+using namespace kit;
+using namespace std::chrono_literals;
+
+namespace {
+
+MosquittoBroker &broker()
+{
+    static MosquittoBroker shared{ MosquittoBroker::Options{ true, true, "sys_interval 1" } };
+    static const bool up = shared.start();
+    EXPECT_TRUE(up) << shared.log();
+    return shared;
+}
+
+PushClientOptions fast(std::size_t maxPending = 1000)
+{
+    return { 20ms, 200ms, maxPending, 1 << 24, 1s, {}, {}, {}, {} };
+}
+
+/// Counts numbered bodies "n <i>" delivered to a façade or a push client,
+/// and keeps the last other text (a presence as "from|body").
+class Counter : public ImEventReciever, public PushEventReciever {
+public:
+    explicit Counter(int size = 0) : seen_(std::size_t(size)) {}
+    std::atomic<int> connects{ 0 }, disconnects{ 0 };
+    void onConnected() override { ++connects; }
+    void onDisconnected() override { ++disconnects; }
+    void connectStatus(bool up) override { ++(up ? connects : disconnects); }
+    void onMessageReceive(Q, Q, Q body, int, int, Q, Q, bool) override { count(body.toStdString()); }
+    void onPresence(Q from, Q body) override { count(fields(from, body)); }
+    void messgeRecievedMore(int, char *, void *payload, int length, int, bool) override
+    {
+        count(std::string(static_cast<const char *>(payload), std::size_t(length)));
+    }
+    std::string other() const { return locked(other_); }
+    int distinct() const { return locked(distinct_); }
+    /// Waits for n distinct messages while more keep coming (5 s at most between two).
+    void waitFor(int n) const
+    {
+        for (int before = -1; before != distinct() && !eventually([&] { return distinct() >= n; }, 5s);)
+            before = distinct();
+    }
+    /// Prints and returns the numbers below `sent` (`accepted` ones only) that
+    /// never arrived, and how many arrived twice.
+    std::pair<std::vector<int>, int> tally(const char *run, int sent, const std::vector<bool> &accepted = {}) const
+    {
+        std::vector<int> lost;
+        int delivered = 0, duplicated = 0;
+        for (int i = 0; i < sent; ++i) {
+            const int n = locked(seen_[std::size_t(i)]);
+            if (n == 0 && (accepted.empty() || accepted[std::size_t(i)]))
+                lost.push_back(i);
+            delivered += n > 0;
+            duplicated += std::max(0, n - 1);
+        }
+        std::printf("%s: sent %d, delivered %d, lost %zu, duplicated %d\n", run, sent, delivered, lost.size(), duplicated);
+        return { lost, duplicated };
+    }
+
+private:
+    template <class T> T locked(const T &value) const { return std::lock_guard<std::mutex>(mutex_), value; }
+    void count(const std::string &text)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        char *end = nullptr;
+        const long i = text.compare(0, 2, "n ") == 0 ? std::strtol(text.c_str() + 2, &end, 10) : -1;
+        if (i >= 0 && std::size_t(i) < seen_.size() && *end == '\0')
+            distinct_ += seen_[std::size_t(i)]++ == 0;
+        else
+            other_ = text;
+    }
+    mutable std::mutex mutex_;
+    std::vector<int> seen_;
+    int distinct_ = 0;
+    std::string other_;
+};
+const std::pair<std::vector<int>, int> kNoneLost{};
+
+int send(Message_lib &from, const char *to, int i)
+{
+    return from.sendTextMessageTo("", to, 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k", "st");
+}
+
+/// A façade logged in with fast reconnection whose subscriptions are in force.
+struct User {
+    Counter side;
+    Message_lib lib;
+    User(const char *name, int size, PushClientOptions options = fast())
+        : side(size), lib(&side, nullptr, std::string("dev-") + name, name)
+    {
+        lib.setPushClientOptions(options);
+        EXPECT_TRUE(login(lib, broker(), name, 5) &&
+                    eventually([&] { return side.connects > 0 && lib.engine()->pendingCount() == 0; }));
+    }
+};
+
+/// A push client online with `filter` in force.
+std::unique_ptr<PushClient> listener(std::string id, Counter &side, std::string filter, int keepalive = 60)
+{
+    auto client = std::make_unique<PushClient>(id.data(), fast());
+    client->setEventRecv(&side);
+    client->start_connect(broker().host(), broker().port(), keepalive);
+    EXPECT_TRUE(eventually([&] { return side.connects == 1; }) && client->subscribe(filter.data()) == 0 &&
+                eventually([&] { return client->pendingCount() == 0; }));
+    return client;
+}
+
+/// Threads, open descriptors, resident KiB of this process.
+std::vector<long> usage()
+{
+    const auto count = [](const char *dir) { return long(std::distance(std::filesystem::directory_iterator(dir), {})); };
+    long pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return { count("/proc/self/task"), count("/proc/self/fd"), resident * sysconf(_SC_PAGESIZE) / 1024 };
+}
+
+} // namespace
+
+// The broker ends in the middle of 10 000 QoS 2 chat messages and starts
+// again on the same port. Stopped, it saves everything: all arrive, once.
+// Killed, it loses what it had acknowledged and not saved; whatever it had
+// not acknowledged is sent again. A refusal (full outbox) is sent again
+// after 1 ms, the back-pressure an application is to apply.
+TEST(Faults, BrokerStoppedOrKilledInTheMiddleOfABurst)
+{
+    constexpr int kBurst = 10000, kInflight = 20; // libmosquitto's window of unconfirmed QoS 2 messages
+    const std::pair<const char *, int> endings[] = { { "stopped (SIGTERM)", SIGTERM }, { "killed (SIGKILL)", SIGKILL } };
+    for (const auto &[name, signal] : endings) {
+        SCOPED_TRACE(name);
+        PushClientOptions late = fast(), early = fast(); // bob back first: see the README's known limit
+        late.reconnectDelayMin = 2s;
+        early.reconnectDelayMax = 50ms;
+        User alice("alice", 0, late), bob("bob", kBurst, early);
+        broker().signal(SIGUSR1); // sessions and subscriptions on disk
+        std::this_thread::sleep_for(500ms);
+        std::atomic<int> accepted{ 0 };
+        std::thread sender([&] {
+            for (int i = 0; i < kBurst; accepted = ++i)
+                while (send(alice.lib, "bob", i) == 0)
+                    std::this_thread::sleep_for(1ms);
+        });
+        ASSERT_TRUE(eventually([&] { return accepted >= kBurst / 3; }));
+        broker().signal(SIGSTOP); // no acknowledgement while counting
+        std::this_thread::sleep_for(100ms);
+        const int acknowledged = accepted - int(alice.lib.engine()->pendingCount());
+        broker().stop(signal);
+        std::this_thread::sleep_for(300ms);
+        ASSERT_TRUE(broker().start());
+        sender.join();
+        bob.side.waitFor(kBurst);
+        const auto [lost, duplicated] = bob.side.tally(name, kBurst);
+        const auto below = [&](int limit) { return std::count_if(lost.begin(), lost.end(), [&](int i) { return i < limit; }); };
+        std::printf("  broker had completed %d when it ended; lost of those: %ld, of the next %d (receipt confirmed, "
+                    "not completed): %ld\n", acknowledged, below(acknowledged), kInflight,
+                    below(acknowledged + kInflight) - below(acknowledged));
+        EXPECT_EQ(duplicated, 0);
+        for (int i : lost)
+            EXPECT_TRUE(signal == SIGKILL && i < acknowledged + kInflight) << "lost " << i;
+    }
+}
+
+// Bodies up to the limit only; then a sender faster than the broker.
+TEST(Faults, ASenderFasterThanTheBrokerIsToldWhatIsRefused)
+{
+    constexpr int kOffered = 10000;
+    User alice("alice", 0, fast(100)), bob("bob", kOffered);
+    const auto sendBody = [&](int bytes) {
+        return alice.lib.sendTextMessageTo("", "bob", 5, QString(bytes, 'x'), BODY_TYPE_DEFAULT, false, "k", "st");
+    };
+    EXPECT_EQ(fields(sendBody(Message_lib::MAX_BODY_BYTES + 1), sendBody(Message_lib::MAX_BODY_BYTES)), "0|1");
+    EXPECT_TRUE(eventually([&] { return bob.side.other().size() == std::size_t(Message_lib::MAX_BODY_BYTES); }));
+    std::vector<bool> accepted(kOffered);
+    for (int i = 0; i < kOffered; ++i)
+        accepted[std::size_t(i)] = send(alice.lib, "bob", i) == 1;
+    const int taken = int(std::count(accepted.begin(), accepted.end(), true));
+    bob.side.waitFor(taken);
+    const auto [lost, duplicated] = bob.side.tally("back-pressure", kOffered, accepted);
+    std::printf("  accepted %d, refused %d (outbox of 100)\n", taken, kOffered - taken);
+    EXPECT_LT(taken, kOffered);
+    EXPECT_EQ(fields(lost.size(), duplicated, bob.side.distinct()), fields(0, 0, taken));
+}
+
+// A broker frozen past the keepalive: the link is dropped within 1.5 ×
+// keepalive, and what was sent meanwhile arrives after SIGCONT. Then the
+// same bytes twice: at QoS 2 a redelivery, passed on once; at QoS 0 twice.
+TEST(Faults, AFrozenBrokerIsNoticedNothingIsLostNothingTwice)
+{
+    constexpr int kKeepalive = 5, kSent = 102;
+    Counter side(kSent);
+    auto client = listener("c-frozen", side, "frozen/#", kKeepalive);
+    broker().signal(SIGSTOP);
+    const auto frozen = std::chrono::steady_clock::now();
+    for (int i = 0; i < kSent - 2; ++i)
+        client->publish("frozen/n", ("n " + std::to_string(i)).c_str(), 2, false);
+    const bool noticed = eventually([&] { return side.disconnects == 1; }, 3s * kKeepalive);
+    const auto after = std::chrono::duration<double>(std::chrono::steady_clock::now() - frozen).count();
+    broker().signal(SIGCONT);
+    std::printf("frozen broker: link dropped after %.2f s (keepalive %d s)\n", after, kKeepalive);
+    EXPECT_TRUE(noticed && after <= 1.5 * kKeepalive) << after;
+    ASSERT_TRUE(eventually([&] { return side.connects == 2; }));
+    for (int qos : { 2, 2, 0, 0 })
+        client->publish("frozen/n", qos ? "n 100" : "n 101", qos, false);
+    side.waitFor(kSent);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(side.tally("frozen broker, then repeats", kSent), (std::pair<std::vector<int>, int>{ {}, 1 }));
+    EXPECT_EQ(client->repeatsDropped(), 1u);
+}
+
+// Another connection with frank's client id takes his link over, 100
+// times: he comes back each time, and nothing grows.
+TEST(Faults, AHundredLinkLossesGrowNothing)
+{
+    User frank("frank", 1);
+    Counter sys;
+    auto watcher = listener("c-sys", sys, "$SYS/broker/subscriptions/count");
+    const auto subscriptions = [&] { // the broker tells each change within a second
+        std::this_thread::sleep_for(1500ms);
+        return sys.other();
+    };
+    const auto takeOver = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            const int back = frank.side.connects + 1;
+            mosquitto *intruder = mosquitto_new("frank@im.test@dev-frank", false, nullptr);
+            mosquitto_connect(intruder, broker().host(), broker().port(), 60);
+            mosquitto_disconnect(intruder);
+            mosquitto_loop(intruder, 50, 1);
+            mosquitto_destroy(intruder);
+            EXPECT_TRUE(eventually([&] { return frank.side.connects >= back; }));
+        }
+        eventually([&] { return frank.lib.engine()->pendingCount() == 0; });
+    };
+    takeOver(10);
+    const std::vector<long> before = usage();
+    // frank's resubscription at each connection may be caught half done:
+    // the steady count is the larger of two readings
+    const std::string held = std::to_string(std::max(std::stoi(subscriptions()), std::stoi(subscriptions())));
+    takeOver(90);
+    const std::vector<long> after = usage();
+    std::printf("100 link losses: threads %ld -> %ld, descriptors %ld -> %ld, resident %ld -> %ld KiB, "
+                "subscriptions on the broker %s -> %s\n",
+                before[0], after[0], before[1], after[1], before[2], after[2], held.c_str(), subscriptions().c_str());
+    EXPECT_EQ(fields(after[0], after[1]), fields(before[0], before[1]));
+    EXPECT_LE(std::stoi(subscriptions()), std::stoi(held)); // other sessions may end meanwhile
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(after[2] - before[2], 1024);
+#endif
+    User alice("alice", 0);
+    send(alice.lib, "frank", 0);
+    frank.side.waitFor(1);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(frank.side.tally("after 100 link losses", 1), kNoneLost);
+}
+
+// erin's process dies without a logout: the broker hands her will to the
+// server's watcher. 5 000 messages sent to her meanwhile all reach her
+// when she logs in again.
+TEST(Faults, AKilledProcessLeavesItsWillAndFindsItsMessagesWaiting)
+{
+    constexpr int kAway = 5000;
+    User server("server", 0), alice("alice", 0);
+    QProcess peer;
+    peer.start(QStringLiteral(ENGINE_PEER),
+               { broker().host(), QString::number(broker().port()), "erin", "im.test", "dev-erin" });
+    ASSERT_TRUE(peer.waitForStarted());
+    ASSERT_TRUE(eventually([&] { return server.side.other().find("erin@im.test|") == 0; }));
+    peer.kill();
+    peer.waitForFinished();
+    EXPECT_TRUE(eventually([&] { return server.side.other().find("NETWORK_DISCONNECTED") != std::string::npos; }));
+    for (int i = 0; i < kAway; ++i)
+        while (send(alice.lib, "erin", i) == 0)
+            std::this_thread::sleep_for(1ms);
+    // All at the broker before erin's UNSUBSCRIBE/SUBSCRIBE pairs (see the README's known limit).
+    ASSERT_TRUE(eventually([&] { return alice.lib.engine()->pendingCount() == 0; }));
+    User erin("erin", kAway);
+    erin.side.waitFor(kAway);
+    EXPECT_EQ(erin.side.tally("offline receiver", kAway), kNoneLost);
+}

@@ -1,5 +1,5 @@
 // The programs over a real broker, in one scenario: bob listens while alice
-// runs each kind of command once and the demo server answers her room
+// runs each kind of command once and the development server answers her room
 // request. Checked: each command's exit status, first line of output and
 // error line, and the events bob's listen printed.
 
@@ -76,7 +76,7 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
 
     QProcess server, bob;
     Lines serverLines, bobLines;
-    server.start(PUSHCHAT_DEMO_SERVER, (port + "--server-jid server@im").split(' '));
+    server.start(PUSHCHAT_DEVSERVER, (port + "--server-jid server@im --http-port 0").split(' '));
     ASSERT_TRUE(readLines(server, serverLines, 1)); // ready
     bob.start(PUSHCHAT_CLI, (at + "--user bob --device b --level 5 listen").split(' '));
     ASSERT_TRUE(readLines(bob, bobLines, 1)) << bob.readAllStandardError().constData();
@@ -89,7 +89,7 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
         {"send --notice all note", "0||"},
         {"room create team Team bob,carol --type 3", "0||"},
         {"rdp becontrol-reply bob ok", "0||"},
-        {"--timeout 1 history sync u-1", "4||pushchat: no message history arrived within 1 s."},
+        {"--server-jid nobody@im --timeout 1 history sync u-1", "4||pushchat: no message history arrived within 1 s."},
         {"history --http --http-base " + QString::fromStdString(http.baseAddress()) + " sync u-2",
          R"(0|{"event":"onHistoryMessages","json":"[7]"}|)"},
         {"--port 1 --timeout 0.5 send bob x",
@@ -120,12 +120,12 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
 
     // A signal while history waits for its answer ends it at once.
     QProcess waiting;
-    waiting.start(PUSHCHAT_CLI, (at + "--user carol --timeout 60 history sync u").split(' '));
+    waiting.start(PUSHCHAT_CLI, (at + "--user carol --server-jid nobody@im --timeout 60 history sync u").split(' '));
     ASSERT_TRUE(eventually([&] { return broker.log().find(" as carol@im@") != std::string::npos; }));
     EXPECT_EQ(stop(waiting, SIGINT), 130);
     EXPECT_TRUE(waiting.readAllStandardError().startsWith("pushchat: interrupted "));
 
-    // In sorted order: the room's events come from the demo server, in their own time.
+    // In sorted order: the room's events come from the development server, in their own time.
     const Lines expected = {
         "onConnected",
         "onMessageReceive|[此消息已加密,您无权阅读]|0|alice@im|<uuid>|4|false|<time>|bob@im",

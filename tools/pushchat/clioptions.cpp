@@ -1,8 +1,9 @@
 #include "clioptions.h"
 
+#include "connectionoptions.h"
+
 #include <QCommandLineOption>
 #include <QCommandLineParser>
-#include <QFile>
 #include <QUrl>
 
 #include <cmath>
@@ -77,10 +78,7 @@ constexpr double kMaxTimeoutSeconds = 24 * 3600;
 
 // The options, declared once for parsing and for the help text.
 struct OptionSet {
-    QCommandLineOption host{QStringLiteral("host"), QStringLiteral("Broker host (default 127.0.0.1)."),
-                            QStringLiteral("host"), QStringLiteral("127.0.0.1")};
-    QCommandLineOption port{QStringLiteral("port"), QStringLiteral("Broker port (default 1883)."),
-                            QStringLiteral("port"), QStringLiteral("1883")};
+    ConnectionOptions connection;
     QCommandLineOption user{QStringLiteral("user"), QStringLiteral("User id to log in as (required)."),
                             QStringLiteral("id")};
     QCommandLineOption domain{QStringLiteral("domain"),
@@ -124,38 +122,13 @@ struct OptionSet {
     QCommandLineOption help{QStringList{QStringLiteral("h"), QStringLiteral("help")},
                             QStringLiteral("Show this help.")};
     QCommandLineOption version{QStringLiteral("version"), QStringLiteral("Show the version.")};
-    QCommandLineOption broker{QStringLiteral("broker"),
-                              QStringLiteral("A broker to use, instead of --host and --port; repeat it for "
-                                             "brokers to fail over to, in turn."),
-                              QStringLiteral("host:port")};
-    QCommandLineOption tls{QStringLiteral("tls"),
-                           QStringLiteral("Connect with TLS, verifying the broker's certificate and host name "
-                                          "against --cafile or the system's trust store.")};
-    QCommandLineOption cafile{QStringLiteral("cafile"),
-                              QStringLiteral("PEM file of the certificate authorities to trust (implies --tls)."),
-                              QStringLiteral("path")};
-    QCommandLineOption cert{QStringLiteral("cert"),
-                            QStringLiteral("Client certificate, PEM (implies --tls; needs --key and --cafile)."),
-                            QStringLiteral("path")};
-    QCommandLineOption key{QStringLiteral("key"), QStringLiteral("The client certificate's private key, PEM."),
-                           QStringLiteral("path")};
-    QCommandLineOption insecure{QStringLiteral("insecure"),
-                                QStringLiteral("TLS without verifying the broker's certificate or host name "
-                                               "(implies --tls; for tests only).")};
-    QCommandLineOption username{QStringLiteral("username"),
-                                QStringLiteral("User name for the broker; the password comes from "
-                                               "PUSHCHAT_PASSWORD or --password-file."),
-                                QStringLiteral("name")};
-    QCommandLineOption passwordFile{QStringLiteral("password-file"),
-                                    QStringLiteral("File whose first line is the broker password."),
-                                    QStringLiteral("path")};
 
     void addTo(QCommandLineParser &parser) const
     {
         parser.setApplicationDescription(QString::fromUtf8(kDescription));
-        parser.addOptions({host, port, user, domain, level, device, serverJid, timeout, notice, room, image,
-                           saveImages, type, count, cursor, http, httpBase, broker, tls, cafile, cert, key,
-                           insecure, username, passwordFile, help, version});
+        connection.addTo(parser);
+        parser.addOptions({user, domain, level, device, serverJid, timeout, notice, room, image,
+                           saveImages, type, count, cursor, http, httpBase, help, version});
         parser.addPositionalArgument(QStringLiteral("command"),
                                      QStringLiteral("listen, send, location, status, room, friend, history or rdp."),
                                      QStringLiteral("command [arguments...]"));
@@ -199,74 +172,7 @@ bool toInt(const QString &text, int *value)
     return ok;
 }
 
-// "host:port", "[v6 address]:port" or "v6:address:port" (the last colon
-// ends the host).
-std::optional<PushBrokerAddress> brokerAddress(const QString &text)
-{
-    const int colon = text.lastIndexOf(':');
-    QString host = text.left(colon);
-    if (host.startsWith('[') && host.endsWith(']'))
-        host = host.mid(1, host.size() - 2);
-    int port = 0;
-    if (colon <= 0 || host.isEmpty() || !toInt(text.mid(colon + 1), &port) || port < 1 || port > 65535)
-        return std::nullopt;
-    return PushBrokerAddress{host.toStdString(), port};
-}
-
-// The first line of `path`, without its line end; nullopt if unreadable.
-std::optional<std::string> firstLine(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    QByteArray line = file.readLine();
-    while (line.endsWith('\n') || line.endsWith('\r'))
-        line.chop(1);
-    return line.toStdString();
-}
-
 } // namespace
-
-// Brokers, TLS and credentials: the push options of the login.
-bool CliOptions::parseConnection(const QCommandLineParser &parser, const OptionSet &options)
-{
-    const QStringList brokers = parser.values(options.broker);
-    if (!brokers.isEmpty() && (parser.isSet(options.host) || parser.isSet(options.port)))
-        return fail(QStringLiteral("--broker replaces --host and --port: give one or the other."));
-    for (const QString &text : brokers) {
-        const std::optional<PushBrokerAddress> broker = brokerAddress(text);
-        if (!broker)
-            return fail(QStringLiteral("--broker must be HOST:PORT with a port from 1 to 65535, not '%1'.").arg(text));
-        m_push.failover.push_back(*broker);
-    }
-    if (!m_push.failover.empty()) { // the first is the login's broker, the others its failover
-        m_host = QString::fromStdString(m_push.failover.front().host);
-        m_port = m_push.failover.front().port;
-        m_push.failover.erase(m_push.failover.begin());
-    }
-
-    PushTlsOptions &tls = m_push.tls;
-    tls.caFile = parser.value(options.cafile).toStdString();
-    tls.certFile = parser.value(options.cert).toStdString();
-    tls.keyFile = parser.value(options.key).toStdString();
-    tls.insecure = parser.isSet(options.insecure);
-    tls.enabled = parser.isSet(options.tls) || !tls.caFile.empty() || !tls.certFile.empty() || tls.insecure;
-    if (tls.certFile.empty() != tls.keyFile.empty())
-        return fail(QStringLiteral("--cert and --key go together."));
-
-    m_push.username = parser.value(options.username).toStdString();
-    if (parser.isSet(options.passwordFile)) {
-        const std::optional<std::string> password = firstLine(parser.value(options.passwordFile));
-        if (!password)
-            return fail(QStringLiteral("cannot read --password-file '%1'.").arg(parser.value(options.passwordFile)));
-        m_push.password = *password;
-        if (m_push.username.empty())
-            return fail(QStringLiteral("--password-file needs --username."));
-    } else if (!m_push.username.empty()) {
-        m_push.password = qEnvironmentVariable("PUSHCHAT_PASSWORD").toStdString();
-    }
-    return true;
-}
 
 QString CliOptions::helpText()
 {
@@ -305,14 +211,12 @@ bool CliOptions::parse(const QStringList &arguments)
         return true;
     }
 
-    m_host = parser.value(options.host);
-    if (m_host.isEmpty())
-        return fail(QStringLiteral("--host must not be empty."));
-    if (!toInt(parser.value(options.port), &m_port) || m_port < 1 || m_port > 65535)
-        return fail(QStringLiteral("--port must be a number from 1 to 65535, not '%1'.")
-                        .arg(parser.value(options.port)));
-    if (!parseConnection(parser, options))
+    ConnectionOptions::Connection connection;
+    if (!options.connection.read(parser, &connection, &m_error))
         return false;
+    m_host = connection.host;
+    m_port = connection.port;
+    m_push = connection.push;
     if (!toInt(parser.value(options.level), &m_level))
         return fail(QStringLiteral("--level must be an integer, not '%1'.").arg(parser.value(options.level)));
     bool ok = false;

@@ -89,7 +89,6 @@ public:
 
 private:
     bool fail(const QString &message);
-    bool parseConnection(const QCommandLineParser &parser, const OptionSet &options);
 
     QString m_error;
     bool m_help = false;

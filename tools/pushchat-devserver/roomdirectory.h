@@ -1,8 +1,9 @@
-#ifndef PUSHCHAT_DEMO_ROOMDIRECTORY_H
-#define PUSHCHAT_DEMO_ROOMDIRECTORY_H
+#ifndef PUSHCHAT_DEVSERVER_ROOMDIRECTORY_H
+#define PUSHCHAT_DEVSERVER_ROOMDIRECTORY_H
 
-// The rooms of the stand-in server and its answers to room requests; no
-// network. answer() takes one request as the server receives it (the
+// The rooms of the development server and its answers to room requests; no
+// network. The rooms are kept in a DevStore: loaded at construction, saved
+// at every change. answer() takes one request as the server receives it (the
 // sub-command of its topic, the sender's JID and the deciphered body) and
 // returns the group-information events to publish:
 //
@@ -18,8 +19,9 @@
 //   refresh        a room-list reply to the sender with the rooms it is in
 //
 // Requests for unknown rooms and other sub-commands get no answer. Used by
-// one thread at a time.
+// the thread that uses the store.
 
+#include "devstore.h"
 #include "room.h"
 
 #include <QByteArray>
@@ -38,6 +40,9 @@ public:
         QString body;
     };
 
+    /// `store` is borrowed; null keeps the rooms in memory only.
+    explicit RoomDirectory(DevStore *store);
+
     std::vector<Event> answer(GroupSubCmd cmd, const std::string &from, const QByteArray &body);
 
 private:
@@ -47,8 +52,11 @@ private:
     std::vector<Event> invite(const QJsonObject &request);
     std::vector<Event> kick(const QJsonObject &request);
     std::vector<Event> roomList(const std::string &userJid);
+    void keep(Room &room);
+
+    DevStore *m_store;
 
     std::map<std::string, std::unique_ptr<Room>> m_rooms; // by room JID
 };
 
-#endif // PUSHCHAT_DEMO_ROOMDIRECTORY_H
+#endif // PUSHCHAT_DEVSERVER_ROOMDIRECTORY_H

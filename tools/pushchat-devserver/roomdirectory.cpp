@@ -22,6 +22,27 @@ std::unique_ptr<Room> roomFrom(const QJsonObject &object)
 
 } // namespace
 
+RoomDirectory::RoomDirectory(DevStore *store) : m_store(store)
+{
+    if (!m_store)
+        return;
+    for (const QByteArray &json : m_store->rooms()) {
+        std::unique_ptr<Room> room = roomFrom(QJsonDocument::fromJson(json).object());
+        if (!room->jid.empty())
+            m_rooms[room->jid] = std::move(room);
+    }
+}
+
+void RoomDirectory::keep(Room &room)
+{
+    if (!m_store)
+        return;
+    QStringList members;
+    for (const auto &entry : room.members)
+        members << text(entry.first);
+    m_store->saveRoom(text(room.jid), QByteArray::fromStdString(room.toString()), members);
+}
+
 std::vector<RoomDirectory::Event> RoomDirectory::answer(GroupSubCmd cmd, const std::string &from,
                                                         const QByteArray &body)
 {
@@ -40,24 +61,29 @@ std::vector<RoomDirectory::Event> RoomDirectory::answer(GroupSubCmd cmd, const s
     case GroupSub_SetGroupName:
         if (Room *room = find(field(request, "jid"))) {
             room->name = field(request, "name");
+            keep(*room);
             return toMembers(*room, cmd);
         }
         return {};
     case GroupSub_SetRoomCreater:
         if (Room *room = find(field(request, "room_id"))) {
             room->creater = field(request, "member_id");
+            keep(*room);
             return toMembers(*room, cmd);
         }
         return {};
     case GroupSub_Modify_Type:
         if (Room *room = find(field(request, "room_id"))) {
             room->type = static_cast<ROOM_TYPE>(request.value(QLatin1String("room_type")).toString().toInt());
+            keep(*room);
             return toMembers(*room, cmd);
         }
         return {};
     case GroupSub_Release:
         if (Room *room = find(field(request, "jid"))) {
             std::vector<Event> events = toMembers(*room, cmd);
+            if (m_store)
+                m_store->dropRoom(text(room->jid));
             m_rooms.erase(room->jid);
             return events;
         }
@@ -91,6 +117,7 @@ std::vector<RoomDirectory::Event> RoomDirectory::create(const std::string &from,
         room->creater = from;
     Room &stored = *room;
     m_rooms[room->jid] = std::move(room);
+    keep(stored);
     return toMembers(stored, GroupSub_Create);
 }
 
@@ -105,6 +132,7 @@ std::vector<RoomDirectory::Event> RoomDirectory::invite(const QJsonObject &reque
         if (!slot)
             slot = new Member(*member); // owned by the room from here on
     }
+    keep(*room);
     return toMembers(*room, GroupSub_Invite);
 }
 
@@ -125,6 +153,7 @@ std::vector<RoomDirectory::Event> RoomDirectory::kick(const QJsonObject &request
             room->members.erase(it);
         }
     }
+    keep(*room);
     return events;
 }
 

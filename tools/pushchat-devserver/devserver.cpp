@@ -1,0 +1,311 @@
+#include "devserver.h"
+
+#include "devserverlog.h"
+#include "groupevent.h"
+#include "mqttmessage.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QUuid>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr int kQos = 2;
+constexpr int kKeepaliveSeconds = 60;
+constexpr int kGroupChat = 4; // MESSAGE_TYPE_GROUPCHAT
+
+const GroupSubCmd kRoomCommands[] = {GroupSub_Create,         GroupSub_Release, GroupSub_Invite,     GroupSub_Kick,
+                                      GroupSub_SetGroupName,   GroupSub_Exit,    GroupSub_Query,      GroupSub_Join,
+                                      GroupSub_SetRoomCreater, GroupSub_Refresh, GroupSub_Modify_Type};
+
+// Locations are raw "FIRST:SECOND" texts on "LOCATION/<target>".
+constexpr const char *kLocationPrefix = "LOCATION/";
+
+const QString kHttpPrefix = QStringLiteral("/vantrel_api/instance_message/");
+
+QString fromUtf8(const std::string &text) { return QString::fromStdString(text); }
+
+QJsonObject objectOf(const QString &json) { return QJsonDocument::fromJson(json.toUtf8()).object(); }
+
+QString compact(const QJsonObject &object)
+{
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+// PushClient takes some texts as char*.
+std::vector<char> mutableText(const std::string &text)
+{
+    return std::vector<char>(text.c_str(), text.c_str() + text.size() + 1);
+}
+
+QJsonObject friendPage(DevStore &store, const QString &owner, const QJsonObject &request)
+{
+    const int type = request.value(QLatin1String("type")).toInt(1);
+    const int count = std::clamp(request.value(QLatin1String("count")).toInt(20), 1, HistoryAnswers::kMaxPage);
+    const QString cursor = request.value(QLatin1String("last_friend_id")).toString();
+    const auto list = type == 2 || type == 3 ? DevStore::FriendList(type) : DevStore::FriendList::Friends;
+    std::vector<DevStore::Friend> found = store.friends(owner, list, cursor, count + 1);
+    const bool more = int(found.size()) > count;
+    found.resize(std::min<std::size_t>(found.size(), std::size_t(count)));
+    QJsonArray friends;
+    for (const DevStore::Friend &f : found)
+        friends.append(QJsonObject{{QStringLiteral("jid"), f.jid},
+                                   {QStringLiteral("online"), f.online},
+                                   {QStringLiteral("properties"), f.properties},
+                                   {QStringLiteral("text"), f.text}});
+    return {{QStringLiteral("type"), int(list)},
+            {QStringLiteral("friends"), friends},
+            {QStringLiteral("last_friend_id"), found.empty() ? cursor : found.back().jid},
+            {QStringLiteral("more"), more}};
+}
+
+} // namespace
+
+DevServer::DevServer(Settings settings, DevStore *store, JsonLineWriter *log, QObject *parent)
+    : QObject(parent), m_settings(std::move(settings)), m_jid(fromUtf8(m_settings.serverJid)),
+      m_readyTopic("pushchat-devserver/ready/" + m_settings.serverJid), m_store(store), m_log(log), m_rooms(store),
+      m_history(store), m_http([this](const QString &path, const QUrlQuery &query) { return answerHttp(path, query); })
+{
+}
+
+DevServer::~DevServer()
+{
+    // The client's callbacks read m_client until its destructor returns, so
+    // destroy the client first and clear the pointer afterwards. Messages
+    // still queued for this object are dropped with it.
+    delete m_client.get();
+    m_client.release();
+}
+
+bool DevServer::start(QString *error)
+{
+    if (!m_http.listen(m_settings.httpAddress, m_settings.httpPort)) {
+        *error = QStringLiteral("HTTP port %1: %2").arg(m_settings.httpPort).arg(m_http.errorString());
+        return false;
+    }
+    std::vector<char> id = mutableText(m_settings.serverJid + "@devserver");
+    m_client = std::make_unique<PushClient>(id.data(), m_settings.push);
+    m_client->setEventRecv(this);
+    m_client->start_connect(m_settings.host.c_str(), m_settings.port, kKeepaliveSeconds);
+    return true;
+}
+
+void DevServer::connectStatus(bool connected)
+{
+    if (!connected)
+        return;
+    const std::string &jid = m_settings.serverJid;
+    m_client->subscribe({"s/g/c/" + jid + "/#", "s/h/c/" + jid + "/#", "m/i/#", "s/f/c/#", "s/f/i/#",
+                         std::string(kLocationPrefix) + "#", m_readyTopic},
+                        kQos);
+    // Comes back once the subscriptions are in place.
+    m_client->publish(m_readyTopic.c_str(), "", kQos, false);
+}
+
+void DevServer::messgeRecievedMore(int, char *topic, void *payload, int length, int, bool)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_arrived.emplace_back(QByteArray(topic), QByteArray(static_cast<const char *>(payload), length));
+    }
+    QMetaObject::invokeMethod(this, "drain", Qt::QueuedConnection);
+}
+
+void DevServer::drain()
+{
+    std::deque<std::pair<QByteArray, QByteArray>> arrived;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        arrived.swap(m_arrived);
+    }
+    for (const auto &[topic, payload] : arrived)
+        handle(topic, payload);
+}
+
+void DevServer::handle(const QByteArray &topic, const QByteArray &payload)
+{
+    if (topic == QByteArray::fromStdString(m_readyTopic)) {
+        m_log->write({{QStringLiteral("event"), QStringLiteral("ready")},
+                      {QStringLiteral("server"), m_jid},
+                      {QStringLiteral("http_port"), int(httpPort())}});
+        return;
+    }
+    if (topic.startsWith(kLocationPrefix)) {
+        m_log->write({{QStringLiteral("event"), QStringLiteral("location")},
+                      {QStringLiteral("target"), QString::fromUtf8(topic.mid(int(std::strlen(kLocationPrefix))))},
+                      {QStringLiteral("position"), QString::fromUtf8(payload)}});
+        return;
+    }
+    MQTTMessage in(nullptr, true);
+    if (!in.fromTopic(topic.constData(), payload.constData()) || fromUtf8(in.from) == m_jid)
+        return; // not a command, or one of ours coming back
+    m_log->write({{QStringLiteral("event"), QStringLiteral("received")},
+                  {QStringLiteral("topic"), QString::fromUtf8(topic)},
+                  {QStringLiteral("from"), fromUtf8(in.from)},
+                  {QStringLiteral("body"), fromUtf8(in.body)}});
+    const QString topicJid = fromUtf8(in.protocol.jid);
+    // A complete chain: the top-level code, the family, the sub-command(s).
+    const int family = in.protocol.next ? in.protocol.next->code : 0;
+    if (in.protocol.code == MESSAGE && family == MESSAGE_INFO)
+        messageInfo(in, topicJid);
+    else if (in.protocol.code != SYSTEM)
+        return;
+    else if (family == FriendCMD || family == FriendInfo)
+        friendCommand(in, topicJid);
+    else if (topicJid == m_jid && family == GroupCMD)
+        roomCommand(in);
+    else if (topicJid == m_jid && family == HistoryCMD)
+        historyCommand(in);
+}
+
+void DevServer::send(const std::string &to, int family, int sub1, int sub2, const QString &body,
+                     const QString &from)
+{
+    const ServerMessage out = makeServerMessage(to, family, sub1, sub2, body, from.isEmpty() ? m_jid : from);
+    m_client->publish(out.topic.c_str(), out.payload.c_str(), kQos, false);
+    m_log->write({{QStringLiteral("event"), QStringLiteral("sent")},
+                  {QStringLiteral("topic"), fromUtf8(out.topic)},
+                  {QStringLiteral("to"), fromUtf8(to)},
+                  {QStringLiteral("body"), body}});
+}
+
+void DevServer::roomCommand(MQTTMessage &in)
+{
+    for (GroupSubCmd cmd : kRoomCommands) {
+        if (!in.matchSysProtocol(3, SYSTEM, GroupCMD, int(cmd)))
+            continue;
+        for (const RoomDirectory::Event &event : m_rooms.answer(cmd, in.from, QByteArray::fromStdString(in.body)))
+            send(event.userJid, GroupINFO, SubInfo_CMD_RESPONSE, int(event.cmd), event.body);
+        return;
+    }
+}
+
+void DevServer::messageInfo(MQTTMessage &in, const QString &topicJid)
+{
+    const QString from = fromUtf8(in.from), body = fromUtf8(in.body);
+    if (in.matchSysProtocol(3, MESSAGE, MESSAGE_INFO, MESSAGE_NORMAL)) {
+        DevStore::Message m;
+        m.uuid = in.messageKey.empty() ? QUuid::createUuid().toString(QUuid::WithoutBraces) : fromUtf8(in.messageKey);
+        m.from = from;
+        m.to = topicJid; // whoever the message went to
+        m.body = body;
+        m.bodyType = in.bodyType;
+        m.msgType = in.msgType;
+        m.secLevel = in.secLevel;
+        m.stamp = fromUtf8(in.stamp);
+        m.at = QDateTime::currentMSecsSinceEpoch();
+        if (m.msgType == kGroupChat && !m_store->isMember(from, topicJid))
+            return; // not a room of the sender's
+        if (m_store->addMessage(m))
+            m_log->write({{QStringLiteral("event"), QStringLiteral("recorded")},
+                          {QStringLiteral("uuid"), m.uuid},
+                          {QStringLiteral("from"), m.from},
+                          {QStringLiteral("to"), m.to}});
+        return;
+    }
+    if (topicJid != m_jid)
+        return;
+    if (in.matchSysProtocol(3, MESSAGE, MESSAGE_INFO, MESSAGE_PRESENCE)) {
+        presence(from, body);
+    } else if (in.matchSysProtocol(3, MESSAGE, MESSAGE_INFO, MESSAGE_MODYFY_STATUS)) {
+        const QJsonObject request = objectOf(body);
+        const QString uuid = request.value(QLatin1String("uuid")).toString();
+        const int status = request.value(QLatin1String("status")).toInt();
+        const bool known = changeStatus(uuid, status, from);
+        send(in.from, MESSAGE_INFO, MESSAGE_MODYFY_STATUS, 0,
+             compact({{QStringLiteral("uuid"), uuid},
+                      {QStringLiteral("status"), status},
+                      {QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message")}}));
+    }
+}
+
+void DevServer::presence(const QString &from, const QString &body)
+{
+    const QJsonObject presence = objectOf(body);
+    m_store->setPresence(from, presence.value(QLatin1String("type")).toInt() != 0, presence);
+    for (const QString &friendJid : m_store->friendsOf(from))
+        send(friendJid.toStdString(), MESSAGE_INFO, MESSAGE_PRESENCE, 0, body, from);
+}
+
+bool DevServer::changeStatus(const QString &uuid, int status, const QString &modifier)
+{
+    const std::optional<DevStore::Message> message = m_store->message(uuid);
+    if (!message || !m_store->setStatus(uuid, status, modifier))
+        return false;
+    send(message->from.toStdString(), MESSAGE_INFO, MESSAGE_MODYFY_CLIENT_STATUS, 0,
+         compact({{QStringLiteral("uuid"), uuid},
+                  {QStringLiteral("modifier"), modifier},
+                  {QStringLiteral("status"), status}}));
+    return true;
+}
+
+void DevServer::friendCommand(MQTTMessage &in, const QString &topicJid)
+{
+    const QString from = fromUtf8(in.from), body = fromUtf8(in.body);
+    if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_Add))
+        m_store->requestFriend(from, topicJid, body);
+    else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_Del))
+        m_store->dropFriend(from, topicJid);
+    else if (in.matchSysProtocol(3, SYSTEM, FriendInfo, FriendSubInfo_Accept))
+        m_store->acceptFriend(from, topicJid);
+    else if (topicJid != m_jid)
+        return;
+    else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_SetPro))
+        m_store->setFriendProperties(from, fromUtf8(in.to), body);
+    else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_List))
+        send(in.from, FriendInfo, FriendSubInfo_List, 0, compact(friendPage(*m_store, from, objectOf(body))));
+}
+
+void DevServer::historyCommand(MQTTMessage &in)
+{
+    const QString from = fromUtf8(in.from);
+    const QJsonObject request = objectOf(fromUtf8(in.body));
+    if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_List))
+        send(in.from, HistoryINFO, HistorySubInfo_List, 0, compact(m_history.list(from, request)));
+    else if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_Converstaion))
+        send(in.from, HistoryINFO, HistorySubInfo_Converstaion, 0, compact(m_history.conversations(from, request)));
+    else if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_Converstaion_Detail))
+        send(in.from, HistoryINFO, HistorySubInfo_Converstaion_Detail, 0,
+             compact(m_history.conversationDetail(from, request)));
+}
+
+HttpService::Reply DevServer::answerHttp(const QString &path, const QUrlQuery &query)
+{
+    const auto value = [&](const char *key) { return query.queryItemValue(QLatin1String(key), QUrl::FullyDecoded); };
+    bool valid = true;
+    const auto number = [&](const char *key) {
+        bool ok = false;
+        const int n = value(key).toInt(&ok);
+        valid = valid && ok;
+        return n;
+    };
+    const QString name = path.startsWith(kHttpPrefix) ? path.mid(kHttpPrefix.size()) : QString();
+    const bool pull = name == QLatin1String("pull_history_message");
+    const bool sync = name == QLatin1String("sync_history_message");
+    const bool modify = name == QLatin1String("modify_message_status");
+    if (!pull && !sync && !modify)
+        return {404, "{\"error\":\"no such path\"}"};
+    const int level = number("my_sec_level");
+    const int first = pull ? number("type") : modify ? number("status") : 0;
+    const int count = pull ? number("count") : 0;
+    if (!valid)
+        return {400, "{\"error\":\"a number is missing or malformed\"}"};
+    QJsonObject answer;
+    int status = 200;
+    if (pull) {
+        answer = m_history.pull(value("user_id"), first, 0, count, value("msg_uuid"), level);
+    } else if (sync) {
+        answer = m_history.sync(value("user_id"), value("msg_uuid"), level);
+    } else {
+        const bool known = changeStatus(value("uuid"), first, QString());
+        answer = {{QStringLiteral("uuid"), value("uuid")},
+                  {QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message")}};
+        status = known ? 200 : 404;
+    }
+    return {status, compact(answer).toUtf8()};
+}

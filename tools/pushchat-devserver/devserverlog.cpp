@@ -1,0 +1,3 @@
+#include "devserverlog.h"
+
+Q_LOGGING_CATEGORY(lcDevServer, "pushchat.devserver")

@@ -3,7 +3,8 @@
 # Debian packages cpack builds from the install components
 #   runtime -> libpushchat0      the shared library
 #   dev     -> libpushchat-dev   headers, CMake and pkg-config files, link name
-#   tools   -> pushchat-tools    the command-line client and its man page
+#   tools   -> pushchat-tools    the command-line client and its man page,
+#                                and the development server
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -58,9 +59,14 @@ pkg-config file of pushchat.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME pushchat-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libpushchat${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
+# The development server loads Qt's SQLite driver as a plugin: no library
+# dependency shows it.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+  "libpushchat${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libqt5sql5-sqlite")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Instant messaging from a terminal over an MQTT broker
 The pushchat command-line client: log in, send and receive messages,
-manage rooms and friends and fetch history from a shell.")
+manage rooms and friends and fetch history from a shell. And
+pushchat-devserver, a server for development and demos (not for
+production) that answers every command of the library from SQLite.")
 
 include(CPack)

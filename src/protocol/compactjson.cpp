@@ -94,13 +94,6 @@ bool appendEscaped(QByteArray &out, const char *s, int n)
 
 } // namespace
 
-void CompactJson::appendKey(QByteArray &out, const char *key)
-{
-    out.append('"');
-    out.append(key);
-    out.append("\":", 2);
-}
-
 void CompactJson::appendString(QByteArray &out, const char *utf8)
 {
     const int n = int(std::strlen(utf8));

@@ -19,8 +19,6 @@
 
 class CompactJson {
 public:
-    /// Appends `"key":` to `out`; keys are plain ASCII.
-    static void appendKey(QByteArray &out, const char *key);
     /// Appends a JSON string for the UTF-8 text up to its first NUL.
     static void appendString(QByteArray &out, const char *utf8);
     static void appendInt(QByteArray &out, int value);

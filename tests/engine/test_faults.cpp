@@ -155,8 +155,13 @@ TEST(Faults, BrokerStoppedOrKilledInTheMiddleOfABurst)
                     std::this_thread::sleep_for(1ms);
         });
         ASSERT_TRUE(eventually([&] { return accepted >= kBurst / 3; }));
-        broker().signal(SIGSTOP); // no acknowledgement while counting
-        std::this_thread::sleep_for(100ms);
+        broker().signal(SIGSTOP); // no acknowledgement while counting, and the outbox fills: nothing moves
+        ASSERT_TRUE(eventually([&] {
+            const int before = accepted;
+            const bool full = alice.lib.engine()->pendingCount() == fast().maxPendingMessages;
+            std::this_thread::sleep_for(20ms);
+            return full && accepted == before;
+        }));
         const int acknowledged = accepted - int(alice.lib.engine()->pendingCount());
         broker().stop(signal);
         std::this_thread::sleep_for(300ms);

@@ -13,6 +13,7 @@
 #include "message_lib.h"
 #include "messageprivate.h"
 #include "mqttbench.h"
+#include "processusage.h"
 #include "pushclient.h"
 
 #include <benchmark/benchmark.h>
@@ -23,7 +24,6 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -42,13 +42,6 @@ MosquittoBroker &broker()
     if (!up)
         std::fprintf(stderr, "the broker did not start:\n%s\n", shared.log().c_str());
     return shared;
-}
-
-long residentKiB()
-{
-    long pages = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
-    return resident * sysconf(_SC_PAGESIZE) / 1024;
 }
 
 // Context switches of every thread of this process so far.
@@ -103,11 +96,11 @@ void idleClient(benchmark::State &state)
         const long before = switches();
         std::this_thread::sleep_for(idle);
         wakeups = switches() - before - 1; // this thread's own sleep
-        rss = residentKiB();
+        rss = ProcessUsage::resident();
     }
     state.counters["rss_KiB"] = double(rss);
     state.counters["wakeups_per_min"] = double(wakeups) * 60.0 / double(idle.count());
-    state.counters["threads"] = double(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+    state.counters["threads"] = double(ProcessUsage::now().threads);
 }
 BENCHMARK(idleClient)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
@@ -164,12 +157,12 @@ void chatBody(benchmark::State &state)
         return;
     }
     const QString body(bytes, QLatin1Char('x'));
-    const long before = residentKiB();
+    const long before = ProcessUsage::resident();
     std::atomic<long> peak{ before };
     std::atomic<bool> sampling{ true };
     std::thread sampler([&] {
         while (sampling) {
-            peak = std::max(peak.load(), residentKiB());
+            peak = std::max(peak.load(), ProcessUsage::resident());
             std::this_thread::sleep_for(5ms);
         }
     });

@@ -10,6 +10,7 @@
 
 #include "message_lib.h"
 #include "mosquittobroker.h"
+#include "processusage.h"
 
 #include <QString>
 
@@ -19,38 +20,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-struct Usage {
-    long rssKiB, fds, threads;
-};
-
-long entries(const char *dir)
-{
-    return long(std::distance(std::filesystem::directory_iterator(dir), {}));
-}
-
-long residentKiB(const std::string &statm)
-{
-    long pages = 0, resident = 0;
-    std::ifstream(statm) >> pages >> resident;
-    return resident * sysconf(_SC_PAGESIZE) / 1024;
-}
-
-Usage usage()
-{
-    return { residentKiB("/proc/self/statm"), entries("/proc/self/fd"), entries("/proc/self/task") };
-}
 
 // Counts the numbered bodies "<n> ..." that arrive, and repeats.
 class Peer : public ImEventReciever {
@@ -124,7 +101,7 @@ int main(int argc, char **argv)
     const auto period = std::chrono::nanoseconds(1000000000L / rate);
     auto nextSample = start + std::chrono::seconds(interval);
     long sent = 0, refused = 0;
-    std::vector<Usage> samples;
+    std::vector<ProcessUsage> samples;
     for (auto next = start; next < end; next += period) {
         std::this_thread::sleep_until(next);
         Message_lib &from = sent % 2 ? bob : alice;
@@ -137,14 +114,14 @@ int main(int argc, char **argv)
             ++refused;
         if (Clock::now() >= nextSample) {
             nextSample += std::chrono::seconds(interval);
-            const Usage u = usage();
+            const ProcessUsage u = ProcessUsage::now();
             samples.push_back(u);
             const auto [a, ad] = aliceSide.counts();
             const auto [b, bd] = bobSide.counts();
             std::printf("%7llds %9ld %9ld %7ld %5ld %9ld %5ld %7ld %11ld\n",
                         (long long)std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count(),
-                        sent, a + b, refused, ad + bd, u.rssKiB, u.fds, u.threads,
-                        residentKiB("/proc/" + std::to_string(broker.pid()) + "/statm"));
+                        sent, a + b, refused, ad + bd, u.residentKiB, u.descriptors, u.threads,
+                        ProcessUsage::resident(std::to_string(broker.pid())));
             std::fflush(stdout);
         }
     }
@@ -163,22 +140,22 @@ int main(int argc, char **argv)
         std::printf("soak: too short for a sample\n");
         return lost == 0 && duplicated == 0 ? 0 : 1;
     }
-    const Usage first = samples[warm], last = samples.back();
+    const ProcessUsage first = samples[warm], last = samples.back();
     long peakRss = 0;
-    for (const Usage &u : samples)
-        peakRss = std::max(peakRss, u.rssKiB);
+    for (const ProcessUsage &u : samples)
+        peakRss = std::max(peakRss, u.residentKiB);
     std::printf("\nsummary: sent %ld, delivered %ld, lost %ld, duplicated %ld, refused %ld\n", sent, delivered, lost,
                 duplicated, refused);
     std::printf("after the first minute -> end: resident %ld -> %ld KiB (peak %ld), descriptors %ld -> %ld, "
                 "threads %ld -> %ld\n",
-                first.rssKiB, last.rssKiB, peakRss, first.fds, last.fds, first.threads, last.threads);
-    const long allowed = std::max(2048L, first.rssKiB / 10);
+                first.residentKiB, last.residentKiB, peakRss, first.descriptors, last.descriptors, first.threads, last.threads);
+    const long allowed = std::max(2048L, first.residentKiB / 10);
     std::string verdict;
     if (lost != 0 || duplicated != 0)
         verdict += " messages lost or duplicated;";
-    if (last.fds > first.fds || last.threads > first.threads)
+    if (last.descriptors > first.descriptors || last.threads > first.threads)
         verdict += " descriptors or threads grew;";
-    if (last.rssKiB - first.rssKiB > allowed)
+    if (last.residentKiB - first.residentKiB > allowed)
         verdict += " resident memory grew by more than " + std::to_string(allowed) + " KiB;";
     std::printf("verdict: %s\n", verdict.empty() ? "flat" : verdict.c_str());
     return verdict.empty() ? 0 : 1;

@@ -26,10 +26,7 @@ cmake --build "$work/desktop-chat" | tail -n 1
 chat="$work/desktop-chat/desktop-chat"
 
 start_broker "$work"
-build/tools/pushchat-devserver/pushchat-devserver --port "$broker_port" --http-port 0 >"$work/server.jsonl" 2>&1 &
-track_pid $!
-wait_for "$work/server.jsonl" '"event":"ready"' 10 || { echo "demo: the development server did not start" >&2; exit 1; }
-http_port=$(sed -n 's/.*"http_port":\([0-9]*\).*/\1/p' "$work/server.jsonl" | head -n 1)
+start_devserver "$work" build/tools/pushchat-devserver/pushchat-devserver
 echo "== mosquitto on 127.0.0.1:$broker_port, pushchat-devserver with HTTP history on :$http_port"
 
 shots=()

@@ -6,6 +6,11 @@
 #   start_broker DIR       start a private mosquitto on a free loopback port
 #                          (config and log in DIR); sets broker_port and
 #                          broker_pid
+#   start_devserver DIR BIN [ARG...]
+#                          start the development server BIN on that broker,
+#                          its HTTP service on a free port (lines in
+#                          DIR/server.jsonl, diagnostics in DIR/server.err);
+#                          waits for it to be ready and sets http_port
 #
 # The caller sets `trap stop_tracked EXIT` (or calls stop_tracked from its
 # own exit handler).
@@ -65,4 +70,17 @@ start_broker() {
     cat "$dir/mosquitto.log" >&2
     return 1
   fi
+}
+
+start_devserver() {
+  local dir=$1 bin=$2
+  shift 2
+  "$bin" --port "$broker_port" --http-port 0 "$@" >"$dir/server.jsonl" 2>"$dir/server.err" &
+  track_pid $!
+  if ! wait_for "$dir/server.jsonl" '"event":"ready"' 10; then
+    echo "the development server did not start:" >&2
+    cat "$dir/server.err" >&2
+    return 1
+  fi
+  http_port=$(sed -n 's/.*"http_port":\([0-9]*\).*/\1/p' "$dir/server.jsonl" | head -n 1)
 }

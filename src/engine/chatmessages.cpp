@@ -26,11 +26,14 @@ int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel,
                                       MESSAGE_BODY_TYPE bodyType, bool toRoom, QString messageKey, QString stamp)
 {
     Q_UNUSED(ignored) // the sender is always the logged-in user
-    const qsizetype bytes = body.toUtf8().size();
-    if (bytes > Message_lib::MAX_BODY_BYTES) {
-        qCWarning(lcEngine) << "message not sent: its body has" << bytes << "bytes, more than the"
-                            << Message_lib::MAX_BODY_BYTES << "allowed";
-        return 0;
+    // A UTF-16 unit takes at most 3 bytes of UTF-8: only long bodies are measured.
+    if (body.size() > Message_lib::MAX_BODY_BYTES / 3) {
+        const qsizetype bytes = body.toUtf8().size();
+        if (bytes > Message_lib::MAX_BODY_BYTES) {
+            qCWarning(lcEngine) << "message not sent: its body has" << bytes << "bytes, more than the"
+                                << Message_lib::MAX_BODY_BYTES << "allowed";
+            return 0;
+        }
     }
     const QString target = completeJid(to);
     const bool notice = bodyType == BODY_TYPE_NOTICE;

@@ -159,8 +159,7 @@ MessageClient::~MessageClient()
 {
     // No callback runs once the façade is gone; what they queued for this
     // object goes with it.
-    delete m_library.get();
-    m_library.release();
+    m_library.reset();
 }
 
 void MessageClient::deliverQueued()

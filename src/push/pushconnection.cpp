@@ -290,24 +290,21 @@ int PushConnection::publish(const char* topic, const char* payload, int qos)
     return fromLibrary(rc);
 }
 
-// Filters go out in packets of kFiltersPerPacket. When one is refused, the
-// packets before it stand and the rest are not sent.
 int PushConnection::subscribe(const std::vector<std::string>& filters, int qos)
 {
-    if (!mosq_ || filters.empty() || qos < 0 || qos > 2 ||
-        !std::all_of(filters.begin(), filters.end(), [](const std::string& f) { return validSubscribeTopic(f.c_str()); }))
+    if (qos < 0 || qos > 2)
         return toResult(PushResult::InvalidArgument);
-    for (std::size_t at = 0; at < filters.size(); at += kFiltersPerPacket) {
-        const auto first = filters.begin() + static_cast<std::ptrdiff_t>(at);
-        const auto last = filters.begin() + static_cast<std::ptrdiff_t>(std::min(filters.size(), at + kFiltersPerPacket));
-        const int rc = request({PushOutbox::Request::Kind::Subscribe, {}, {}, qos, {first, last}});
-        if (rc != toResult(PushResult::Ok))
-            return rc;
-    }
-    return toResult(PushResult::Ok);
+    return requestFilters(PushOutbox::Request::Kind::Subscribe, filters, qos);
 }
 
 int PushConnection::unsubscribe(const std::vector<std::string>& filters)
+{
+    return requestFilters(PushOutbox::Request::Kind::Unsubscribe, filters, 0);
+}
+
+// Filters go out in packets of kFiltersPerPacket. When one is refused, the
+// packets before it stand and the rest are not sent.
+int PushConnection::requestFilters(PushOutbox::Request::Kind kind, const std::vector<std::string>& filters, int qos)
 {
     if (!mosq_ || filters.empty() ||
         !std::all_of(filters.begin(), filters.end(), [](const std::string& f) { return validSubscribeTopic(f.c_str()); }))
@@ -315,7 +312,7 @@ int PushConnection::unsubscribe(const std::vector<std::string>& filters)
     for (std::size_t at = 0; at < filters.size(); at += kFiltersPerPacket) {
         const auto first = filters.begin() + static_cast<std::ptrdiff_t>(at);
         const auto last = filters.begin() + static_cast<std::ptrdiff_t>(std::min(filters.size(), at + kFiltersPerPacket));
-        const int rc = request({PushOutbox::Request::Kind::Unsubscribe, {}, {}, 0, {first, last}});
+        const int rc = request({kind, {}, {}, qos, {first, last}});
         if (rc != toResult(PushResult::Ok))
             return rc;
     }

@@ -112,6 +112,7 @@ private:
     bool drainOutboxLocked();
     int sendLocked(const PushOutbox::Request& request);
     int request(PushOutbox::Request request);
+    int requestFilters(PushOutbox::Request::Kind kind, const std::vector<std::string>& filters, int qos);
     void deliver(Event& message);
     void report(bool connected);
     void shutdown();

@@ -4,15 +4,13 @@
 // Each run prints sent / delivered / lost / duplicated.
 
 #include "enginetestkit.h"
+#include "processusage.h"
 
 #include <QProcess>
 #include <mosquitto.h>
 
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <unistd.h>
 
 using namespace kit;
 using namespace std::chrono_literals;
@@ -118,15 +116,6 @@ std::unique_ptr<PushClient> listener(std::string id, Counter &side, std::string 
     EXPECT_TRUE(eventually([&] { return side.connects == 1; }) && client->subscribe(filter.data()) == 0 &&
                 eventually([&] { return client->pendingCount() == 0; }));
     return client;
-}
-
-/// Threads, open descriptors, resident KiB of this process.
-std::vector<long> usage()
-{
-    const auto count = [](const char *dir) { return long(std::distance(std::filesystem::directory_iterator(dir), {})); };
-    long pages = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
-    return { count("/proc/self/task"), count("/proc/self/fd"), resident * sysconf(_SC_PAGESIZE) / 1024 };
 }
 
 } // namespace
@@ -250,19 +239,20 @@ TEST(Faults, AHundredLinkLossesGrowNothing)
         eventually([&] { return frank.lib.engine()->pendingCount() == 0; });
     };
     takeOver(10);
-    const std::vector<long> before = usage();
+    const ProcessUsage before = ProcessUsage::now();
     // frank's resubscription at each connection may be caught half done:
     // the steady count is the larger of two readings
     const std::string held = std::to_string(std::max(std::stoi(subscriptions()), std::stoi(subscriptions())));
     takeOver(90);
-    const std::vector<long> after = usage();
+    const ProcessUsage after = ProcessUsage::now();
     std::printf("100 link losses: threads %ld -> %ld, descriptors %ld -> %ld, resident %ld -> %ld KiB, "
                 "subscriptions on the broker %s -> %s\n",
-                before[0], after[0], before[1], after[1], before[2], after[2], held.c_str(), subscriptions().c_str());
-    EXPECT_EQ(fields(after[0], after[1]), fields(before[0], before[1]));
+                before.threads, after.threads, before.descriptors, after.descriptors, before.residentKiB,
+                after.residentKiB, held.c_str(), subscriptions().c_str());
+    EXPECT_EQ(fields(after.threads, after.descriptors), fields(before.threads, before.descriptors));
     EXPECT_LE(std::stoi(subscriptions()), std::stoi(held)); // other sessions may end meanwhile
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LT(after[2] - before[2], 1024);
+    EXPECT_LT(after.residentKiB - before.residentKiB, 1024);
 #endif
     User alice("alice", 0);
     send(alice.lib, "frank", 0);

@@ -14,14 +14,6 @@ namespace {
 
 using namespace kit;
 
-bool pump(const std::function<bool()> &condition)
-{
-    return eventually([&] {
-        QCoreApplication::processEvents();
-        return condition();
-    });
-}
-
 TEST(MessageClient, SignalsArriveOnItsThreadInOrderAndItMayGoWhileTheyStreamIn)
 {
     QtTestApp<QCoreApplication> qt;

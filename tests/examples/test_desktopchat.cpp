@@ -22,14 +22,6 @@
 
 namespace {
 
-bool pump(const std::function<bool()> &condition)
-{
-    return eventually([&] {
-        QApplication::processEvents();
-        return condition();
-    });
-}
-
 QStringList texts(const QListWidget *list)
 {
     QStringList out;

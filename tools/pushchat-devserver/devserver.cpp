@@ -1,5 +1,6 @@
 #include "devserver.h"
 
+#include "compactjson.h"
 #include "devserverlog.h"
 #include "groupevent.h"
 #include "mqttmessage.h"
@@ -31,17 +32,6 @@ const QString kHttpPrefix = QStringLiteral("/vantrel_api/instance_message/");
 QString fromUtf8(const std::string &text) { return QString::fromStdString(text); }
 
 QJsonObject objectOf(const QString &json) { return QJsonDocument::fromJson(json.toUtf8()).object(); }
-
-QString compact(const QJsonObject &object)
-{
-    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
-}
-
-// PushClient takes some texts as char*.
-std::vector<char> mutableText(const std::string &text)
-{
-    return std::vector<char>(text.c_str(), text.c_str() + text.size() + 1);
-}
 
 QJsonObject friendPage(DevStore &store, const QString &owner, const QJsonObject &request)
 {
@@ -88,7 +78,7 @@ bool DevServer::start(QString *error)
         *error = QStringLiteral("HTTP port %1: %2").arg(m_settings.httpPort).arg(m_http.errorString());
         return false;
     }
-    std::vector<char> id = mutableText(m_settings.serverJid + "@devserver");
+    std::string id = m_settings.serverJid + "@devserver";
     m_client = std::make_unique<PushClient>(id.data(), m_settings.push);
     m_client->setEventRecv(this);
     m_client->start_connect(m_settings.host.c_str(), m_settings.port, kKeepaliveSeconds);
@@ -218,7 +208,7 @@ void DevServer::messageInfo(MQTTMessage &in, const QString &topicJid)
         const int status = request.value(QLatin1String("status")).toInt();
         const bool known = changeStatus(uuid, status, from);
         send(in.from, MESSAGE_INFO, MESSAGE_MODYFY_STATUS, 0,
-             compact({{QStringLiteral("uuid"), uuid},
+             CompactJson::text({{QStringLiteral("uuid"), uuid},
                       {QStringLiteral("status"), status},
                       {QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message")}}));
     }
@@ -238,7 +228,7 @@ bool DevServer::changeStatus(const QString &uuid, int status, const QString &mod
     if (!message || !m_store->setStatus(uuid, status, modifier))
         return false;
     send(message->from.toStdString(), MESSAGE_INFO, MESSAGE_MODYFY_CLIENT_STATUS, 0,
-         compact({{QStringLiteral("uuid"), uuid},
+         CompactJson::text({{QStringLiteral("uuid"), uuid},
                   {QStringLiteral("modifier"), modifier},
                   {QStringLiteral("status"), status}}));
     return true;
@@ -258,7 +248,7 @@ void DevServer::friendCommand(MQTTMessage &in, const QString &topicJid)
     else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_SetPro))
         m_store->setFriendProperties(from, fromUtf8(in.to), body);
     else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_List))
-        send(in.from, FriendInfo, FriendSubInfo_List, 0, compact(friendPage(*m_store, from, objectOf(body))));
+        send(in.from, FriendInfo, FriendSubInfo_List, 0, CompactJson::text(friendPage(*m_store, from, objectOf(body))));
 }
 
 void DevServer::historyCommand(MQTTMessage &in)
@@ -266,12 +256,12 @@ void DevServer::historyCommand(MQTTMessage &in)
     const QString from = fromUtf8(in.from);
     const QJsonObject request = objectOf(fromUtf8(in.body));
     if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_List))
-        send(in.from, HistoryINFO, HistorySubInfo_List, 0, compact(m_history.list(from, request)));
+        send(in.from, HistoryINFO, HistorySubInfo_List, 0, CompactJson::text(m_history.list(from, request)));
     else if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_Converstaion))
-        send(in.from, HistoryINFO, HistorySubInfo_Converstaion, 0, compact(m_history.conversations(from, request)));
+        send(in.from, HistoryINFO, HistorySubInfo_Converstaion, 0, CompactJson::text(m_history.conversations(from, request)));
     else if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_Converstaion_Detail))
         send(in.from, HistoryINFO, HistorySubInfo_Converstaion_Detail, 0,
-             compact(m_history.conversationDetail(from, request)));
+             CompactJson::text(m_history.conversationDetail(from, request)));
 }
 
 HttpService::Reply DevServer::answerHttp(const QString &path, const QUrlQuery &query)
@@ -307,5 +297,5 @@ HttpService::Reply DevServer::answerHttp(const QString &path, const QUrlQuery &q
                   {QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message")}};
         status = known ? 200 : 404;
     }
-    return {status, compact(answer).toUtf8()};
+    return {status, CompactJson::text(answer).toUtf8()};
 }

@@ -1,9 +1,9 @@
 #include "devstore.h"
 
+#include "compactjson.h"
 #include "devserverlog.h"
 
 #include <QDateTime>
-#include <QJsonDocument>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QUuid>
@@ -206,7 +206,7 @@ bool DevStore::isMember(const QString &user, const QString &room)
 void DevStore::setPresence(const QString &jid, bool online, const QJsonObject &presence)
 {
     QSqlQuery query(m_db);
-    const QString body = QString::fromUtf8(QJsonDocument(presence).toJson(QJsonDocument::Compact));
+    const QString body = CompactJson::text(presence);
     run(query,
         QStringLiteral("INSERT OR REPLACE INTO presence (jid, device, online, body, at) VALUES (?, ?, ?, ?, ?)"),
         {jid, presence.value(QLatin1String("device_id")).toString(), int(online), body,

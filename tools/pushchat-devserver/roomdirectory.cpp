@@ -1,5 +1,7 @@
 #include "roomdirectory.h"
 
+#include "compactjson.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -59,26 +61,14 @@ std::vector<RoomDirectory::Event> RoomDirectory::answer(GroupSubCmd cmd, const s
     case GroupSub_Kick:
         return kick(request);
     case GroupSub_SetGroupName:
-        if (Room *room = find(field(request, "jid"))) {
-            room->name = field(request, "name");
-            keep(*room);
-            return toMembers(*room, cmd);
-        }
-        return {};
+        return change(field(request, "jid"), cmd, [&](Room &room) { room.name = field(request, "name"); });
     case GroupSub_SetRoomCreater:
-        if (Room *room = find(field(request, "room_id"))) {
-            room->creater = field(request, "member_id");
-            keep(*room);
-            return toMembers(*room, cmd);
-        }
-        return {};
+        return change(field(request, "room_id"), cmd,
+                      [&](Room &room) { room.creater = field(request, "member_id"); });
     case GroupSub_Modify_Type:
-        if (Room *room = find(field(request, "room_id"))) {
-            room->type = static_cast<ROOM_TYPE>(request.value(QLatin1String("room_type")).toString().toInt());
-            keep(*room);
-            return toMembers(*room, cmd);
-        }
-        return {};
+        return change(field(request, "room_id"), cmd, [&](Room &room) {
+            room.type = static_cast<ROOM_TYPE>(request.value(QLatin1String("room_type")).toString().toInt());
+        });
     case GroupSub_Release:
         if (Room *room = find(field(request, "jid"))) {
             std::vector<Event> events = toMembers(*room, cmd);
@@ -91,6 +81,17 @@ std::vector<RoomDirectory::Event> RoomDirectory::answer(GroupSubCmd cmd, const s
     default:
         return {};
     }
+}
+
+std::vector<RoomDirectory::Event> RoomDirectory::change(const std::string &roomJid, GroupSubCmd cmd,
+                                                        const std::function<void(Room &)> &apply)
+{
+    Room *room = find(roomJid);
+    if (!room)
+        return {};
+    apply(*room);
+    keep(*room);
+    return toMembers(*room, cmd);
 }
 
 Room *RoomDirectory::find(const std::string &roomJid)
@@ -167,5 +168,5 @@ std::vector<RoomDirectory::Event> RoomDirectory::roomList(const std::string &use
     const QJsonObject list{{QStringLiteral("jid"), text(userJid)},
                            {QStringLiteral("name"), QString()},
                            {QStringLiteral("rooms"), rooms}};
-    return {{userJid, GroupSub_Refresh, QString::fromUtf8(QJsonDocument(list).toJson(QJsonDocument::Compact))}};
+    return {{userJid, GroupSub_Refresh, CompactJson::text(list)}};
 }

@@ -27,6 +27,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -48,6 +49,8 @@ public:
 private:
     Room *find(const std::string &roomJid);
     std::vector<Event> toMembers(Room &room, GroupSubCmd cmd);
+    /// Applies a change to a known room, keeps it and tells its members.
+    std::vector<Event> change(const std::string &roomJid, GroupSubCmd cmd, const std::function<void(Room &)> &apply);
     std::vector<Event> create(const std::string &from, const QJsonObject &request);
     std::vector<Event> invite(const QJsonObject &request);
     std::vector<Event> kick(const QJsonObject &request);

@@ -185,7 +185,9 @@ TEST(Faults, ASenderFasterThanTheBrokerIsToldWhatIsRefused)
     bob.side.waitFor(taken);
     const auto [lost, duplicated] = bob.side.tally("back-pressure", kOffered, accepted);
     std::printf("  accepted %d, refused %d (outbox of 100)\n", taken, kOffered - taken);
+#if !defined(__SANITIZE_THREAD__) // instrumented, the sender may be the slower one
     EXPECT_LT(taken, kOffered);
+#endif
     EXPECT_EQ(fields(lost.size(), duplicated, bob.side.distinct()), fields(0, 0, taken));
 }
 

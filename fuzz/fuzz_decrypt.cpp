@@ -1,8 +1,12 @@
 // Fuzzes VantrelCrypt's deciphering with the text as received from the
 // network (byte form and base-64 text form), and with blocks whose plain
 // content the fuzzer controls, to reach the integrity checks and
-// decompression with well-formed and damaged data alike.
+// decompression with well-formed and damaged data alike, under the default
+// payload limit and the envelope's. The smoke run sets a malloc limit
+// below what the seed bomb (flags 0x01, a compressed block of 100 MB of
+// zeros) inflates to: inflation that ignored its limit fails the run.
 
+#include "inputlimits.h"
 #include "vantrelcrypt.h"
 
 #include <QByteArray>
@@ -47,6 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     VantrelCrypt crypt(key);
     crypt.decryptToByteArray(input);
     crypt.decryptToByteArray(QString::fromLatin1(input));
-    crypt.decryptToByteArray(withPlainBlock(input, key));
+    const QByteArray block = withPlainBlock(input, key);
+    crypt.decryptToByteArray(block);
+    crypt.decryptToByteArray(block, InputLimits::ENVELOPE_BYTES);
     return 0;
 }

@@ -57,6 +57,7 @@ start_broker() {
     echo "allow_anonymous true"
     echo "set_tcp_nodelay true"
     echo "max_queued_messages 100000"
+    echo "max_inflight_messages 0"
     echo "log_dest stderr"
     if [ "$(id -u)" -eq 0 ]; then
       echo "user root"

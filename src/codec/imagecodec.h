@@ -20,9 +20,18 @@
 /// a critical line in the "pushchat.codec" log category.
 class PUSHCHAT_EXPORT ImageCodec {
 public:
+    /// The largest picture getEncodeImageStr takes: 64 Mi pixels (8192 x
+    /// 8192), width x height as the file's header declares them. The picture
+    /// is decoded once, at full size (4 bytes a pixel for most files, so at
+    /// most 256 MiB), to be shrunk to a 350-pixel edge; a larger one is
+    /// refused before its pixels are decoded, since decoding it would cost
+    /// gigabytes and minutes (20000 x 20000 pixels take 1.6 GB) for the same
+    /// small result. Camera pictures of up to about 64 megapixels pass.
+    static constexpr qint64 MAX_ENCODE_PIXELS = 64ll * 1024 * 1024;
+
     /// The image text of the picture in `path`, shrunk starting from `rate`
     /// (1.0 for the full 350-pixel edge). Empty when the file cannot be read
-    /// as an image.
+    /// as an image or its picture has more than MAX_ENCODE_PIXELS pixels.
     QString getEncodeImageStr(QString path, float rate);
 
     /// Writes the picture that `text` carries into the documents directory

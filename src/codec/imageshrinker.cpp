@@ -2,6 +2,8 @@
 
 #include "codeclog.h"
 
+#include <QImageReader>
+
 #include <climits>
 #include <cmath>
 #include <limits>
@@ -27,6 +29,15 @@ float ImageShrinker::nextRate(float rate)
     return float(double(rate) * rateStep);
 }
 
+namespace {
+
+qint64 pixelsOf(QSize size)
+{
+    return size.isValid() ? qint64(size.width()) * size.height() : 0;
+}
+
+} // namespace
+
 QImage ImageShrinker::shrink(const QString &path, float rate)
 {
     m_attempts = 0;
@@ -34,38 +45,57 @@ QImage ImageShrinker::shrink(const QString &path, float rate)
     // under 2000 attempts.
     if (std::isinf(rate) && rate > 0)
         rate = std::numeric_limits<float>::max();
+
+    // Decoded once, and only when the header's size is within the limit (a
+    // format that declares no size is checked once decoded): every attempt
+    // scales this original, never the previous attempt's result.
+    QImageReader reader(path);
+    QSize size = reader.size();
+    QImage original;
+    bool tooLarge = pixelsOf(size) > maxPixels;
+    const bool read = !tooLarge && reader.read(&original);
+    if (read && pixelsOf(original.size()) > maxPixels) {
+        tooLarge = true;
+        size = original.size();
+        original = QImage();
+    }
+    if (!read || tooLarge) {
+        Attempt attempt;
+        attempt.number = ++m_attempts;
+        attempt.rate = rate;
+        attempt.tooLarge = tooLarge;
+        if (tooLarge) {
+            attempt.loadedSize = size;
+            qCCritical(lcImageCodec).noquote().nospace()
+                    << "ERROR:image too large:" << path << ": " << size.width() << " x " << size.height()
+                    << " pixels, over " << maxPixels;
+        } else {
+            qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image not loaded:" << path;
+        }
+        if (m_observer)
+            m_observer(attempt);
+        return QImage();
+    }
+
     for (;;) {
         Attempt attempt;
         attempt.number = ++m_attempts;
         attempt.rate = rate;
-
-        // The file is read again at every attempt: each one scales the
-        // original, never the previous attempt's result.
-        QImage image;
-        attempt.loaded = image.load(path);
-        if (!attempt.loaded) {
-            qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image not loaded:" << path;
-            if (m_observer)
-                m_observer(attempt);
-            return QImage();
-        }
-        attempt.loadedSize = image.size();
-        attempt.loadedByteCount = image.sizeInBytes();
+        attempt.loaded = true;
+        attempt.loadedSize = original.size();
+        attempt.loadedByteCount = original.sizeInBytes();
         attempt.edgeLimit = edgeLimit(rate);
 
         QImage candidate;
-        if (rate >= 1.0f && attempt.loadedByteCount <= pixelBudget) {
-            candidate = std::move(image);
+        const int limit = attempt.edgeLimit;
+        const bool keep = rate >= 1.0f && attempt.loadedByteCount <= pixelBudget;
+        if (!keep && (original.width() > limit || original.height() > limit)) {
+            attempt.scaled = true;
+            candidate = original.width() > original.height()
+                    ? original.scaledToWidth(limit, Qt::FastTransformation)
+                    : original.scaledToHeight(limit, Qt::FastTransformation);
         } else {
-            const int limit = attempt.edgeLimit;
-            if (image.width() > limit || image.height() > limit) {
-                attempt.scaled = true;
-                candidate = image.width() > image.height()
-                        ? image.scaledToWidth(limit, Qt::FastTransformation)
-                        : image.scaledToHeight(limit, Qt::FastTransformation);
-            } else {
-                candidate = std::move(image);
-            }
+            candidate = original; // shared, not copied
         }
         attempt.candidateSize = candidate.size();
         attempt.candidateByteCount = candidate.sizeInBytes();

@@ -4,15 +4,20 @@
 // Shrinks a picture read from a file until its pixel data fits a budget
 // (internal header, shared by the image encoders).
 //
-// Each attempt loads the file again and, unless the picture already fits at
-// a rate of at least 1, scales it so that no edge exceeds rate x 350 pixels;
-// a candidate still over budget starts a new attempt at rate x 0.95. The
-// edge limit drops by 5 % per attempt, so the loop ends at the latest when
-// the limit reaches zero (Qt then yields a null image); an infinite rate is
-// taken as the largest finite one. An observer, when
-// given, sees every attempt, so callers can log without repeating the loop.
+// The file is decoded once: a picture whose header declares more than
+// maxPixels pixels is refused before its pixels are decoded (one attempt,
+// not loaded, tooLarge). Each attempt then takes the decoded original and,
+// unless it already fits at a rate of at least 1, scales it so that no edge
+// exceeds rate x 350 pixels; a candidate still over budget starts a new
+// attempt at rate x 0.95. The edge limit drops by 5 % per attempt, so the
+// loop ends at the latest when the limit reaches zero (Qt then yields a null
+// image); an infinite rate is taken as the largest finite one. An observer,
+// when given, sees every attempt, so callers can log without repeating the
+// loop.
 // Stateless apart from the attempt count of the last run; one instance per
 // call site and thread.
+
+#include "imagecodec.h"
 
 #include <QImage>
 #include <QSize>
@@ -28,11 +33,14 @@ public:
     static constexpr double edgePerRate = 350.0;
     /// Factor applied to the rate at each further attempt.
     static constexpr double rateStep = 0.95;
+    /// Largest picture decoded, in pixels (see ImageCodec::MAX_ENCODE_PIXELS).
+    static constexpr qint64 maxPixels = ImageCodec::MAX_ENCODE_PIXELS;
 
     /// What one attempt saw and decided.
     struct Attempt {
         int number = 0;                 ///< 1 for the first attempt
         bool loaded = false;            ///< false: the file did not load, the run ends
+        bool tooLarge = false;          ///< not loaded: over maxPixels (loadedSize as declared)
         QSize loadedSize;
         qsizetype loadedByteCount = 0;
         float rate = 0;
@@ -48,8 +56,8 @@ public:
     explicit ImageShrinker(Observer observer = {});
 
     /// The first candidate within the budget; a null image when the file
-    /// does not load (a critical line names the path) or when the edge limit
-    /// has dropped to nothing.
+    /// does not load or is over maxPixels (a critical line names the path)
+    /// or when the edge limit has dropped to nothing.
     QImage shrink(const QString &path, float rate);
 
     /// Attempts made by the last shrink().

@@ -3,21 +3,20 @@
 #include <QtEndian>
 
 #include <algorithm>
-#include <limits>
 
 namespace {
 
-// qUncompress refuses a claimed length that a QByteArray cannot hold.
-constexpr quint32 kLargestClaim = (1u << 31u) - 24u;
 // No zlib stream of n bytes inflates to more than about 1032 * n bytes.
 constexpr qint64 kMaxRatio = 1032;
 // Room past the expected end: zlib decodes with its fast loop only while at
 // least 258 bytes of output space are left.
 constexpr qint64 kSlack = 512;
 
-QByteArray viaQUncompress(const char *data, int size)
+QByteArray fail(Inflater::Result *result, Inflater::Result why)
 {
-    return qUncompress(reinterpret_cast<const uchar *>(data), size);
+    if (result != nullptr)
+        *result = why;
+    return QByteArray();
 }
 
 } // namespace
@@ -39,16 +38,19 @@ Inflater &Inflater::forThisThread()
     return inflater;
 }
 
-QByteArray Inflater::uncompress(const char *data, int size)
+QByteArray Inflater::uncompress(const char *data, int size, int limit, Result *result)
 {
     if (size <= 4 || !ready_)
-        return viaQUncompress(data, size);
+        return fail(result, Result::Damaged);
     const quint32 claim = qFromBigEndian<quint32>(data);
-    if (claim >= kLargestClaim)
-        return QByteArray();
+    if (qint64(claim) > qint64(limit))
+        return fail(result, Result::TooLarge);
 
+    // The output may reach limit + 1 bytes: one byte past the limit proves
+    // the data too large without inflating the rest.
+    const qint64 ceiling = qint64(limit) + 1;
     const qint64 bound = qint64(size - 4) * kMaxRatio + kMaxRatio;
-    qint64 capacity = std::min<qint64>(claim, bound) + kSlack;
+    qint64 capacity = std::min(std::min<qint64>(claim, bound) + kSlack, ceiling);
     QByteArray out(int(capacity), Qt::Uninitialized);
 
     inflateReset(&stream_);
@@ -60,19 +62,21 @@ QByteArray Inflater::uncompress(const char *data, int size)
         stream_.avail_out = uInt(capacity - produced);
         // Z_FINISH: when the data fits, inflate skips copying it into its
         // window; when it does not, the loop grows the buffer and goes on.
-        const int result = inflate(&stream_, Z_FINISH);
+        const int status = inflate(&stream_, Z_FINISH);
         produced = capacity - stream_.avail_out;
-        if (result == Z_STREAM_END)
+        if (produced > limit)
+            return fail(result, Result::TooLarge);
+        if (status == Z_STREAM_END)
             break;
-        if (result != Z_OK && result != Z_BUF_ERROR)
-            return QByteArray(); // damaged data, preset dictionary, out of memory
+        if (status != Z_OK && status != Z_BUF_ERROR)
+            return fail(result, Result::Damaged); // damaged data, preset dictionary, out of memory
         if (stream_.avail_out != 0)
-            return QByteArray(); // input ended before the stream did
-        if (capacity >= std::numeric_limits<int>::max() / 2)
-            return QByteArray();
-        capacity *= 2;
+            return fail(result, Result::Damaged); // input ended before the stream did
+        capacity = std::min(capacity * 2, ceiling);
         out.resize(int(capacity));
     }
     out.resize(int(produced));
+    if (result != nullptr)
+        *result = Result::Ok;
     return out;
 }

@@ -25,7 +25,8 @@ public:
     /// {"body": text, "type": "text"} as compact JSON.
     QString formatTextMessage(QString text);
     /// {"body": image text of `path` at rate 1.0, "type": "image_encode"};
-    /// the body is empty when the file is no image.
+    /// the body is empty when the file is no image or its picture is over
+    /// ImageCodec::MAX_ENCODE_PIXELS.
     QJsonObject formatEncodeImageMessage(QString path);
     /// {"body": path of the saved picture, "type": "image_with_path"}; the
     /// body is empty when the text does not decode or cannot be saved.

@@ -222,6 +222,11 @@ QString VantrelCrypt::encryptToString(const QString &plaintext)
 
 QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher)
 {
+    return decryptToByteArray(std::move(cypher), DEFAULT_MAX_PAYLOAD_BYTES);
+}
+
+QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher, int maxPayloadBytes)
+{
     if (keyBytes.isEmpty()) {
         qCWarning(lcCodec, "No key set.");
         lastStatus = StatusNoKey;
@@ -266,15 +271,22 @@ QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher)
     }
 
     QByteArray payload;
+    const int stored = size - offset;
+    Inflater::Result inflated = Inflater::Result::Ok;
     if (flags & FlagCompressed) {
-        const int stored = size - offset;
-        payload = Inflater::forThisThread().uncompress(data + offset, stored);
+        payload = Inflater::forThisThread().uncompress(data + offset, stored, maxPayloadBytes, &inflated);
         // qUncompress answers the four zero bytes that stand for no data with
         // a null array, as it answers damaged data; keep success non-null.
         if (payload.isNull() && stored == 4 && std::memcmp(data + offset, "\0\0\0\0", 4) == 0)
             payload = QByteArray("");
+    } else if (stored > maxPayloadBytes) {
+        inflated = Inflater::Result::TooLarge;
     } else {
         payload = cypher.mid(offset);  // non-null, also when empty
+    }
+    if (inflated == Inflater::Result::TooLarge) {
+        lastStatus = StatusTooLarge; // the caller reports it, once
+        return QByteArray();
     }
     lastStatus = StatusOk;
     return payload;

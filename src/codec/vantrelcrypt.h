@@ -58,7 +58,7 @@ public:
     /// SHA-1 of the payload.
 
     /// Values of lastStatus.
-    enum Status { StatusOk = 0, StatusNoKey = 1, StatusBadVersion = 2, StatusIntegrityFailed = 3 };
+    enum Status { StatusOk = 0, StatusNoKey = 1, StatusBadVersion = 2, StatusIntegrityFailed = 3, StatusTooLarge = 4 };
     /// \var VantrelCrypt::StatusOk
     /// The last operation succeeded.
     /// \var VantrelCrypt::StatusNoKey
@@ -67,6 +67,8 @@ public:
     /// Not a cipher text of version 0x03 (logged).
     /// \var VantrelCrypt::StatusIntegrityFailed
     /// The integrity field does not match the payload.
+    /// \var VantrelCrypt::StatusTooLarge
+    /// The payload would be longer than the limit of the decryption.
 
     /// No key: every operation fails with StatusNoKey until setKey().
     VantrelCrypt();
@@ -88,10 +90,18 @@ public:
     /// failure.
     QString encryptToString(const QString &plaintext);
 
+    /// The longest payload the decryptions without a limit of their own
+    /// give: 64 MiB. A compressed payload is inflated only up to the limit,
+    /// whatever length its compressed form claims; a longer one fails with
+    /// StatusTooLarge.
+    static constexpr int DEFAULT_MAX_PAYLOAD_BYTES = 64 * 1024 * 1024;
+
     /// The payload of the cipher text `cypher`; null on failure (a text
     /// shorter than the header and the random byte leaves lastStatus as it
-    /// was).
+    /// was). At most DEFAULT_MAX_PAYLOAD_BYTES.
     QByteArray decryptToByteArray(QByteArray cypher);
+    /// The same with a payload of at most `maxPayloadBytes` bytes.
+    QByteArray decryptToByteArray(QByteArray cypher, int maxPayloadBytes);
     /// The payload of the base-64 cipher text `cypher`; null on failure.
     QByteArray decryptToByteArray(const QString &cypher);
     /// The payload of the cipher text `cypher`, decoded as UTF-8; empty on

@@ -36,6 +36,8 @@ int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel,
         }
     }
     const QString target = completeJid(to);
+    if (refusedAddressee(target, "message"))
+        return 0;
     const bool notice = bodyType == BODY_TYPE_NOTICE;
 
     MQTTMessage msg(pushClient, true);
@@ -54,6 +56,8 @@ int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel,
 
 int MessagePrivate::sendLocation(QString target, QString first, QString second)
 {
+    if (refusedAddressee(target, "location"))
+        return 0;
     const QByteArray topic = QByteArray(kLocationPrefix) + target.toUtf8();
     const QByteArray payload = (first + QLatin1Char(':') + second).toUtf8();
     if (pushClient == nullptr || closing)

@@ -8,13 +8,30 @@
 
 namespace {
 
-// Logs the missing login; nothing is requested then.
+// Why the last HTTP history call of this thread gave "": kept per thread,
+// as several application threads may ask at once, each reading its own.
+thread_local QString lastErrorOfThread;
+
+// Logs and keeps the missing login; nothing is requested then.
 bool haveLogin(const std::string &jid, const char *operation)
 {
     if (!jid.empty())
         return true;
     PUSHCHAT_ENGINE_LOG(operation) << "not logged in: no request";
+    lastErrorOfThread = QStringLiteral("not logged in");
     return false;
+}
+
+// One request of a fresh task within `deadlineMs` (0: the task's default):
+// the body, or "" with the reason kept for this thread.
+template <typename Ask>
+QByteArray fetch(int deadlineMs, Ask ask)
+{
+    HttpSyncTask task(nullptr);
+    task.setDeadline(deadlineMs);
+    QByteArray body = ask(task);
+    lastErrorOfThread = task.lastError();
+    return body;
 }
 
 } // namespace
@@ -22,6 +39,16 @@ bool haveLogin(const std::string &jid, const char *operation)
 void MessagePrivate::setHistoryBaseAddress(const QString &base)
 {
     httpHistoryBase = base;
+}
+
+void MessagePrivate::setHistoryDeadline(int milliseconds)
+{
+    httpHistoryDeadlineMs = milliseconds;
+}
+
+QString MessagePrivate::lastHistoryError() const
+{
+    return lastErrorOfThread;
 }
 
 QString MessagePrivate::historyBaseAddress() const
@@ -33,8 +60,9 @@ void MessagePrivate::startSyncMessageRun(QString msgUuid)
 {
     QByteArray body;
     if (haveLogin(jid, "startSyncMessageRun")) {
-        HttpSyncTask task(nullptr);
-        body = task.syncHistoryMessage(historyBaseAddress(), QString::fromStdString(jid), msgUuid, securityLevel);
+        body = fetch(httpHistoryDeadlineMs, [&](HttpSyncTask &task) {
+            return task.syncHistoryMessage(historyBaseAddress(), QString::fromStdString(jid), msgUuid, securityLevel);
+        });
     }
     if (imReciever != nullptr)
         imReciever->onHistoryMessages(body.constData());
@@ -44,9 +72,10 @@ void MessagePrivate::startPullMessageRun(int type, int count, QString msgUuid)
 {
     QByteArray body;
     if (haveLogin(jid, "startPullMessageRun")) {
-        HttpSyncTask task(nullptr);
-        body = task.pullHistoryMessage(historyBaseAddress(), QString::fromStdString(jid), type, count, msgUuid,
-                                       securityLevel);
+        body = fetch(httpHistoryDeadlineMs, [&](HttpSyncTask &task) {
+            return task.pullHistoryMessage(historyBaseAddress(), QString::fromStdString(jid), type, count, msgUuid,
+                                           securityLevel);
+        });
     }
     if (imReciever != nullptr)
         imReciever->onHistoryMessages(body.constData());

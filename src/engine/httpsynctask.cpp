@@ -1,56 +1,47 @@
 // The blocking HTTP client of the history service: one GET per call, waited
-// for in a nested event loop on the calling thread.
+// for in a nested event loop on the calling thread, within the bounds that
+// httpsynctask.h lists.
 
 #include "httpsynctask.h"
 
 #include "enginelog.h"
+#include "httpreplyreader.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
-#include <QMetaEnum>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QThread>
 #include <QTimer>
 #include <QUrl>
+#ifndef QT_NO_SSL
+#include <QSslSocket>
+#else
+#include <QTcpSocket>
+#endif
+
+#include <algorithm>
+#include <memory>
 
 namespace {
 
-// After an error, how long to wait for the reply's finished signal.
-constexpr int kWaitForFinishedAfterErrorMs = 1000;
-
-const char *errorName(QNetworkReply::NetworkError code)
+QString seconds(int milliseconds)
 {
-    const char *name = QMetaEnum::fromType<QNetworkReply::NetworkError>().valueToKey(code);
-    return name != nullptr ? name : "UnknownNetworkError";
-}
-
-void logRefused(const QString &url, const char *why)
-{
-    qCDebug(lcEngine).noquote() << "[HttpSyncTask] request url" << url << "error:" << why;
+    return QString::number(milliseconds / 1000.0) + QStringLiteral(" s");
 }
 
 } // namespace
 
-HttpSyncTask::HttpSyncTask(QObject *parent) : QObject(parent), manager(new QNetworkAccessManager)
-{
-    manager->setTransferTimeout(TRANSFER_TIMEOUT_MS);
-}
+HttpSyncTask::HttpSyncTask(QObject *parent) : QObject(parent) {}
 
-HttpSyncTask::~HttpSyncTask()
-{
-    delete manager; // and with it any reply
-}
+HttpSyncTask::~HttpSyncTask() = default;
 
 void HttpSyncTask::setTransferTimeout(int milliseconds)
 {
-    manager->setTransferTimeout(milliseconds);
+    m_transferTimeoutMs = milliseconds;
 }
 
-int HttpSyncTask::transferTimeout() const
+void HttpSyncTask::setDeadline(int milliseconds)
 {
-    return manager->transferTimeout();
+    m_deadlineMs = milliseconds > 0 ? milliseconds : DEADLINE_MS;
 }
 
 QString HttpSyncTask::queryValue(const QString &value)
@@ -60,76 +51,162 @@ QString HttpSyncTask::queryValue(const QString &value)
 
 QByteArray HttpSyncTask::httpResult(const QString &url)
 {
-    QByteArray result;
-    // Conditions under which the loop could never be woken, or would run
-    // in the wrong thread: refuse instead of hanging.
-    if (QCoreApplication::instance() == nullptr) {
-        logRefused(url, "no QCoreApplication");
-        return result;
+    // A call from another thread, or from inside the wait of a call of this
+    // task, is refused and leaves lastError to that call.
+    if (QThread::currentThread() != thread() || m_waiting) {
+        qCDebug(lcEngine).noquote() << "[HttpSyncTask] request url" << url
+                                    << "error: not the task's thread, or a request of this task is waiting";
+        return QByteArray();
     }
-    if (QThread::currentThread() != thread() || QAbstractEventDispatcher::instance() == nullptr) {
-        logRefused(url, "not the task's thread, or the thread has no event dispatcher");
-        return result;
-    }
-    if (reply != nullptr) {
-        logRefused(url, "a request of this task is already waiting");
-        return result;
-    }
+    m_reason.clear();
+    // Conditions under which the loop could never be woken: refuse instead
+    // of hanging.
     const QUrl target(url, QUrl::TolerantMode);
-    if (!target.isValid() || target.host().isEmpty()) {
-        logRefused(url, "invalid url");
-        return result;
+    if (QCoreApplication::instance() == nullptr)
+        m_reason = QStringLiteral("no QCoreApplication");
+    else if (QAbstractEventDispatcher::instance() == nullptr)
+        m_reason = QStringLiteral("the thread has no event dispatcher");
+    else if (!target.isValid() || target.host().isEmpty())
+        m_reason = QStringLiteral("invalid url");
+    else if (target.scheme() != QLatin1String("http") && target.scheme() != QLatin1String("https"))
+        m_reason = QStringLiteral("not an http or https url");
+    else {
+        m_waiting = true;
+        exchange(target);
+        m_waiting = false;
     }
 
-    reply = manager->get(QNetworkRequest(target));
-    bool finished = false;
-    bool errorEndedWait = false;
-    // Both handlers are connected before the loop runs; the reply lives in
-    // this thread, so neither can run before exec() below.
-    connect(reply, &QNetworkReply::finished, this, [this, &result, &finished, url] {
-        finished = true;
-        qCDebug(lcEngine).noquote() << "[HttpSyncTask] htpp ok, url:" << url;
-        if (loop.isRunning())
-            loop.quit();
-        if (reply->error() == QNetworkReply::NoError)
-            result = reply->readAll();
-    });
-    const auto onError = [this, &errorEndedWait, url](QNetworkReply::NetworkError code) {
-        if (code == QNetworkReply::NoError)
-            return;
-        qCDebug(lcEngine).noquote() << "[HttpSyncTask] request url" << url << "error:" << errorName(code);
-        if (loop.isRunning()) {
-            errorEndedWait = true;
-            loop.quit();
-        }
-    };
-    connect(reply, &QNetworkReply::errorOccurred, this, onError);
-
-    if (!finished)
-        loop.exec();
-    if (!finished && errorEndedWait) {
-        // finished may come in a later event than the error: wait for it,
-        // briefly, so the reply ends on its own.
-        QTimer guard;
-        guard.setSingleShot(true);
-        connect(&guard, &QTimer::timeout, &loop, &QEventLoop::quit);
-        guard.start(kWaitForFinishedAfterErrorMs);
-        loop.exec();
-    }
-    if (!finished && !errorEndedWait) {
-        // The thread's event loops were told to exit: end the request now.
-        // (After an error the reply has ended already; aborting it would
-        // report a second error, which Qt warns about.)
-        disconnect(reply, &QNetworkReply::errorOccurred, this, nullptr);
-        reply->abort();
-    }
-    // Deleted here rather than with deleteLater: a deferred delete posted
-    // inside the nested loop would wait for an outer loop that a plain
-    // thread never runs. No signal of the reply is being emitted now.
-    disconnect(reply, nullptr, this, nullptr);
-    delete reply;
-    reply = nullptr;
+    QByteArray result;
+    if (m_reason.isEmpty())
+        result.swap(m_body);
+    m_body = QByteArray(); // a refused body's memory goes now
+    m_lastError = m_reason;
+    if (m_lastError.isEmpty())
+        qCDebug(lcEngine).noquote() << "[HttpSyncTask] http ok, url:" << url;
+    else
+        qCDebug(lcEngine).noquote() << "[HttpSyncTask] request url" << url << "error:" << m_lastError;
     return result;
+}
+
+void HttpSyncTask::exchange(const QUrl &target)
+{
+    const bool tls = target.scheme() == QLatin1String("https");
+#ifndef QT_NO_SSL
+    const std::unique_ptr<QTcpSocket> socket(tls ? new QSslSocket : new QTcpSocket);
+#else
+    if (tls) {
+        m_reason = QStringLiteral("https is not available in this build");
+        return;
+    }
+    const std::unique_ptr<QTcpSocket> socket(new QTcpSocket);
+#endif
+    // Qt reads from the connection only while less than this waits here
+    // unread, so a fast server is held back by TCP itself.
+    socket->setReadBufferSize(READ_BUFFER_BYTES);
+    HttpReplyReader reader(MAX_BODY_BYTES);
+    bool ended = false; // the reader has the whole reply, or refused it
+    const auto take = [&] {
+        // read(n) would allocate n bytes first: ask for what is there.
+        for (qint64 n; !ended && (n = std::min(socket->bytesAvailable(), READ_BUFFER_BYTES)) > 0;)
+            ended = reader.feed(socket->read(n)) != HttpReplyReader::State::Reading;
+        if (ended)
+            loop.quit();
+    };
+    QTimer silence;
+    silence.setSingleShot(true);
+    const auto restartSilence = [&] {
+        if (m_transferTimeoutMs > 0)
+            silence.start(m_transferTimeoutMs);
+    };
+    connect(&silence, &QTimer::timeout, this, [this] {
+        refuse(QStringLiteral("no data for %1 (transfer timeout)").arg(seconds(m_transferTimeoutMs)));
+    });
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    deadline.setTimerType(Qt::PreciseTimer); // a coarse one may fire 5 % early
+    connect(&deadline, &QTimer::timeout, this,
+            [this] { refuse(QStringLiteral("timed out after %1 (deadline)").arg(seconds(m_deadlineMs))); });
+
+    const QByteArray request = requestText(target);
+    const auto send = [&] {
+        restartSilence();
+        socket->write(request);
+    };
+    connect(socket.get(), &QTcpSocket::readyRead, this, [&] {
+        restartSilence();
+        take();
+    });
+    connect(socket.get(), &QTcpSocket::disconnected, this, [&] {
+        take();
+        ended = ended || reader.end() != HttpReplyReader::State::Reading;
+        loop.quit();
+    });
+    connect(socket.get(), &QAbstractSocket::errorOccurred, this, [&](QAbstractSocket::SocketError error) {
+        // The server's close ends the reply, or cuts it short: disconnected
+        // (emitted next) tells which.
+        if (error != QAbstractSocket::RemoteHostClosedError)
+            refuse(socketError(*socket));
+    });
+#ifndef QT_NO_SSL
+    if (tls) {
+        auto *secure = static_cast<QSslSocket *>(socket.get());
+        connect(secure, &QSslSocket::encrypted, this, send);
+        secure->connectToHostEncrypted(target.host(), static_cast<quint16>(target.port(443)));
+    } else
+#endif
+    {
+        connect(socket.get(), &QTcpSocket::connected, this, send);
+        socket->connectToHost(target.host(), static_cast<quint16>(target.port(80)));
+    }
+    restartSilence();
+    deadline.start(m_deadlineMs);
+
+    if (m_reason.isEmpty())
+        loop.exec();
+    // No handler runs from here on; the connection is dropped at once.
+    disconnect(socket.get(), nullptr, this, nullptr);
+    socket->abort();
+    if (!m_reason.isEmpty())
+        return;
+    if (!ended)
+        m_reason = QStringLiteral("interrupted"); // the thread's event loops were told to exit
+    else if (reader.state() == HttpReplyReader::State::Failed)
+        m_reason = reader.error();
+    else
+        m_body = reader.takeBody();
+}
+
+QByteArray HttpSyncTask::requestText(const QUrl &target)
+{
+    QUrl path = target;
+    if (path.path().isEmpty())
+        path.setPath(QStringLiteral("/"));
+    const QByteArray resource = path.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment);
+    const QByteArray host = target.authority(QUrl::RemoveUserInfo | QUrl::FullyEncoded).toLatin1();
+    // Asked for without compression, over a connection closed after it.
+    return "GET " + resource + " HTTP/1.1\r\nHost: " + host +
+           "\r\nAccept-Encoding: identity\r\nConnection: close\r\nUser-Agent: pushchat\r\n\r\n";
+}
+
+void HttpSyncTask::refuse(const QString &reason)
+{
+    if (m_reason.isEmpty())
+        m_reason = reason;
+    loop.quit();
+}
+
+QString HttpSyncTask::socketError(const QAbstractSocket &socket)
+{
+    switch (socket.error()) {
+    case QAbstractSocket::ConnectionRefusedError:
+        return QStringLiteral("connection refused");
+    case QAbstractSocket::HostNotFoundError:
+        return QStringLiteral("host not found");
+    case QAbstractSocket::SslHandshakeFailedError:
+        return QStringLiteral("TLS handshake failed: %1").arg(socket.errorString());
+    default:
+        return socket.errorString();
+    }
 }
 
 QByteArray HttpSyncTask::pullHistoryMessage(QString base, QString userId, int type, int count, QString msgUuid,

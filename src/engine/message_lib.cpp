@@ -41,6 +41,11 @@ QString Message_lib::lastConnectionErrorText() const
     return d->lastConnectionErrorText();
 }
 
+DroppedInputs Message_lib::droppedInputs() const
+{
+    return d->droppedInputs();
+}
+
 int Message_lib::registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
                                     QString domain, QString extra2)
 {
@@ -131,6 +136,16 @@ void Message_lib::startSyncMessageRun(QString msgUuid)
 void Message_lib::startPullMessageRun(int type, int count, QString msgUuid)
 {
     d->startPullMessageRun(type, count, msgUuid);
+}
+
+void Message_lib::setHistoryDeadline(int milliseconds)
+{
+    d->setHistoryDeadline(milliseconds);
+}
+
+QString Message_lib::lastHistoryError() const
+{
+    return d->lastHistoryError();
 }
 
 int Message_lib::remoteDesktopControl(QString ignored, QString jid, QString text)

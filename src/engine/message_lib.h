@@ -5,6 +5,7 @@
 /// Message_lib, the one class an application drives.
 
 #include <pushchat/pushchat_export.h>
+#include <pushchat/droppedinputs.h>
 #include <pushchat/imeventreciever.h>
 #include <pushchat/mediainfo.h>
 #include <pushchat/pushclientoptions.h>
@@ -74,11 +75,20 @@ public:
     /// reported once and not retried until the next login.
     PushConnectionError lastConnectionError() const;
     /// The same as a text for people, with the broker's address and the
-    /// TLS library's reason where there is one; empty when there is no error.
+    /// TLS library's reason where there is one, or why a login was refused;
+    /// empty when there is no error.
     QString lastConnectionErrorText() const;
+    /// What was dropped from the network so far: deliveries over their
+    /// size limits, room JIDs that failed the JID check, rooms beyond the
+    /// most held. Any thread.
+    DroppedInputs droppedInputs() const;
 
-    /// Logs in and connects; always 1 (the outcome arrives as onConnected).
-    /// A login while connected logs out first. An empty domain uses `host`.
+    /// Logs in and connects; 1, and the outcome arrives as onConnected. 0,
+    /// and nothing is sent, when the user id or the domain fails the JID
+    /// check (see jid.h: no MQTT wildcard, no '/', '@' or control character,
+    /// valid UTF-8, at most 256 bytes); lastConnectionErrorText() says
+    /// which and why. A login while connected logs out first. An empty
+    /// domain uses `host`.
     /// The user's JID is `userId` "@" domain; `securityLevel` is the user's
     /// level (see ImEventReciever::onMessageReceive), also sent with the
     /// history requests. `extra1` and `extra2` are not used.
@@ -165,14 +175,28 @@ public:
     ///@}
 
     /// \name History over HTTP
-    /// Blocking: each waits on the calling thread (at most about 10 s of
-    /// silence) and then calls ImEventReciever::onHistoryMessages on that
-    /// same thread with the reply body, "" when the request failed. They
-    /// need a QCoreApplication and a login (the JID and security level of
-    /// the last login are used; the push connection itself is not). Several
-    /// threads may call them at once. The service's address is set with
-    /// setHistoryBaseAddress.
+    /// Blocking: each waits on the calling thread (at most the deadline, 30 s
+    /// by default, and less after 10 s of silence) and then calls
+    /// ImEventReciever::onHistoryMessages on that same thread with the reply
+    /// body, "" when the request failed; lastHistoryError() tells why. The
+    /// reply is bounded: a 2xx status, a head of at most 64 KiB and 100
+    /// header fields, no redirect followed, no compression, a body of at
+    /// most 16 MiB without a NUL byte. They need a QCoreApplication and a login (the JID and
+    /// security level of the last login are used; the push connection
+    /// itself is not). Several threads may call them at once. The service's
+    /// address is set with setHistoryBaseAddress. A wait ends early, failed,
+    /// when the thread's event loops are told to exit
+    /// (QCoreApplication::exit).
     ///@{
+
+    /// The overall deadline of each later request, in milliseconds; 0 or
+    /// less restores the default of 30 000. Set it before the requests.
+    void setHistoryDeadline(int milliseconds);
+    /// Why the calling thread's last request gave "", as one line for
+    /// people ("HTTP 404 Not Found", "connection refused", "timed out after
+    /// 30 s (deadline)", "body over 16777216 bytes", ...); "" after one that
+    /// succeeded.
+    QString lastHistoryError() const;
 
     /// The messages since message `msgUuid`.
     void startSyncMessageRun(QString msgUuid);

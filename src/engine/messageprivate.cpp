@@ -6,6 +6,8 @@
 #include "compactjson.h"
 #include "contactmanager.h"
 #include "enginelog.h"
+#include "inputlimits.h"
+#include "jid.h"
 #include "roomnotifier.h"
 
 #include <QJsonDocument>
@@ -41,6 +43,13 @@ std::string persistedDeviceId()
     const QString id = settings.value(QLatin1String(kDeviceIdKey), fresh).toString();
     settings.setValue(QLatin1String(kDeviceIdKey), id);
     return id.toStdString();
+}
+
+// A value from the network, short and quoted with escapes, for a log line.
+QString shown(const char *text, std::size_t length)
+{
+    constexpr std::size_t kShown = 80;
+    return QString::fromUtf8(text, int(std::min(length, kShown)));
 }
 
 // A mutable NUL-terminated copy, for the push client's char* parameters.
@@ -114,6 +123,18 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
         disconnectToIMServer(); // one connection at a time: the old one logs out in order
     if (loginDomain.isEmpty())
         loginDomain = host;
+    // Checked before anything is sent: the user's JID is in every topic it
+    // subscribes and publishes.
+    loginError.clear();
+    for (const auto &[what, value] : { std::pair{ "user id", &user }, std::pair{ "domain", &loginDomain } }) {
+        const Jid::Problem problem = Jid::checkPart(*value);
+        if (problem != Jid::Problem::None) {
+            loginError = QStringLiteral("login refused: the %1 %2")
+                             .arg(QLatin1String(what), QLatin1String(Jid::describe(problem)));
+            qCWarning(lcEngine).noquote() << loginError;
+            return 0;
+        }
+    }
 
     serverHost = host;
     closing = false;
@@ -125,6 +146,7 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
 
     std::vector<char> clientId = mutableText(jid + "@" + deviceId);
     pushClient = new PushClient(clientId.data(), pushOptions);
+    pushClient->setIncomingLimit(std::size_t(InputLimits::PAYLOAD_BYTES)); // not copied past it
     unverifiedLink = pushOptions.tls.enabled && pushOptions.tls.insecure;
     pushClient->setEventRecv(this);
 
@@ -162,10 +184,13 @@ void MessagePrivate::connectStatus(bool connected)
     if (unverifiedLink)
         qCWarning(lcEngine) << "connected over TLS WITHOUT verifying the broker's certificate or host name:"
                                " anyone on the path can read and change the traffic";
+    // One SUBSCRIBE per topic, no UNSUBSCRIBE before it: a subscription of a
+    // filter the session holds replaces it without interrupting its flow
+    // (MQTT 3.1.1, 3.8.4), where unsubscribing first would lose what the
+    // broker routed between the two packets.
     for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {
         PUSHCHAT_ENGINE_LOG("connectStatus") << "subscribe:" << topic.c_str();
         std::vector<char> t = mutableText(topic);
-        pushClient->unsubscribe(t.data());
         pushClient->subscribe(t.data());
     }
     refreshGroupList();
@@ -180,19 +205,32 @@ void MessagePrivate::messgeRecieved(char *topic, char *payload)
     Q_UNUSED(payload)
 }
 
+void MessagePrivate::dropOversized(const char *topic, const char *what, int limit)
+{
+    ++droppedOversized;
+    qCWarning(lcEngine).nospace() << "message dropped: its " << what << " passes the limit of " << limit
+                                  << " bytes; topic " << shown(topic, strnlen(topic, InputLimits::TOPIC_BYTES));
+}
+
 void MessagePrivate::messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain)
 {
     Q_UNUSED(mid)
-    Q_UNUSED(length)
     Q_UNUSED(qos)
     Q_UNUSED(retain)
     const char *text = static_cast<const char *>(payload);
+    // Bounds first: nothing over a limit is copied, deciphered or inflated.
+    const std::size_t topicLength = strnlen(topic, std::size_t(InputLimits::TOPIC_BYTES) + 1);
+    if (topicLength > std::size_t(InputLimits::TOPIC_BYTES))
+        return dropOversized(topic, "topic", InputLimits::TOPIC_BYTES);
+    if (length > InputLimits::PAYLOAD_BYTES)
+        return dropOversized(topic, "payload", InputLimits::PAYLOAD_BYTES);
     PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << topic << " msg:" << text;
 
     MQTTMessage msg(pushClient, true);
     if (std::strcmp(topic, NOTICE_TOPIC) == 0) {
         // Notices are for everyone: no command chain, no security check.
-        msg.parseMessage(text);
+        if (!msg.parseMessage(text) && msg.oversized)
+            return dropOversized(topic, "envelope", InputLimits::ENVELOPE_BYTES);
         PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << msg.from.c_str() << " msg:"
                                                   << msg.to.c_str();
         if (imReciever != nullptr)
@@ -204,6 +242,8 @@ void MessagePrivate::messgeRecievedMore(int mid, char *topic, void *payload, int
     }
     if (msg.fromTopic(topic, text) && (msg.protocol.code == MESSAGE || msg.protocol.code == SYSTEM))
         msg.startMatchSys(this);
+    else if (msg.oversized)
+        dropOversized(topic, "envelope", InputLimits::ENVELOPE_BYTES);
 }
 
 MQTTMessage *MessagePrivate::createPresenseMsg(MESSAGE_PRESENCE_TYPE type, std::string text)
@@ -267,24 +307,73 @@ std::vector<std::string> roomFilters(const QList<std::string> &roomJids)
 {
     std::vector<std::string> filters;
     filters.reserve(std::size_t(roomJids.size()));
-    for (const std::string &room : roomJids)
-        filters.push_back(MqttMesaageProtocol::getSendToTopic(room) + "#");
+    for (const std::string &room : roomJids) {
+        if (Jid::check(room) == Jid::Problem::None)
+            filters.push_back(MqttMesaageProtocol::getSendToTopic(room) + "#");
+    }
     return filters;
 }
 
 } // namespace
 
-// Each room's topic is unsubscribed, then subscribed, both in batches, so
-// thousands of rooms cost a few dozen packets. A room is recorded once,
+// Each room's topic is subscribed in batches, so thousands of rooms cost a
+// few dozen packets. A room is recorded once,
 // however often the room list arrives (at every reconnection).
+bool MessagePrivate::refusedAddressee(const QString &jid, const char *what) const
+{
+    const Jid::Problem problem = Jid::check(jid);
+    if (problem == Jid::Problem::None)
+        return false;
+    qCWarning(lcEngine).noquote() << what << "not sent: the JID" << Jid::describe(problem) << ":" << jid.left(80);
+    return true;
+}
+
+bool MessagePrivate::refusedRoomJid(const std::string &roomJid)
+{
+    const Jid::Problem problem = Jid::check(roomJid);
+    if (problem == Jid::Problem::None)
+        return false;
+    ++droppedRoomJids;
+    qCWarning(lcEngine) << "room dropped: its JID" << Jid::describe(problem) << ":"
+                        << shown(roomJid.c_str(), roomJid.size());
+    return true;
+}
+
+QList<std::string> MessagePrivate::admissibleRooms(const QList<std::string> &roomJids)
+{
+    QList<std::string> rooms;
+    std::size_t refused = 0;
+    std::lock_guard<std::mutex> lock(roomsMutex);
+    for (const std::string &room : roomJids) {
+        if (refusedRoomJid(room))
+            continue;
+        if (subscribedRooms.count(room) == 0 &&
+            subscribedRooms.size() + std::size_t(rooms.size()) >= std::size_t(InputLimits::ROOMS)) {
+            ++refused;
+            continue;
+        }
+        rooms.append(room);
+    }
+    if (refused > 0) {
+        droppedRooms += refused;
+        qCWarning(lcEngine) << refused << "rooms not subscribed: the client holds the most room topics it may,"
+                            << InputLimits::ROOMS;
+    }
+    return rooms;
+}
+
+// Only rooms that pass admissibleRooms reach the broker: no wildcard from
+// the network is ever subscribed.
 int MessagePrivate::subscribe_message_group(QList<std::string> roomJids)
 {
     if (pushClient == nullptr || roomJids.isEmpty())
         return 1; // not logged in: nothing subscribed, nothing recorded
+    roomJids = admissibleRooms(roomJids);
+    if (roomJids.isEmpty())
+        return 1;
     const std::vector<std::string> filters = roomFilters(roomJids);
     PUSHCHAT_ENGINE_LOG("subscribe_message_group") << "subscribe:" << filters.size() << "rooms";
-    pushClient->unsubscribe(filters);
-    pushClient->subscribe(filters);
+    pushClient->subscribe(filters); // replaces a subscription held, without a gap
     std::lock_guard<std::mutex> lock(roomsMutex);
     for (const std::string &room : roomJids)
         subscribedRooms.insert(room);
@@ -311,6 +400,14 @@ int MessagePrivate::disconnectToIMServer()
     closing = true;
     if (pushClient == nullptr)
         return 1;
+    // The logout presence travels at QoS 0, which the broker forwards at
+    // once, while a QoS 2 message is forwarded only after its handshake:
+    // published with acknowledgements outstanding, it would overtake what
+    // was sent before it. So it waits for them, within a bound.
+    const auto deadline = std::chrono::steady_clock::now() + pushOptions.closeTimeout;
+    while (pushClient->pendingCount() > 0 && pushClient->state() == PushClient::State::Online &&
+           std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     send_online_state(PRESENCE_OFFLINE, kQuitText, kQuitQos);
     for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {
         PUSHCHAT_ENGINE_LOG("disconnectToIMServer") << "unsubscribe:" << topic.c_str();
@@ -353,5 +450,14 @@ PushConnectionError MessagePrivate::lastConnectionError() const
 
 QString MessagePrivate::lastConnectionErrorText() const
 {
-    return pushClient != nullptr ? QString::fromStdString(pushClient->lastErrorText()) : QString();
+    return pushClient != nullptr ? QString::fromStdString(pushClient->lastErrorText()) : loginError;
+}
+
+DroppedInputs MessagePrivate::droppedInputs() const
+{
+    DroppedInputs counts;
+    counts.oversized = droppedOversized;
+    counts.invalidRoomJids = droppedRoomJids;
+    counts.roomsOverLimit = droppedRooms;
+    return counts;
 }

@@ -30,6 +30,7 @@
 // client and the contact manager are owned. Destruction disconnects first,
 // then destroys the contact manager.
 
+#include "droppedinputs.h"
 #include "imeventreciever.h"
 #include "mqttmessage.h"
 #include "pushclient.h"
@@ -72,12 +73,15 @@ public:
     QString serverJid() const;
 
     // --- connection lifecycle ------------------------------------------
-    /// Stores the security level, then logs in. Returns 1.
+    /// Stores the security level, then logs in. Returns 1, or 0 when the
+    /// user id or domain fails the JID check (nothing sent; see
+    /// lastConnectionErrorText).
     int registerToServer(QString host, int port, QString userId, QString extra1, int securityLevel,
                          QString domain, QString extra2);
     /// Logs in: creates the push client (an existing connection is closed
     /// first, in order), sets the will, starts connecting. Returns 1; the
-    /// outcome arrives as connectStatus.
+    /// outcome arrives as connectStatus. 0 for a user id or domain that
+    /// fails the JID check.
     int registerToIMServer(QString host, int port, QString userId, QString extra1, QString domain,
                            QString extra2);
     /// Orderly logout: "APP_QUIT", unsubscriptions, push client released.
@@ -132,9 +136,10 @@ public:
 
     // --- history over HTTP -----------------------------------------------
     // Blocking fetches from the history service (see httpsynctask.h): each
-    // waits on the calling thread, at most about 10 s of silence, then calls
-    // onHistoryMessages on that same thread with the reply body, "" when the
-    // request failed (network error, HTTP error, timeout). They need a
+    // waits on the calling thread, at most the deadline (30 s by default),
+    // then calls onHistoryMessages on that same thread with the reply body,
+    // "" when the request failed (network error, HTTP error, timeout, a
+    // bound of the task exceeded; lastHistoryError says which). They need a
     // QCoreApplication and a login since construction (the JID and level of
     // the last login are used; the push connection itself is not): without
     // one nothing is requested and the callback gets "". Several
@@ -147,6 +152,12 @@ public:
     void setHistoryBaseAddress(const QString &base);
     /// The address the next request uses.
     QString historyBaseAddress() const;
+    /// The overall deadline of each later request, in milliseconds; 0 or
+    /// less means HttpSyncTask::DEADLINE_MS.
+    void setHistoryDeadline(int milliseconds);
+    /// Why the calling thread's last request gave "" (HttpSyncTask's
+    /// lastError, or "not logged in"); "" after one that succeeded.
+    QString lastHistoryError() const;
 
     // --- remote-desktop signalling --------------------------------------
     // Each sends the caller's text to the peer (completed with the domain
@@ -226,6 +237,8 @@ public:
     /// text for people; None (and "") without a connection.
     PushConnectionError lastConnectionError() const;
     QString lastConnectionErrorText() const;
+    /// What was dropped from the network so far (see droppedinputs.h).
+    DroppedInputs droppedInputs() const;
 
     // --- state, for tests and diagnostics ------------------------------
     std::string userJid() const { return jid; }
@@ -242,6 +255,17 @@ public:
 
 private:
     void setFreshWill();
+    /// The room JIDs that may be subscribed: those that pass the JID check,
+    /// as many as the room bound leaves room for; the rest are counted and
+    /// logged. Takes roomsMutex.
+    QList<std::string> admissibleRooms(const QList<std::string> &roomJids);
+    /// True, and logged ("<what> not sent"), when `jid`, the addressee of
+    /// something the application sends, fails the JID check.
+    bool refusedAddressee(const QString &jid, const char *what) const;
+    /// True, counted and logged, when `roomJid` fails the JID check.
+    bool refusedRoomJid(const std::string &roomJid);
+    /// Counts and logs a delivery over its size limits.
+    void dropOversized(const char *topic, const char *what, int limit);
     /// A system request: the JSON body, enciphered, to serverJid on the
     /// command's chain at QoS 2. True when published.
     bool sendSystemRequest(int family, int command, const QString &body);
@@ -262,6 +286,8 @@ private:
     void refresh_roomRun(QByteArray body, GroupSubCmd cmd);
     void SysGroupRefreshedRun(QString json);
     void deliverRoomMessage(const std::string &roomJid, MESSAGE_BODY_TYPE bodyType);
+    /// True when the event's body names a room JID that fails the check.
+    bool refusedRoomEvent(MQTTMessage *msg);
     // Room commands: the JID rules, and the common send of a room record.
     QString jidWithDomain(const QString &id) const; // id "@" domain, always
     QString memberJidOf(const QString &roomId, const QString &memberId) const;
@@ -278,6 +304,10 @@ private:
     QString serverHost;
     std::set<std::string> subscribedRooms;
     mutable std::mutex roomsMutex; // guards subscribedRooms
+    QString loginError;            // why the last login was refused; "" otherwise
+    std::atomic<quint64> droppedOversized{ 0 };
+    std::atomic<quint64> droppedRoomJids{ 0 };
+    std::atomic<quint64> droppedRooms{ 0 };
     std::atomic<bool> closing{ true };
     int securityLevel = 0;
     std::string deviceId;
@@ -285,6 +315,7 @@ private:
     QString configuredServerJid; // empty: "server@" + domain
     QString effectiveServerJid;  // fixed at login
     QString httpHistoryBase;     // empty: "http://" + serverHost + ":5201"
+    std::atomic<int> httpHistoryDeadlineMs{ 0 }; // 0: HttpSyncTask's default
     // Runs the room callbacks off the delivery thread, on a few threads at
     // most. Finished (every accepted event delivered, every thread joined)
     // by logout and by destruction, after the push client is gone, so no

@@ -5,6 +5,7 @@
 #include "base64.h"
 #include "compactjson.h"
 #include "envelopereader.h"
+#include "inputlimits.h"
 #include "protocollog.h"
 #include "pushclient.h"
 #include "vantrelcrypt.h"
@@ -50,7 +51,7 @@ bool MQTTMessage::fromText(const QString &fromJid, const QString &toJid, const Q
 {
     PUSHCHAT_PROTOCOL_TRACE("fromText") << "from " << fromJid << " to " << toJid;
     if (protocol.code == 0)
-        protocol.fromMessageProtocol(toJid.toUtf8().constData(), nullptr);
+        protocol.fromMessageProtocol(toJid.toUtf8().constData(), nullptr); // fails for a JID that fails the check
     topicText = protocol.topic;
     return encText(fromJid, toJid, text, type, kind, key, stampText, level);
 }
@@ -91,6 +92,11 @@ bool MQTTMessage::encText(QString fromJid, QString toJid, QString text, MediaInf
     json.append(",\"v\":", 5);
     CompactJson::appendInt(json, msgType);
     json.append('}');
+    if (json.size() > InputLimits::ENVELOPE_BYTES) {
+        PUSHCHAT_PROTOCOL_TRACE("encText") << "envelope of " << json.size() << " bytes: over the limit";
+        payload.clear();
+        return false;
+    }
 
     if (encrypted) {
         char letter = '\0';
@@ -108,8 +114,8 @@ bool MQTTMessage::encText(QString fromJid, QString toJid, QString text, MediaInf
 
 bool MQTTMessage::send(int qos)
 {
-    if (pushClient == nullptr)
-        return false;
+    if (pushClient == nullptr || protocol.topic.empty())
+        return false; // no topic: an addressee that failed the JID check
     return pushClient->publish(protocol.topic.c_str(), payload.c_str(), qos, false) == 0;
 }
 
@@ -123,16 +129,24 @@ bool MQTTMessage::parseMessage(const char *data)
     const char *rest = data + 1;
     const unsigned long long key = getKey(letter);
 
+    // Measured only up to one byte past the limit.
+    const std::size_t length = strnlen(rest, std::size_t(InputLimits::PAYLOAD_BYTES) + 1);
+    const bool plainText = key == kPlainMarker;
+    oversized = length > std::size_t(plainText ? InputLimits::ENVELOPE_BYTES : InputLimits::PAYLOAD_BYTES);
+    if (oversized)
+        return false;
+
     // The JSON text, up to its first NUL.
     const char *json = rest;
     std::size_t size = 0;
     QByteArray plain;
-    if (key == kPlainMarker) {
-        size = std::strlen(rest);
+    if (plainText) {
+        size = length;
         encrypted = false;
     } else {
         VantrelCrypt crypt(key);
-        plain = crypt.decryptToByteArray(Base64::decode(rest, int(std::strlen(rest))));
+        plain = crypt.decryptToByteArray(Base64::decode(rest, int(length)), InputLimits::ENVELOPE_BYTES);
+        oversized = crypt.lastStatus == VantrelCrypt::StatusTooLarge;
         json = plain.constData();
         const void *nul = std::memchr(json, '\0', std::size_t(plain.size()));
         size = nul != nullptr ? std::size_t(static_cast<const char *>(nul) - json) : std::size_t(plain.size());

@@ -44,6 +44,7 @@ public:
     MqttMesaageProtocol protocol; ///< topic, command chain and JID
     bool parsedOk;          ///< outcome of the last fromTopic
     bool encrypted;         ///< out: encipher the JSON; in: it was enciphered
+    bool oversized = false; ///< in: the payload or its envelope passed its limit (inputlimits.h)
     PushClient *pushClient; ///< connection used by send; not owned
 
     MQTTMessage(PushClient *client, bool encrypt);
@@ -56,7 +57,9 @@ public:
     /// `count` codes follow (as int), the family then its sub-command.
     bool setSysProtocol(const char *jid, unsigned int count, ...);
     /// Fills the envelope and builds the payload; a message without a
-    /// command topic goes to the plain message topic of `to`.
+    /// command topic goes to the plain message topic of `to`. False, and
+    /// no payload, when the envelope would be longer than a receiver takes
+    /// (InputLimits::ENVELOPE_BYTES).
     bool fromText(const QString &from, const QString &to, const QString &body,
                   MediaInfo::MessageType msgType, int secLevel, MESSAGE_BODY_TYPE bodyType,
                   const QString &messageKey, const QString &stamp);
@@ -68,7 +71,9 @@ public:
     // --- incoming ------------------------------------------------------
     /// Parses a delivered topic and payload; true when dispatchable.
     bool fromTopic(const char *topic, const char *payload);
-    /// Reads a payload (key letter + envelope) into the fields.
+    /// Reads a payload (key letter + envelope) into the fields. A payload or
+    /// envelope over its limit (inputlimits.h) is not read: false, and
+    /// `oversized` is set; nothing longer than the limit is inflated.
     bool parseMessage(const char *payload);
     /// Whether the chain is a prefix of the `count` codes that follow.
     bool matchSysProtocol(unsigned int count, ...);

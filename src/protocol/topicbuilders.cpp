@@ -3,8 +3,12 @@
 //
 // JIDs are byte strings here as everywhere in the protocol layer: they are
 // put into topics as the bytes they are, so a UTF-8 JID gives a UTF-8 topic.
+// The command and message builders refuse a JID that fails the JID check
+// (jid.h): no wildcard, '/' or control character reaches a published topic.
 
 #include "mqttmesaageprotocol.h"
+
+#include "jid.h"
 
 #include <algorithm>
 #include <cstring>
@@ -101,6 +105,8 @@ bool MqttMesaageProtocol::vfromSysProtocol(const char *jidText, unsigned int cou
 
     const std::string target = jidText != nullptr ? jidText : "";
     jid = target;
+    if (Jid::check(target) != Jid::Problem::None)
+        return false;
 
     const ProtocolHead *row = findRow(protocolHeadALL, family);
     if (row == nullptr)
@@ -126,6 +132,8 @@ bool MqttMesaageProtocol::vfromSysProtocol(const char *jidText, unsigned int cou
 
 bool MqttMesaageProtocol::fromMessageProtocol(const char *jidText, const char *tail)
 {
+    if (Jid::check(jidText != nullptr ? jidText : "") != Jid::Problem::None)
+        return false;
     std::string text = "m/";
     text += jidText != nullptr ? jidText : "";
     text += '/';

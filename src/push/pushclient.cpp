@@ -89,3 +89,8 @@ std::size_t PushClient::repeatsDropped() const
 {
     return connection_->repeatsDropped();
 }
+
+void PushClient::setIncomingLimit(std::size_t bytes)
+{
+    connection_->setIncomingLimit(bytes);
+}

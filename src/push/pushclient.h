@@ -45,6 +45,11 @@
 // a broker restart or a lost link): it is dropped, not passed on, and
 // counted (repeatsDropped). QoS 0 deliveries are always passed on.
 //
+// Large deliveries: with setIncomingLimit, a delivery whose payload is longer
+// than the limit is not copied: the receiver gets its topic, its length and
+// an empty payload, and decides (libmosquitto itself has read the packet
+// whole; a broker's max_packet_size bounds that).
+//
 // Outbox: QoS 1/2 publications count until the broker acknowledges them; those
 // made offline (and subscribe/unsubscribe requests) wait in order for the next
 // CONNACK. At most maxPendingMessages (1000) and maxPendingBytes (16 MiB of
@@ -140,6 +145,9 @@ public:
     std::size_t pendingCount() const;
     // Transport redeliveries dropped so far.
     std::size_t repeatsDropped() const;
+    // Payloads longer than `bytes` reach the receiver empty, with their
+    // length (0, the default: no limit). Any thread.
+    void setIncomingLimit(std::size_t bytes);
 
 private:
     std::shared_ptr<PushConnection> connection_;

@@ -425,12 +425,16 @@ void PushConnection::onUnsubscribe(mosquitto*, void* self, int mid)
 
 void PushConnection::onMessage(mosquitto*, void* self, const mosquitto_message* message)
 {
+    auto* connection = static_cast<PushConnection*>(self);
     Event event{Event::Kind::Message, message->mid, message->topic ? message->topic : "", {}};
-    if (message->payload && message->payloadlen > 0)
+    const std::size_t limit = connection->incomingLimit_;
+    if (limit != 0 && static_cast<std::size_t>(message->payloadlen) > limit)
+        event.length = static_cast<std::size_t>(message->payloadlen);
+    else if (message->payload && message->payloadlen > 0)
         event.payload.assign(static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen));
     event.qos = message->qos;
     event.retain = message->retain;
-    static_cast<PushConnection*>(self)->record(std::move(event));
+    connection->record(std::move(event));
 }
 
 // Called on any thread that calls into libmosquitto; keeps the error lines
@@ -645,6 +649,7 @@ void PushConnection::handleConnack(int code)
                 return;
             online = drainOutboxLocked();
             if (online) {
+                ++connections_;
                 link_ = Link::Online;
                 connectedAt_ = Clock::now();
                 error_ = PushConnectionError::None;
@@ -766,13 +771,14 @@ void PushConnection::deliver(Event& message)
 {
     if (closing_)
         return;
-    if (message.qos > 0 && repeats_.repeated(message.topic, message.payload)) {
+    if (message.qos > 0 && message.length == 0 && repeats_.repeated(message.topic, message.payload, connections_)) {
         ++repeatsDropped_;
         return;
     }
     if (PushEventReciever* receiver = receiver_.load()) {
+        const std::size_t length = message.length != 0 ? message.length : message.payload.size();
         receiver->messgeRecievedMore(message.code, message.topic.data(), message.payload.data(),
-                                     static_cast<int>(message.payload.size()), message.qos, message.retain);
+                                     static_cast<int>(length), message.qos, message.retain);
     }
 }
 

@@ -52,6 +52,7 @@ public:
     PushClient::State state() const;
     std::size_t pendingCount() const;
     std::size_t repeatsDropped() const { return repeatsDropped_; }
+    void setIncomingLimit(std::size_t bytes) { incomingLimit_ = bytes; }
     std::pair<PushConnectionError, std::string> lastError() const;
 
     // No receiver callback starts after this. Joins the network thread, or,
@@ -74,6 +75,7 @@ private:
         std::string payload;
         int qos = 0;
         bool retain = false;
+        std::size_t length = 0; // of a payload over the incoming limit, left out
     };
 
     struct Will
@@ -123,6 +125,7 @@ private:
     std::atomic<PushEventReciever*> receiver_{nullptr};
     std::atomic<bool> closing_{false};
     std::atomic<std::size_t> repeatsDropped_{0};
+    std::atomic<std::size_t> incomingLimit_{0}; // 0: none
     int wakeFd_ = -1; // eventfd: requests and close() wake the network thread
 
     mutable std::mutex mutex_;
@@ -152,6 +155,7 @@ private:
     std::vector<Event> batch_;
     Report lastReport_ = Report::None;
     PushDuplicateFilter repeats_;
+    std::uint64_t connections_ = 0; // connections made; the network thread's alone
 };
 
 #endif // PUSHCONNECTION_H

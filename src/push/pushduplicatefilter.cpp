@@ -30,17 +30,22 @@ PushDuplicateFilter::Digest PushDuplicateFilter::digestOf(const std::string& top
 void PushDuplicateFilter::expire(Clock::time_point now)
 {
     while (!order_.empty() && (order_.size() > kMaxEntries || now - order_.front().at > kMaxAge)) {
-        seen_.erase(order_.front().digest);
+        const auto it = seen_.find(order_.front().digest);
+        if (--it->second.count == 0)
+            seen_.erase(it);
         order_.pop_front();
     }
 }
 
-bool PushDuplicateFilter::repeated(const std::string& topic, const std::string& payload, Clock::time_point now)
+bool PushDuplicateFilter::repeated(const std::string& topic, const std::string& payload, std::uint64_t connection,
+                                   Clock::time_point now)
 {
     expire(now);
     const Digest digest = digestOf(topic, payload);
-    if (!seen_.insert(digest).second)
+    const auto [it, fresh] = seen_.try_emplace(digest, Seen{connection, 0});
+    if (!fresh && it->second.firstConnection < connection)
         return true;
+    ++it->second.count;
     order_.push_back({digest, now});
     expire(now);
     return false;

@@ -6,13 +6,17 @@
 #include <cstdint>
 #include <deque>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 // Recognises a transport redelivery: a message whose topic and payload bytes
-// equal those of one delivered shortly before. A broker that restarts, or a
-// link lost between PUBREC and PUBCOMP, can hand over the same QoS 1/2
-// message again; payloads of real messages differ (each carries fresh
-// random bytes), so a byte-identical repeat is the transport's artefact.
+// equal those of one delivered shortly before on an earlier connection of
+// the session. A broker repeats a QoS 1/2 delivery only when a session
+// resumes on a new connection (after it restarted, or a link lost between
+// PUBLISH and its acknowledgement), never within one connection; so a
+// delivery is compared only with those of earlier connections, and a live
+// connection's deliveries always pass, also when two real messages are
+// byte-identical (same text, key and stamp, and the cipher's one random
+// byte alike).
 //
 // The window: the last kMaxEntries deliveries that are at most kMaxAge old.
 // Messages are remembered by a 128-bit digest, not by their bytes, so the
@@ -25,9 +29,12 @@ public:
     static constexpr std::size_t kMaxEntries = 4096;
     static constexpr std::chrono::minutes kMaxAge{5};
 
-    // True when this message repeats one seen within the window (it is not
-    // remembered again); otherwise remembers it and returns false.
-    bool repeated(const std::string& topic, const std::string& payload, Clock::time_point now = Clock::now());
+    // True when this message, delivered on connection number `connection`
+    // (counted up by the owner at every new connection), repeats one
+    // delivered within the window on an earlier connection; otherwise
+    // remembers it and returns false.
+    bool repeated(const std::string& topic, const std::string& payload, std::uint64_t connection,
+                  Clock::time_point now = Clock::now());
     std::size_t size() const { return order_.size(); }
 
 private:
@@ -46,12 +53,17 @@ private:
         Digest digest;
         Clock::time_point at;
     };
+    struct Seen
+    {
+        std::uint64_t firstConnection; // where it was first delivered
+        std::size_t count;             // its entries in order_
+    };
 
     static Digest digestOf(const std::string& topic, const std::string& payload);
     void expire(Clock::time_point now);
 
     std::deque<Entry> order_;
-    std::unordered_set<Digest, DigestHash> seen_;
+    std::unordered_map<Digest, Seen, DigestHash> seen_;
 };
 
 #endif // PUSHDUPLICATEFILTER_H

@@ -43,8 +43,12 @@ QString MessagePrivate::memberJidOf(const QString &roomId, const QString &member
     return roomId.contains(QLatin1Char('@')) ? memberId : QStringLiteral("%1@%2").arg(memberId, domain);
 }
 
+// A room whose JID fails the JID check is never asked for: its topic could
+// never be subscribed.
 bool MessagePrivate::sendRoomCommand(int command, Room &room)
 {
+    if (refusedAddressee(QString::fromStdString(room.jid), "room command"))
+        return false;
     return sendSystemRequest(GroupCMD, command, QString::fromStdString(room.toString()));
 }
 
@@ -108,6 +112,8 @@ int MessagePrivate::setRoomHumanName(const QString &roomId, const QString &human
 
 int MessagePrivate::setRoomCreater(const QString &roomId, const QString &memberId)
 {
+    if (refusedAddressee(jidWithDomain(roomId), "room command"))
+        return 0;
     const QJsonObject body{ { QStringLiteral("room_id"), jidWithDomain(roomId) },
                             { QStringLiteral("member_id"), jidWithDomain(memberId) } };
     return sendSystemRequest(GroupCMD, GroupSub_SetRoomCreater, CompactJson::text(body)) ? 1 : 0;
@@ -115,6 +121,8 @@ int MessagePrivate::setRoomCreater(const QString &roomId, const QString &memberI
 
 int MessagePrivate::modifyRoomType(QString roomId, ROOM_TYPE type)
 {
+    if (refusedAddressee(completeJid(roomId), "room command"))
+        return 0;
     // Written as text, not by the JSON writer: the type stands as a JSON
     // string and the room JID is not escaped.
     const QString body = QStringLiteral("{\"room_type\":\"%1\",\"room_id\":\"%2\"}")

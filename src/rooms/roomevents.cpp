@@ -8,11 +8,13 @@
 
 #include "messageprivate.h"
 
+#include "compactjson.h"
 #include "enginelog.h"
 #include "jsonkeycheck.h"
 #include "roomnotifier.h"
 
 #include <QDateTime>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QUuid>
@@ -117,13 +119,21 @@ void MessagePrivate::deliverRoomMessage(const std::string &roomJid, MESSAGE_BODY
 
 // --- handlers -------------------------------------------------------------
 
+// Each handler drops an event whose body names a room JID that fails the
+// JID check (counted and logged by refusedRoomJid): such a room is neither
+// subscribed nor shown. An event whose body cannot be read is handled as
+// before (no subscription; the room callbacks see an empty room).
+
 void MessagePrivate::SysGroupCreated(MQTTMessage *msg)
 {
     PUSHCHAT_ENGINE_LOG("SysGroupCreated") << "SysGroupCreated " << msg->topicText.c_str() << " "
                                            << msg->body.c_str();
-    refresh_room(msg, GroupSub_Create);
     Room room;
-    if (readRoom(msg, room))
+    const bool readable = readRoom(msg, room);
+    if (readable && refusedRoomJid(room.jid))
+        return;
+    refresh_room(msg, GroupSub_Create);
+    if (readable)
         subscribe_message_group({ room.jid });
     deliverRoomMessage(room.jid, BODY_TYPE_DEFAULT); // from and to empty for an unreadable body
 }
@@ -131,11 +141,14 @@ void MessagePrivate::SysGroupCreated(MQTTMessage *msg)
 void MessagePrivate::SysGroupReleased(MQTTMessage *msg)
 {
     PUSHCHAT_ENGINE_LOG("SysGroupReleased") << "SysGroupReleased " << msg->topicText.c_str();
+    Room room;
+    const bool readable = readRoom(msg, room);
+    if (readable && refusedRoomJid(room.jid))
+        return;
     refresh_room(msg, GroupSub_Release);
     // Subscribed exactly as a creation is: the server decides what a
     // released room still carries.
-    Room room;
-    if (readRoom(msg, room))
+    if (readable)
         subscribe_message_group({ room.jid });
     deliverRoomMessage(room.jid, BODY_TYPE_DEFAULT);
 }
@@ -143,17 +156,21 @@ void MessagePrivate::SysGroupReleased(MQTTMessage *msg)
 void MessagePrivate::SysGroupInvited(MQTTMessage *msg)
 {
     PUSHCHAT_ENGINE_LOG("SysGroupInvited") << "SysGroupInvited " << msg->topicText.c_str();
-    refresh_room(msg, GroupSub_Invite);
     Room room;
-    if (readRoom(msg, room))
+    const bool readable = readRoom(msg, room);
+    if (readable && refusedRoomJid(room.jid))
+        return;
+    refresh_room(msg, GroupSub_Invite);
+    if (readable)
         subscribe_message_group({ room.jid });
 }
 
 void MessagePrivate::SysGroupKicked(MQTTMessage *msg)
 {
-    refresh_room(msg, GroupSub_Kick);
     Room room;
-    readRoom(msg, room);
+    if (readRoom(msg, room) && refusedRoomJid(room.jid))
+        return;
+    refresh_room(msg, GroupSub_Kick);
     PUSHCHAT_ENGINE_LOG("SysGroupKicked") << "SysGroupKicked " << msg->topicText.c_str() << " "
                                           << room.operatorBy.c_str() << " account_id " << userId.c_str();
 
@@ -173,10 +190,17 @@ void MessagePrivate::SysGroupKicked(MQTTMessage *msg)
         deliverRoomMessage(room.jid, BODY_TYPE_KICKED); // kicked by someone else
 }
 
+bool MessagePrivate::refusedRoomEvent(MQTTMessage *msg)
+{
+    Room room;
+    return readRoom(msg, room) && refusedRoomJid(room.jid);
+}
+
 void MessagePrivate::SysGroupNameChanged(MQTTMessage *msg)
 {
     PUSHCHAT_ENGINE_LOG("SysGroupNameChanged") << "SysGroupNameChanged " << msg->topicText.c_str();
-    refresh_room(msg, GroupSub_SetGroupName);
+    if (!refusedRoomEvent(msg))
+        refresh_room(msg, GroupSub_SetGroupName);
 }
 
 void MessagePrivate::SysGroupSetCreater(MQTTMessage *msg)
@@ -184,12 +208,14 @@ void MessagePrivate::SysGroupSetCreater(MQTTMessage *msg)
     qCDebug(lcEngine).noquote() << "SysGroupSetCreater" << msg->topicText.c_str();
     // Applications are handed the refresh value (19) for a creator change,
     // not the creator-change code (18), and rely on it.
-    refresh_room(msg, GroupSub_Refresh);
+    if (!refusedRoomEvent(msg))
+        refresh_room(msg, GroupSub_Refresh);
 }
 
 void MessagePrivate::SysGroupModifyType(MQTTMessage *msg)
 {
-    refresh_room(msg, GroupSub_Modify_Type);
+    if (!refusedRoomEvent(msg))
+        refresh_room(msg, GroupSub_Modify_Type);
 }
 
 void MessagePrivate::SysGroupExited(MQTTMessage *msg)
@@ -210,14 +236,35 @@ void MessagePrivate::SysGroupJoined(MQTTMessage *msg)
 void MessagePrivate::SysGroupRefreshed(MQTTMessage *msg)
 {
     qCDebug(lcEngine).noquote() << "SysGroupRefresh" << msg->topicText.c_str();
-    const QString json = QString::fromUtf8(bodyOf(msg));
+    const std::optional<QJsonObject> object = jsonObject(bodyOf(msg));
+    if (!object) {
+        const QString json = QString::fromUtf8(bodyOf(msg));
+        roomNotifier->post([this, json] { SysGroupRefreshedRun(json); });
+        return;
+    }
+    // The application sees the list without the rooms that fail the JID
+    // check; the text is rewritten only when there is one.
+    QJsonObject shown = *object;
+    QJsonArray kept;
+    bool dropped = false;
+    for (const QJsonValue &entry : object->value(QLatin1String("rooms")).toArray()) {
+        QJsonObject rooms = entry.toObject();
+        for (const QString &jid : rooms.keys()) {
+            if (refusedRoomJid(jid.toStdString())) {
+                rooms.remove(jid);
+                dropped = true;
+            }
+        }
+        if (!entry.isObject() || !rooms.isEmpty())
+            kept.append(entry.isObject() ? QJsonValue(rooms) : entry);
+    }
+    if (dropped)
+        shown.insert(QLatin1String("rooms"), kept);
+    const QString json = dropped ? CompactJson::text(shown) : QString::fromUtf8(bodyOf(msg));
     roomNotifier->post([this, json] { SysGroupRefreshedRun(json); });
 
-    const std::optional<QJsonObject> object = jsonObject(bodyOf(msg));
-    if (!object)
-        return;
     RoomList list;
-    list.fromJson(*object);
+    list.fromJson(shown);
     QList<std::string> jids;
     for (const auto &entry : list.rooms)
         jids.append(entry.first);

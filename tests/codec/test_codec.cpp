@@ -167,20 +167,29 @@ TEST(Deflater, MatchesQCompress)
     }
 }
 
-// As qUncompress: a sound stream whatever length its prefix claims, up to
-// the largest claim Qt accepts.
-TEST(Inflater, MatchesQUncompress)
+// As qUncompress within the limit, whatever length the prefix claims; past
+// it (a claim above the limit, or a stream that inflates further than it
+// claims: a bomb) nothing, and TooLarge.
+TEST(Inflater, SoundWithinTheLimitNothingPastIt)
 {
-    for (int size : { 1, 300, 2048, 70000 }) {
-        for (quint32 claim : { quint32(size), 0u, 1u, quint32(size) - 1, quint32(size) + 1, 0x10000000u, 0x7FFFFFE7u,
+    using R = Inflater::Result;
+    const int limit = 70000;
+    for (int size : { 1, 300, 70000, 70001, 4000000 }) {
+        for (quint32 claim : { quint32(size), 0u, 1u, quint32(size) - 1, quint32(limit), quint32(limit) + 1,
                      0x7FFFFFE8u, 0xFFFFFFFFu }) {
-            QByteArray packed = qCompress(text(size, 1), 9);
+            const QByteArray data = size > 100000 ? QByteArray(size, 'x') : text(size, 1);
+            QByteArray packed = qCompress(data, 9);
             qToBigEndian(claim, packed.data());
-            EXPECT_EQ(Inflater::forThisThread().uncompress(packed.constData(), packed.size()),
-                    claim < 0x7FFFFFE8u ? text(size, 1) : QByteArray())
+            R result = R::Damaged;
+            const QByteArray out = Inflater::forThisThread().uncompress(packed.constData(), packed.size(), limit, &result);
+            const bool fits = size <= limit && claim <= quint32(limit);
+            EXPECT_EQ(fields(out == (fits ? data : QByteArray()), int(result)), fields(true, int(fits ? R::Ok : R::TooLarge)))
                     << size << " claims " << claim;
         }
     }
+    R result = R::Ok;
+    EXPECT_TRUE(Inflater::forThisThread().uncompress("\0\0\0\5xx", 6, limit, &result).isNull());
+    EXPECT_EQ(result, R::Damaged);
 }
 
 // QByteArray's bytes both ways (sound, cut, damaged and random text), and

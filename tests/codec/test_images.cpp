@@ -6,6 +6,7 @@
 #include "imageshrinker.h"
 #include "imagetestkit.h"
 #include "messagetools.h"
+#include "processusage.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +23,9 @@ std::string shrinkLine(const QString &path, float rate)
 {
     Lines seen;
     ImageShrinker shrinker([&seen](const ImageShrinker::Attempt &a) {
-        seen.push_back(a.loaded ? (a.scaled ? "" : "=") + sizeText(a.candidateSize) : "unloaded");
+        seen.push_back(a.loaded     ? (a.scaled ? "" : "=") + sizeText(a.candidateSize)
+                       : a.tooLarge ? sizeText(a.loadedSize) + " too large"
+                                    : "unloaded");
     });
     const QImage image = shrinker.shrink(path, rate);
     std::string line = std::to_string(shrinker.attempts()) + ":";
@@ -83,6 +86,26 @@ TEST(ImageShrinker, SizeSequences)
         const QString path = row.size.isEmpty() ? imagetest::sandbox("none.png") : imagetest::writePicture(row.size);
         EXPECT_EQ(shrinkLine(path, row.rate), row.expected) << sizeText(row.size) << " at " << row.rate;
     }
+    // Decoded once: the file may go after the first of the attempts.
+    const QString path = imagetest::writePicture({ 1000, 500 });
+    ImageShrinker shrinker([&path](const ImageShrinker::Attempt &) { QFile::remove(path); });
+    EXPECT_EQ(shrinker.shrink(path, 1.0f).size(), QSize(270, 135));
+}
+
+// A picture over 64 Mi pixels is refused from its header: a 16 x 16 JPEG
+// that declares 20000 x 20000 pixels, which a decoder would fill in full
+// (1.6 GB), leaves the peak resident size far below that.
+TEST(ImageShrinker, RefusesPicturesOverThePixelLimitBeforeDecoding)
+{
+    const QString path = imagetest::sandbox(QStringLiteral("huge.jpg"));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(jpeg({ 20000, 20000 })) > 0);
+    file.close();
+    ProcessUsage::resetPeak();
+    const long before = ProcessUsage::resident();
+    EXPECT_EQ(shrinkLine(path, 1.0f), "1: 20000x20000 too large|0x0");
+    EXPECT_TRUE(MessageTools().formatEncodeImageMessage(path).value(QStringLiteral("body")).toString().isEmpty());
+    EXPECT_LT(ProcessUsage::peakResident() - before, 20000L * 20000 * 4 / 1024 / 4);
 }
 
 TEST(ImageCodec, EncodedPictureDecodesIntoTheDocumentsDirectory)

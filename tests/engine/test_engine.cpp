@@ -2,6 +2,12 @@
 // incoming message's callback, the connection's lifecycle.
 
 #include "enginetestkit.h"
+#include "inputlimits.h"
+#include "processusage.h"
+#include "vantrelcrypt.h"
+
+#include <QtEndian>
+#include <zlib.h>
 
 using namespace kit;
 
@@ -16,6 +22,38 @@ std::string presence(const char *device, const char *name, const char *text, int
 {
     return R"({"device_id":")" + std::string(device) + R"(","device_name":")" + name + R"(","text":")" + text +
         R"(","type":)" + std::to_string(type) + "}";
+}
+
+// An enciphered envelope whose body is `size` bytes of "x", compressed
+// (streamed: the whole text never exists here), its size claimed as `claim`.
+std::string bomb(qint64 size, quint32 claim)
+{
+    z_stream z{};
+    deflateInit(&z, 9);
+    QByteArray packed(4, '\0'), chunk(1 << 20, 'x'), out(1 << 16, Qt::Uninitialized);
+    qToBigEndian(claim, packed.data());
+    const auto put = [&](const QByteArray &in, int flush) {
+        z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(in.constData()));
+        z.avail_in = uInt(in.size());
+        do {
+            z.next_out = reinterpret_cast<Bytef *>(out.data());
+            z.avail_out = uInt(out.size());
+            deflate(&z, flush);
+            packed.append(out.constData(), out.size() - int(z.avail_out));
+        } while (z.avail_out == 0);
+    };
+    put("{\"b\":\"", Z_NO_FLUSH);
+    for (qint64 left = size; left > 0; left -= chunk.size())
+        put(chunk.left(int(std::min<qint64>(left, chunk.size()))), Z_NO_FLUSH);
+    put("\"}", Z_FINISH);
+    deflateEnd(&z);
+    // A plain block holding the compressed form, then flagged compressed.
+    VantrelCrypt writer(keyList[0]);
+    writer.compressionPolicy = VantrelCrypt::CompressNever;
+    writer.integrityCheck = VantrelCrypt::IntegrityNone;
+    QByteArray cypher = writer.encryptToByteArray(packed);
+    cypher[1] = 0x01;
+    return "A" + cypher.toBase64().toStdString();
 }
 
 } // namespace
@@ -57,6 +95,14 @@ TEST(Engine, CommandsOnTheWire)
           sys("s/r/i/bob@im.test/c", "bob@im.test") },
         { "be controlled reply", KIT_CALL(remoteDesktopBeControlReply("", "bob", "ok")), 1, 0,
           sys("s/r/i/bob@im.test/b", "bob@im.test") + "ok" },
+        // Refused before anything is published: the wire's line is the next row's.
+        { "addressees that fail the JID check", [](Message_lib &l) {
+              return l.sendTextMessageTo("", "#", 3, "x", BODY_TYPE_DEFAULT, false, "", "") +
+                  l.sendTextMessageTo("", "a/b", 3, "x", BODY_TYPE_NOTICE, false, "", "") +
+                  l.sendLocation("+", "1", "2") + l.createMucRoom("r\x01", "n", "", ROOM_TYPE(3)) +
+                  l.sendLocation("bob@im.test", "0", "0");
+          },
+          1, 0, "LOCATION/bob@im.test|0|0:0" },
     });
     // Between façades: bob (level 5) hears alice's chat at level 3, and her request.
     const std::string chat = fields("message|alice@im.test|bob@im.test", kUnreadable, "0|1|k|st|0");
@@ -103,14 +149,13 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         std::size_t mark = n.wire.log.lines().size();
         ASSERT_TRUE(login(dave, n.broker, "dave", 5));
         ASSERT_TRUE(online(app, n.wire, "dave@im.test"));
-        // Each receive topic unsubscribed and subscribed, then the room list
-        // request and APP_STARTUP.
+        // Each receive topic subscribed (never unsubscribed first: no gap),
+        // then the room list request and APP_STARTUP.
         Lines topics;
         for (const char *family :
              { "m/i/", "s/g/i/", "s/g/c/", "s/c/c/", "s/c/i/", "s/f/c/", "s/f/i/", "s/r/c/", "s/r/i/", "s/h/i/" })
-            for (const char *sign : { "-", "+" })
-                topics.push_back(sign + std::string(family) + "dave@im.test/#");
-        topics.insert(topics.end(), { "-m/ntc/#", "+m/ntc/#" });
+            topics.push_back("+" + std::string(family) + "dave@im.test/#");
+        topics.push_back("+m/ntc/#");
         EXPECT_EQ(subscriptions(n.broker, id), topics);
         const std::string head = "|2|dave@im.test|server@im.test|9999|0|16|||";
         ASSERT_TRUE(n.wire.fence());
@@ -122,20 +167,24 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         mark = n.wire.log.lines().size();
         EXPECT_EQ(engine->refreshGroupList(), 1);
         EXPECT_EQ(countWith(n.wire.await(mark, 1), "empty_message"), 1u);
-        topics.insert(topics.end(), { "-m/i/r1@conference.im.test/#", "+m/i/r1@conference.im.test/#" });
+        topics.push_back("+m/i/r1@conference.im.test/#");
         EXPECT_TRUE(eventually([&] { return subscriptions(n.broker, id) == topics; }))
             << fields(subscriptions(n.broker, id).size());
         EXPECT_EQ(engine->subscribedRoomJids(), QList<std::string>{ "r1@conference.im.test" });
 
-        // Logout: APP_QUIT at QoS 0, every topic and room unsubscribed; what
-        // is sent meanwhile is not kept for dave.
+        // Logout in the middle of a burst: APP_QUIT at QoS 0 reaches the wire
+        // after every chat sent before it; every topic and room unsubscribed;
+        // what is sent meanwhile is not kept for dave.
         mark = n.wire.log.lines().size();
+        for (int i = 0; i < 300; ++i)
+            ASSERT_EQ(dave.sendTextMessageTo("", "bob", 5, "burst", BODY_TYPE_DEFAULT, false, "k", "st"), 1);
         EXPECT_EQ(dave.unRegisterToImServer(), 1);
         EXPECT_FALSE(engine->isLoggedIn());
         EXPECT_TRUE(engine->subscribedRoomJids().isEmpty());
-        EXPECT_EQ(n.wire.await(mark, 1),
-                  Lines{ "m/i/server@im.test/d|0|dave@im.test|server@im.test|9999|0|16|||" +
-                         presence("dev-d", "Dave Desk", "APP_QUIT", 0) });
+        const Lines out = n.wire.await(mark, 301);
+        EXPECT_EQ(fields(out.size(), countWith(out, "|burst"), out.empty() ? "" : out.back()),
+                  fields(301, 300, "m/i/server@im.test/d|0|dave@im.test|server@im.test|9999|0|16|||" +
+                                       presence("dev-d", "Dave Desk", "APP_QUIT", 0)));
         EXPECT_TRUE(eventually([&] { return subscriptions(n.broker, id).size() == topics.size() + 12; }));
         ASSERT_TRUE(n.wire.publish("m/i/dave@im.test/n", seal("c@im.test", "dave@im.test", "while out", 5)));
         ASSERT_TRUE(n.wire.publish("m/i/r1@conference.im.test/n", seal("c@im.test", "r1", "room while out", 5)));
@@ -159,4 +208,75 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
     EXPECT_EQ(countWith(all, "|0|dave@im.test|hub@im.test|"), 2u);
     EXPECT_EQ(countWith(all, "NETWORK_DISCONNECTED"), 0u);
     EXPECT_EQ(app.log.starting("disconnected"), Lines{});
+}
+
+// Each hostile delivery is dropped, counted and logged once; memory stays
+// within a few times the limits (a 256 MB bomb cost a gigabyte when nothing
+// bounded inflation); a chat sent right after each still arrives; a room
+// JID that fails the check is never subscribed; a login with such an id is
+// refused before anything is sent.
+TEST(Engine, HostileInputIsBounded)
+{
+    Net &n = net();
+    ASSERT_TRUE(n.up);
+    App app;
+    Message_lib eve(&app, &app, "dev-e", "Eve Desk");
+    for (const QString &id : { Q(""), Q("e+"), Q("e#"), Q("e/f"), Q("e@f"), Q("e\x7f"), Q("e\xc2\x85"),
+                               Q("e") + QChar(0xD800), Q(300, 'e') }) {
+        const int result = eve.registerToImServer(n.broker.host(), n.broker.port(), id, "", 5, "im.test", "");
+        EXPECT_EQ(fields(result, eve.lastConnectionErrorText().startsWith("login refused: the user id ")),
+                  fields(0, true)) << id.toStdString();
+    }
+    EXPECT_EQ(eve.registerToImServer(n.broker.host(), n.broker.port(), "eve", "", 5, "im+", ""), 0);
+    ASSERT_TRUE(login(eve, n.broker, "eve", 5));
+    ASSERT_TRUE(online(app, n.wire, "eve@im.test"));
+
+    const std::string me = "m/i/eve@im.test/n";
+    const auto group = [](GroupSubCmd cmd, const std::string &body) {
+        return makeGroupEvent("eve@im.test", cmd, QString::fromStdString(body), "server@im.test");
+    };
+    std::string manyRooms = R"({"jid":"eve@im.test","rooms":[{"ok@d":{}})";
+    for (int i = 0; i < InputLimits::ROOMS + 5; ++i)
+        manyRooms += R"(,{"n)" + std::to_string(i) + R"(@d":{}})";
+    manyRooms += "]}";
+    const GroupEvent badList = group(GroupSub_Refresh, R"({"jid":"eve@im.test","rooms":[{"+":{},"ok@d":{}},{"a/b":{}},{"c\u0001@d":{}}]})");
+    const GroupEvent plus = group(GroupSub_Create, R"({"jid":"+","name":"x"})");
+    const GroupEvent full = group(GroupSub_Refresh, manyRooms);
+    const struct {
+        const char *what;
+        std::string topic, payload;
+        DroppedInputs dropped; // oversized, invalid room JIDs, rooms over the bound
+    } rows[] = {
+        { "bomb of 256 MB, claimed", me, bomb(256 << 20, 256u << 20), { 1, 0, 0 } },
+        { "bomb of 256 MB claiming 10 bytes", me, bomb(256 << 20, 10), { 1, 0, 0 } },
+        { "bomb of 5 MB claiming 2 GB", me, bomb(5 << 20, 0x7FFFFFFF), { 1, 0, 0 } },
+        { "plain envelope of 5 MB", me, "a{\"b\":\"" + std::string(5 << 20, 'x') + "\"}", { 1, 0, 0 } },
+        { "payload of 7 MB", me, "A" + std::string(7 << 20, 'Q'), { 1, 0, 0 } },
+        { "topic of 2 KB", me + std::string(2048, 't'), seal("carol@im.test", "eve@im.test", "long", 5), { 1, 0, 0 } },
+        { "room created as '+'", plus.topic, plus.payload, { 0, 1, 0 } },
+        { "room list with three bad rooms", badList.topic, badList.payload, { 0, 3, 0 } },
+        { "room list past the bound", full.topic, full.payload, { 0, 0, 6 } },
+    };
+    ProcessUsage::resetPeak();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        const DroppedInputs before = eve.droppedInputs();
+        const std::size_t mark = app.log.lines().size();
+        ASSERT_TRUE(n.wire.publish(row.topic, row.payload));
+        const std::string after = std::string("after ") + row.what;
+        ASSERT_TRUE(n.wire.publish(me, seal("carol@im.test", "eve@im.test", after.c_str(), 5)));
+        ASSERT_TRUE(app.log.waitFor([&](const Lines &l) { return countWith(l, "|" + after + "|") == 1; }));
+        const DroppedInputs now = eve.droppedInputs();
+        EXPECT_EQ(fields(now.oversized - before.oversized, now.invalidRoomJids - before.invalidRoomJids,
+                         now.roomsOverLimit - before.roomsOverLimit),
+                  fields(row.dropped.oversized, row.dropped.invalidRoomJids, row.dropped.roomsOverLimit));
+        const Lines heard = app.log.lines();
+        EXPECT_EQ(countWith(Lines(heard.begin() + long(mark), heard.end()), "message|"), 1u);
+    }
+    EXPECT_LT(ProcessUsage::peakResident(), (kSanitizedBuild ? 1024 : 160) * 1024) << "KiB";
+    const QList<std::string> rooms = eve.engine()->subscribedRoomJids();
+    EXPECT_EQ(fields(rooms.size(), rooms.contains("ok@d"), rooms.contains("+"), rooms.contains("a/b")),
+              fields(InputLimits::ROOMS, true, false, false));
+    EXPECT_TRUE(app.log.waitForPrefix(R"(roomList|{"jid":"eve@im.test","rooms":[{"ok@d":{}}]})"));
+    EXPECT_EQ(n.broker.log().find("m/i/+/"), std::string::npos) << "a wildcard was subscribed";
 }

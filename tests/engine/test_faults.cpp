@@ -193,7 +193,9 @@ TEST(Faults, ASenderFasterThanTheBrokerIsToldWhatIsRefused)
 
 // A broker frozen past the keepalive: the link is dropped within 1.5 ×
 // keepalive, and what was sent meanwhile arrives after SIGCONT. Then the
-// same bytes twice: at QoS 2 a redelivery, passed on once; at QoS 0 twice.
+// same bytes twice on one connection, at QoS 2 and at QoS 0: both passed on
+// each time (a broker repeats a delivery only on a new connection; two real
+// messages may be byte-identical).
 TEST(Faults, AFrozenBrokerIsNoticedNothingIsLostNothingTwice)
 {
     constexpr int kKeepalive = 5, kSent = 102;
@@ -213,8 +215,8 @@ TEST(Faults, AFrozenBrokerIsNoticedNothingIsLostNothingTwice)
         client->publish("frozen/n", qos ? "n 100" : "n 101", qos, false);
     side.waitFor(kSent);
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(side.tally("frozen broker, then repeats", kSent), (std::pair<std::vector<int>, int>{ {}, 1 }));
-    EXPECT_EQ(client->repeatsDropped(), 1u);
+    EXPECT_EQ(side.tally("frozen broker, then repeats", kSent), (std::pair<std::vector<int>, int>{ {}, 2 }));
+    EXPECT_EQ(client->repeatsDropped(), 0u);
 }
 
 // Another connection with frank's client id takes his link over, 100

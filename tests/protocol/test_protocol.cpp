@@ -4,6 +4,7 @@
 #include "compactjson.h"
 #include "envelopereader.h"
 #include "eventlog.h"
+#include "jid.h"
 #include "mqttmessage.h"
 #include "patternmatcher.h"
 #include "vantrelcrypt.h"
@@ -155,6 +156,9 @@ TEST(TopicBuilders, CommandAndSubscriptionTopics)
     EXPECT_EQ(fields(p.fromSysProtocol("no-at", 2, FriendCMD, FriendSub_Add), p.topic, p.valid), "0|s/f/c/no-at/a|0");
     EXPECT_EQ(fields(p.fromMessageProtocol("a@b", "sync"), p.topic, p.jid), "1|m/a@b/sync|a@b/sync");
     EXPECT_EQ(fields(p.fromMessageProtocol("a@b", nullptr), p.topic), "1|m/a@b/");
+    MqttMesaageProtocol refused;
+    EXPECT_EQ(fields(refused.fromSysProtocol("+", 2, FriendCMD, FriendSub_Add), refused.fromMessageProtocol("a/b", ""),
+                     refused.topic), "0|0|");
 
     const auto topics = MqttMesaageProtocol::getRecieveTopic("u@d");
     EXPECT_EQ(Lines(topics.begin(), topics.end()),
@@ -163,6 +167,19 @@ TEST(TopicBuilders, CommandAndSubscriptionTopics)
     EXPECT_EQ(fields(MqttMesaageProtocol::getSendToTopic("<jid>#@d"), MqttMesaageProtocol::getDeviceTopic("u@d"),
                       MqttMesaageProtocol::getSyncMessageTopic("u@d"), MqttMesaageProtocol::getFreshGroupTopic("u@d")),
             "m/i/<jid>@d/|m/u@d/deviceId/|m/u@d/sync/|s/g/c/u@d/f");
+}
+
+// The byte rules (the engine's and command-line tests cover the rest).
+TEST(Jid, BytesOfAJid)
+{
+    using P = Jid::Problem;
+    const std::pair<std::string, P> rows[] = { { "日本@例え", P::None }, { "a\xc2\xa0@d", P::None },
+        { std::string(256, 'a'), P::None }, { std::string(257, 'a'), P::TooLong }, { "a\xc0\xaf", P::NotUtf8 },
+        { "a\xed\xa0\x80", P::NotUtf8 }, { "a\xf4\x90\x80\x80", P::NotUtf8 }, { "a\xe6\x97", P::NotUtf8 },
+        { std::string("a\0b", 3), P::ControlCharacter }, { "a\xc2\x9f", P::ControlCharacter }, { "a#", P::Wildcard } };
+    for (const auto &[jid, problem] : rows)
+        EXPECT_EQ(int(Jid::check(jid)), int(problem)) << jid;
+    EXPECT_EQ(int(Jid::checkPart("a@b")), int(P::At));
 }
 
 // The envelope as Qt's compact writer writes it, for any text (cut at a

@@ -63,23 +63,25 @@ TEST(PushParts, OutboxBoundsQueueAndInFlightTogether)
     EXPECT_EQ(outbox.count(), 0u);
 }
 
-// A repeat of topic and payload within the last 4096 deliveries and 5 minutes.
+// A repeat of topic and payload from an earlier connection, within the last
+// 4096 deliveries and 5 minutes; a live connection's deliveries always pass.
 TEST(PushParts, DuplicateFilterWindow)
 {
     PushDuplicateFilter filter;
     using C = PushDuplicateFilter::Clock;
     const C::time_point t0{}, edge = t0 + PushDuplicateFilter::kMaxAge, late = edge + std::chrono::seconds(1);
-    const std::tuple<const char*, const char*, C::time_point, bool> rows[] = {
-        {"t", "a", t0, false}, {"t", "a", t0, true},   {"u", "a", t0, false},   {"t", "b", t0, false},
-        {"ta", "", t0, false}, {"", "ta", t0, false},  {"t", "a", edge, true},  {"t", "a", late, false},
-        {"t", "a", late, true}};
-    for (const auto& [topic, payload, at, repeated] : rows)
-        EXPECT_EQ(filter.repeated(topic, payload, at), repeated) << topic << "|" << payload;
+    const std::tuple<const char*, const char*, int, C::time_point, bool> rows[] = {
+        {"t", "a", 1, t0, false},   {"t", "a", 1, t0, false}, {"t", "a", 2, t0, true},    {"u", "a", 2, t0, false},
+        {"t", "b", 2, t0, false},   {"ta", "", 2, t0, false}, {"", "ta", 2, t0, false},   {"t", "a", 3, edge, true},
+        {"t", "a", 3, late, false}, {"t", "a", 3, late, false}, {"t", "a", 4, late, true}};
+    for (const auto& [topic, payload, connection, at, repeated] : rows)
+        EXPECT_EQ(filter.repeated(topic, payload, connection, at), repeated) << topic << "|" << payload << connection;
     for (std::size_t i = 0; filter.size() < PushDuplicateFilter::kMaxEntries; ++i)
-        filter.repeated("n", std::to_string(i), late);
-    EXPECT_TRUE(filter.repeated("t", "a", late)); // the oldest of 4096
-    filter.repeated("n", "one more", late);
-    EXPECT_FALSE(filter.repeated("t", "a", late)); // pushed out
+        filter.repeated("n", std::to_string(i), 4, late);
+    filter.repeated("n", "one more", 4, late);
+    EXPECT_TRUE(filter.repeated("t", "a", 5, late)); // its second entry is the oldest of 4096
+    filter.repeated("n", "and one more", 4, late);
+    EXPECT_FALSE(filter.repeated("t", "a", 5, late)); // both pushed out
 }
 
 } // namespace

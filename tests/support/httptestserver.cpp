@@ -2,12 +2,30 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <chrono>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+namespace {
+
+// False once the client has gone.
+bool sendAll(int fd, const std::string &data)
+{
+    for (std::size_t done = 0; done < data.size();) {
+        const ssize_t sent = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+        if (sent <= 0)
+            return false;
+        done += std::size_t(sent);
+    }
+    return true;
+}
+
+} // namespace
+
 bool HttpTestServer::start()
 {
+    stopping_ = false;
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -27,6 +45,7 @@ void HttpTestServer::stop()
 {
     if (listenFd_ < 0)
         return;
+    stopping_ = true;                 // ends a reply that would go on
     ::shutdown(listenFd_, SHUT_RDWR); // ends the accept() the thread waits in
     if (thread_.joinable())
         thread_.join();
@@ -39,9 +58,19 @@ void HttpTestServer::stop()
 
 void HttpTestServer::answer(int status, std::string body)
 {
+    const std::string length = std::to_string(body.size()); // before the body moves
+    answerRaw("HTTP/1.1 " + std::to_string(status) + " Status\r\nContent-Type: application/json\r\nContent-Length: " +
+                  length + "\r\n",
+              std::move(body));
+}
+
+void HttpTestServer::answerRaw(std::string head, std::string piece, int times, int pauseMs)
+{
     std::lock_guard<std::mutex> lock(mutex_);
-    status_ = status;
-    body_ = std::move(body);
+    head_ = std::move(head) + "Connection: close\r\n\r\n";
+    piece_ = std::move(piece);
+    times_ = times;
+    pauseMs_ = pauseMs;
     quiet_ = false;
 }
 
@@ -68,7 +97,8 @@ void HttpTestServer::run()
             n = ::recv(fd, chunk, sizeof chunk, 0);
             request.append(chunk, std::size_t(std::max<ssize_t>(n, 0)));
         }
-        std::string response;
+        std::string head, piece;
+        int times = 0, pauseMs = 0;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             requests_.push_back(request.substr(0, request.find("\r\n")));
@@ -76,14 +106,12 @@ void HttpTestServer::run()
                 held_.push_back(fd);
                 continue;
             }
-            response = "HTTP/1.1 " + std::to_string(status_) + " Status\r\nContent-Type: application/json\r\n" +
-                       "Content-Length: " + std::to_string(body_.size()) + "\r\nConnection: close\r\n\r\n" + body_;
+            head = head_, piece = piece_, times = times_, pauseMs = pauseMs_;
         }
-        for (std::size_t done = 0; done < response.size();) {
-            const ssize_t sent = ::send(fd, response.data() + done, response.size() - done, MSG_NOSIGNAL);
-            if (sent <= 0)
-                break;
-            done += std::size_t(sent);
+        bool sending = sendAll(fd, head);
+        for (int i = 0; sending && (times == 0 || i < times) && !stopping_; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(i > 0 ? pauseMs : 0));
+            sending = sendAll(fd, piece);
         }
         ::close(fd);
     }

@@ -1,6 +1,7 @@
 #ifndef HTTPTESTSERVER_H
 #define HTTPTESTSERVER_H
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -11,9 +12,10 @@
 //
 // Every request's line ("GET /path?query HTTP/1.1") is recorded as it
 // arrived. Each request is then answered with the configured status and body
-// (Content-Length, connection closed), or, after stayQuiet(), never
-// answered: the connection is held open until stop(). The calls are
-// thread-safe; the destructor stops the server.
+// (Content-Length, connection closed), or with a raw reply that may trickle
+// or never end (answerRaw), or, after stayQuiet(), never answered: the
+// connection is held open until stop(). The calls are thread-safe; the
+// destructor stops the server.
 //
 //   HttpTestServer server;
 //   ASSERT_TRUE(server.start());
@@ -37,6 +39,11 @@ public:
 
     /// Answers later requests with this status and body (default 200, "").
     void answer(int status, std::string body);
+    /// Answers later requests with `head` (the status line and header fields,
+    /// each ending in "\r\n"; "Connection: close" is added) and then `piece`
+    /// `times` times (0: until the client hangs up or stop()), `pauseMs`
+    /// apart; the connection is closed after.
+    void answerRaw(std::string head, std::string piece, int times = 1, int pauseMs = 0);
     /// Accepts and reads later requests but never answers them.
     void stayQuiet();
 
@@ -50,9 +57,12 @@ private:
     int port_ = 0;
     std::thread thread_;
 
+    std::atomic<bool> stopping_{false};
+
     mutable std::mutex mutex_;
-    int status_ = 200;
-    std::string body_;
+    std::string head_ = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    std::string piece_;
+    int times_ = 1, pauseMs_ = 0;
     bool quiet_ = false;
     std::vector<std::string> requests_;
 };

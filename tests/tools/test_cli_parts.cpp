@@ -103,6 +103,11 @@ TEST(CliOptions, CommandLines)
         {"--user a history --http detail c 0 1", "error: --http applies to history pull and history sync only."},
         {"--user a history conversations -- 1 -1 1", "error: PAGE must be a whole number of 0 or more, not '-1'."},
         {"--user a rdp steal b t", "error: Unknown rdp subcommand 'steal': use control, becontrol, control-reply or"},
+        {"--user a send '' hi", "error: TO '' is empty: it cannot be part of a topic."},
+        {"--user a send # hi", "error: TO '#' holds an MQTT wildcard ('+' or '#'): it cannot be part of a topic."},
+        {"--user a/b listen", "error: --user 'a/b' holds '/'"},
+        {"--user a --domain d@e listen", "error: --domain 'd@e' holds '@'"},
+        {"--user a room create + n b", "error: ROOM '+' holds an MQTT wildcard"},
     };
     for (const auto &[line, expected] : rows) {
         const std::string got = parsed(QString::fromStdString(line));

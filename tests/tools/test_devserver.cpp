@@ -1,9 +1,11 @@
 // The development server through the library, in one scenario: alice and
 // bob log in over a real broker and each command family gets its answer. A
 // server started again on the same file still knows the history, the rooms
-// and the friends.
+// and the friends. Then what fails its checks, beside what passes them.
 
+#include "devstore.h"
 #include "enginetestkit.h"
+#include "inputlimits.h"
 #include "qttestapp.h"
 
 #include <QCoreApplication>
@@ -11,6 +13,8 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QTemporaryDir>
 
 #include <functional>
@@ -19,6 +23,14 @@
 namespace {
 
 using namespace kit;
+
+/// The executable's one broker, started on first use; null if it did not start.
+MosquittoBroker *sharedBroker()
+{
+    static MosquittoBroker broker;
+    static const bool up = broker.start();
+    return up ? &broker : nullptr;
+}
 
 /// Starts the server on `dir`'s store; its HTTP port, or 0 unless it said it is ready.
 int start(QProcess &server, const MosquittoBroker &broker, const QTemporaryDir &dir)
@@ -60,9 +72,9 @@ TEST(DevServer, AnswersEveryCommandFamilyAndKeepsItsStateAcrossARestart)
 {
     QtTestApp<QCoreApplication> qt;
     QTemporaryDir dir;
-    MosquittoBroker broker;
+    ASSERT_NE(sharedBroker(), nullptr);
+    const MosquittoBroker &broker = *sharedBroker();
     QProcess server;
-    ASSERT_TRUE(broker.start()) << broker.log();
     int httpPort = start(server, broker, dir);
     ASSERT_NE(httpPort, 0);
     App aliceApp, bobApp, bob2App;
@@ -128,6 +140,83 @@ TEST(DevServer, AnswersEveryCommandFamilyAndKeepsItsStateAcrossARestart)
         const std::size_t mark = step.app.log.lines().size();
         step.act();
         EXPECT_EQ(await(step.app, mark, step.expected.substr(0, step.expected.find('|') + 1)), step.expected);
+    }
+}
+
+// Each row's message is dropped with one "dropped" line, or its answer is
+// capped, and the chat message sent after it is still recorded. The store
+// starts as an older version left it: a body over the limit, unmeasured.
+TEST(DevServer, DropsWhatFailsItsChecksAndBoundsItsAnswers)
+{
+    QtTestApp<QCoreApplication> qt;
+    QTemporaryDir dir;
+    {
+        DevStore store(dir.filePath("dev.db"));
+        QString error;
+        ASSERT_TRUE(store.open(&error)) << error.toStdString();
+        const auto add = [&](const QString &uuid, int bytes) {
+            DevStore::Message m;
+            m.uuid = uuid, m.from = "alice@im.test", m.to = "bob@im.test", m.body = QString(bytes, 'b');
+            m.msgType = 1, m.secLevel = 9999;
+            store.addMessage(m);
+        };
+        add("old", InputLimits::BODY_BYTES + 1);
+        for (int i = 0; i < 250; ++i)
+            add(QString("p-%1").arg(i), 1);
+        add("big-1", 1500000), add("big-2", 1500000);
+        // As an older version made it: no body sizes.
+        QSqlDatabase older = QSqlDatabase::addDatabase("QSQLITE", "older");
+        older.setDatabaseName(dir.filePath("dev.db"));
+        ASSERT_TRUE(older.open() && QSqlQuery(older).exec("ALTER TABLE messages DROP COLUMN body_bytes"));
+    }
+    QSqlDatabase::removeDatabase("older");
+    ASSERT_NE(sharedBroker(), nullptr);
+    QProcess server;
+    Wire wire;
+    ASSERT_TRUE(start(server, *sharedBroker(), dir) != 0 && wire.start(*sharedBroker()));
+    const auto ask = [](int family, int sub, const QString &body, const QString &from) {
+        return makeServerMessage("server@im.test", family, sub, 0, body, from);
+    };
+    const auto chat = [](const QString &body) {
+        return makeServerMessage("bob@im.test", MESSAGE_INFO, MESSAGE_NORMAL, 0, body, "alice@im.test");
+    };
+    const QString room = R"({"jid":"%1","members":[{"alice@im.test":{}},{"%2":{}}]})";
+    const QString pull = R"({"pull_type":0,"count":100000,"msg_uuid":"%1"})";
+    const struct {
+        const char *name;
+        ServerMessage hostile;
+        std::vector<std::pair<std::string, int>> expected; // text in the server's log since, and how often
+    } rows[] = {
+        {"wildcard room JID", ask(GroupCMD, GroupSub_Create, room.arg("+", "bob@im.test"), "alice@im.test"),
+         {{R"x("reason":"room JID '+' holds an MQTT wildcard ('+' or '#')")x", 1}, {R"("event":"sent")", 0}}},
+        {"member JID", ask(GroupCMD, GroupSub_Create, room.arg("team@im.test", "x/y@im.test"), "alice@im.test"),
+         {{"1 member(s) dropped, the first: member 'x/y@im.test' holds '/'", 1}, {R"("to":"alice@im.test")", 1}}},
+        {"body over the limit", chat(QString(InputLimits::BODY_BYTES + 1, 'a')),
+         {{R"("reason":"body of 2097153 bytes, over 2097152")", 1}}},
+        {"stored body over the limit", ask(HistoryCMD, HistorySub_List, pull.arg("p-0"), "bob@im.test"),
+         {{R"(\"uuid\":\"old\",\"withheld\":true}],\"more\":false)", 1}}},
+        {"page over the byte bound", ask(HistoryCMD, HistorySub_List, pull.arg(""), "bob@im.test"),
+         {{R"(\"uuid\":\"big-2\")", 1}, {"big-1", 0}, {R"(\"more\":true)", 1}}},
+        {"page over the count bound", ask(HistoryCMD, HistorySub_List, pull.arg("big-1"), "bob@im.test"),
+         {{R"(\"uuid\":\"p-)", 200}, {R"(\"uuid\":\"p-50\")", 1}, {R"(\"more\":true)", 1}}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const ServerMessage legitimate = chat(row.name);
+        QFile out(dir.filePath("server.jsonl"));
+        ASSERT_TRUE(out.open(QIODevice::ReadOnly) && out.seek(out.size()));
+        ASSERT_TRUE(wire.publish(row.hostile.topic, row.hostile.payload) &&
+                    wire.publish(legitimate.topic, legitimate.payload));
+        std::string log;
+        ASSERT_TRUE(eventually([&] {
+            return (log += out.readAll().toStdString()).find(R"("event":"recorded")") != std::string::npos;
+        }));
+        for (const auto &[text, count] : row.expected) {
+            int found = 0;
+            for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+                ++found;
+            EXPECT_EQ(found, count) << text;
+        }
     }
 }
 

@@ -1,8 +1,11 @@
 #include "devserver.h"
 
+#include "answerbudget.h"
 #include "compactjson.h"
 #include "devserverlog.h"
 #include "groupevent.h"
+#include "inputlimits.h"
+#include "jidrefusal.h"
 #include "mqttmessage.h"
 
 #include <QDateTime>
@@ -31,26 +34,66 @@ const QString kHttpPrefix = QStringLiteral("/vantrel_api/instance_message/");
 
 QString fromUtf8(const std::string &text) { return QString::fromStdString(text); }
 
+// How much of a topic a "dropped" line shows.
+constexpr int kShownTopicBytes = 256;
+
 QJsonObject objectOf(const QString &json) { return QJsonDocument::fromJson(json.toUtf8()).object(); }
 
+// Why a request's values may not be used: `jid` (may be empty) fails the
+// JID check, or `uuid` is over DevStore::kMaxFieldBytes; empty when neither.
+QString valueRefusal(const QString &jid, const char *what, const QString &uuid = QString())
+{
+    const QString reason = JidRefusal::of(jid, what, true);
+    const qsizetype uuidBytes = uuid.toUtf8().size();
+    if (!reason.isEmpty() || uuidBytes <= DevStore::kMaxFieldBytes)
+        return reason;
+    return QStringLiteral("uuid of %1 bytes, over %2").arg(uuidBytes).arg(DevStore::kMaxFieldBytes);
+}
+
+QJsonObject friendJson(const DevStore::Friend &f)
+{
+    return {{QStringLiteral("jid"), f.jid},
+            {QStringLiteral("online"), f.online},
+            {QStringLiteral("properties"), f.properties},
+            {QStringLiteral("text"), f.text}};
+}
+
+// One page of a friend list, within the answer's bounds: a friend that does
+// not fit ends the page ("more"); one too large for any page is listed
+// without its text and properties.
 QJsonObject friendPage(DevStore &store, const QString &owner, const QJsonObject &request)
 {
     const int type = request.value(QLatin1String("type")).toInt(1);
     const int count = std::clamp(request.value(QLatin1String("count")).toInt(20), 1, HistoryAnswers::kMaxPage);
     const QString cursor = request.value(QLatin1String("last_friend_id")).toString();
     const auto list = type == 2 || type == 3 ? DevStore::FriendList(type) : DevStore::FriendList::Friends;
-    std::vector<DevStore::Friend> found = store.friends(owner, list, cursor, count + 1);
-    const bool more = int(found.size()) > count;
-    found.resize(std::min<std::size_t>(found.size(), std::size_t(count)));
+    bool more = false;
+    AnswerBudget budget;
     QJsonArray friends;
-    for (const DevStore::Friend &f : found)
-        friends.append(QJsonObject{{QStringLiteral("jid"), f.jid},
-                                   {QStringLiteral("online"), f.online},
-                                   {QStringLiteral("properties"), f.properties},
-                                   {QStringLiteral("text"), f.text}});
+    QString last = cursor;
+    store.friends(owner, list, cursor, count + 1, [&](DevStore::Friend &&f) {
+        if (friends.size() == count) {
+            more = true;
+            return false;
+        }
+        QJsonObject entry = friendJson(f);
+        if (!budget.take(entry)) {
+            if (!friends.isEmpty()) {
+                more = true;
+                return false;
+            }
+            f.text.clear(); // too large for any page
+            f.properties.clear();
+            entry = friendJson(f);
+            budget.take(entry);
+        }
+        friends.append(entry);
+        last = f.jid;
+        return true;
+    });
     return {{QStringLiteral("type"), int(list)},
             {QStringLiteral("friends"), friends},
-            {QStringLiteral("last_friend_id"), found.empty() ? cursor : found.back().jid},
+            {QStringLiteral("last_friend_id"), last},
             {QStringLiteral("more"), more}};
 }
 
@@ -58,7 +101,8 @@ QJsonObject friendPage(DevStore &store, const QString &owner, const QJsonObject 
 
 DevServer::DevServer(Settings settings, DevStore *store, JsonLineWriter *log, QObject *parent)
     : QObject(parent), m_settings(std::move(settings)), m_jid(fromUtf8(m_settings.serverJid)),
-      m_readyTopic("pushchat-devserver/ready/" + m_settings.serverJid), m_store(store), m_log(log), m_rooms(store),
+      m_readyTopic("pushchat-devserver/ready/" + m_settings.serverJid), m_store(store), m_log(log),
+      m_rooms(store, [this](const QString &reason) { dropped(reason); }),
       m_history(store), m_http([this](const QString &path, const QUrlQuery &query) { return answerHttp(path, query); })
 {
 }
@@ -99,26 +143,76 @@ void DevServer::connectStatus(bool connected)
 
 void DevServer::messgeRecievedMore(int, char *topic, void *payload, int length, int, bool)
 {
+    // Measured before anything is copied: the topic only up to one byte past
+    // its limit.
+    Arrived arrived;
+    arrived.topicBytes = qsizetype(strnlen(topic, std::size_t(InputLimits::TOPIC_BYTES) + 1));
+    arrived.payloadBytes = length;
+    arrived.oversized = arrived.topicBytes > InputLimits::TOPIC_BYTES || length > InputLimits::PAYLOAD_BYTES;
+    arrived.topic = QByteArray(topic, int(arrived.oversized ? std::min<qsizetype>(arrived.topicBytes, kShownTopicBytes)
+                                                            : arrived.topicBytes));
+    if (!arrived.oversized)
+        arrived.payload = QByteArray(static_cast<const char *>(payload), length);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_arrived.emplace_back(QByteArray(topic), QByteArray(static_cast<const char *>(payload), length));
+        m_arrived.push_back(std::move(arrived));
     }
     QMetaObject::invokeMethod(this, "drain", Qt::QueuedConnection);
 }
 
 void DevServer::drain()
 {
-    std::deque<std::pair<QByteArray, QByteArray>> arrived;
+    std::deque<Arrived> arrived;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         arrived.swap(m_arrived);
     }
-    for (const auto &[topic, payload] : arrived)
-        handle(topic, payload);
+    for (const Arrived &one : arrived) {
+        m_handling = QString::fromUtf8(one.topic.left(kShownTopicBytes));
+        handle(one);
+        m_handling.clear();
+    }
 }
 
-void DevServer::handle(const QByteArray &topic, const QByteArray &payload)
+void DevServer::dropped(const QString &reason, const std::string &from)
 {
+    m_log->write({{QStringLiteral("event"), QStringLiteral("dropped")},
+                  {QStringLiteral("topic"), m_handling},
+                  {QStringLiteral("from"), QString::fromUtf8(from.data(), int(std::min<std::size_t>(
+                                                                            from.size(), kShownTopicBytes)))},
+                  {QStringLiteral("reason"), reason}});
+}
+
+QString DevServer::refusal(const MQTTMessage &in)
+{
+    if (in.body.size() > std::size_t(InputLimits::BODY_BYTES))
+        return QStringLiteral("body of %1 bytes, over %2").arg(in.body.size()).arg(InputLimits::BODY_BYTES);
+    for (const std::string *field : {&in.messageKey, &in.stamp}) {
+        if (field->size() > std::size_t(DevStore::kMaxFieldBytes))
+            return QStringLiteral("%1 of %2 bytes, over %3")
+                .arg(field == &in.stamp ? QLatin1String("stamp") : QLatin1String("uuid"))
+                .arg(field->size())
+                .arg(DevStore::kMaxFieldBytes);
+    }
+    QString reason = JidRefusal::of(in.from, "sender");
+    if (reason.isEmpty())
+        reason = JidRefusal::of(in.protocol.jid, "topic JID");
+    if (reason.isEmpty())
+        reason = JidRefusal::of(in.to, "addressee", true);
+    return reason;
+}
+
+void DevServer::handle(const Arrived &arrived)
+{
+    const QByteArray &topic = arrived.topic, &payload = arrived.payload;
+    if (arrived.oversized) {
+        const bool topicOver = arrived.topicBytes > InputLimits::TOPIC_BYTES;
+        dropped(topicOver ? QStringLiteral("topic over %1 bytes").arg(InputLimits::TOPIC_BYTES)
+                          : QStringLiteral("payload of %1 bytes, over %2")
+                                .arg(arrived.payloadBytes)
+                                .arg(InputLimits::PAYLOAD_BYTES));
+        return;
+    }
     if (topic == QByteArray::fromStdString(m_readyTopic)) {
         m_log->write({{QStringLiteral("event"), QStringLiteral("ready")},
                       {QStringLiteral("server"), m_jid},
@@ -132,8 +226,17 @@ void DevServer::handle(const QByteArray &topic, const QByteArray &payload)
         return;
     }
     MQTTMessage in(nullptr, true);
-    if (!in.fromTopic(topic.constData(), payload.constData()) || fromUtf8(in.from) == m_jid)
-        return; // not a command, or one of ours coming back
+    if (!in.fromTopic(topic.constData(), payload.constData())) {
+        if (in.oversized)
+            dropped(QStringLiteral("envelope over %1 bytes").arg(InputLimits::ENVELOPE_BYTES));
+        return; // not a command
+    }
+    if (fromUtf8(in.from) == m_jid)
+        return; // one of ours coming back
+    if (const QString reason = refusal(in); !reason.isEmpty()) {
+        dropped(reason, in.from);
+        return;
+    }
     m_log->write({{QStringLiteral("event"), QStringLiteral("received")},
                   {QStringLiteral("topic"), QString::fromUtf8(topic)},
                   {QStringLiteral("from"), fromUtf8(in.from)},
@@ -156,7 +259,15 @@ void DevServer::handle(const QByteArray &topic, const QByteArray &payload)
 void DevServer::send(const std::string &to, int family, int sub1, int sub2, const QString &body,
                      const QString &from)
 {
+    // The addressee may come from the store, where an older version kept
+    // whatever it was given.
+    if (const QString reason = JidRefusal::of(to, "addressee"); !reason.isEmpty())
+        return dropped(reason);
     const ServerMessage out = makeServerMessage(to, family, sub1, sub2, body, from.isEmpty() ? m_jid : from);
+    if (out.payload.empty())
+        return dropped(QStringLiteral("answer of %1 characters to %2: over the envelope limit")
+                           .arg(body.size())
+                           .arg(JidRefusal::shown(to)));
     m_client->publish(out.topic.c_str(), out.payload.c_str(), kQos, false);
     m_log->write({{QStringLiteral("event"), QStringLiteral("sent")},
                   {QStringLiteral("topic"), fromUtf8(out.topic)},
@@ -206,6 +317,8 @@ void DevServer::messageInfo(MQTTMessage &in, const QString &topicJid)
         const QJsonObject request = objectOf(body);
         const QString uuid = request.value(QLatin1String("uuid")).toString();
         const int status = request.value(QLatin1String("status")).toInt();
+        if (const QString reason = valueRefusal(QString(), "", uuid); !reason.isEmpty())
+            return dropped(reason, in.from);
         const bool known = changeStatus(uuid, status, from);
         send(in.from, MESSAGE_INFO, MESSAGE_MODYFY_STATUS, 0,
              CompactJson::text({{QStringLiteral("uuid"), uuid},
@@ -247,14 +360,22 @@ void DevServer::friendCommand(MQTTMessage &in, const QString &topicJid)
         return;
     else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_SetPro))
         m_store->setFriendProperties(from, fromUtf8(in.to), body);
-    else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_List))
-        send(in.from, FriendInfo, FriendSubInfo_List, 0, CompactJson::text(friendPage(*m_store, from, objectOf(body))));
+    else if (in.matchSysProtocol(3, SYSTEM, FriendCMD, FriendSub_List)) {
+        const QJsonObject request = objectOf(body);
+        const QString cursor = request.value(QLatin1String("last_friend_id")).toString();
+        if (const QString reason = valueRefusal(cursor, "last_friend_id"); !reason.isEmpty())
+            return dropped(reason, in.from);
+        send(in.from, FriendInfo, FriendSubInfo_List, 0, CompactJson::text(friendPage(*m_store, from, request)));
+    }
 }
 
 void DevServer::historyCommand(MQTTMessage &in)
 {
     const QString from = fromUtf8(in.from);
     const QJsonObject request = objectOf(fromUtf8(in.body));
+    const auto text = [&](const char *key) { return request.value(QLatin1String(key)).toString(); };
+    if (const QString reason = valueRefusal(text("conv_id"), "conv_id", text("msg_uuid")); !reason.isEmpty())
+        return dropped(reason, in.from);
     if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_List))
         send(in.from, HistoryINFO, HistorySubInfo_List, 0, CompactJson::text(m_history.list(from, request)));
     else if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_Converstaion))
@@ -285,6 +406,13 @@ HttpService::Reply DevServer::answerHttp(const QString &path, const QUrlQuery &q
     const int count = pull ? number("count") : 0;
     if (!valid)
         return {400, "{\"error\":\"a number is missing or malformed\"}"};
+    if (const QString reason = valueRefusal(value("user_id"), "user_id", value(modify ? "uuid" : "msg_uuid"));
+        !reason.isEmpty()) {
+        m_handling = path;
+        dropped(reason);
+        m_handling.clear();
+        return {400, CompactJson::text({{QStringLiteral("error"), reason}}).toUtf8()};
+    }
     QJsonObject answer;
     int status = 200;
     if (pull) {

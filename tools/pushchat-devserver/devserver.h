@@ -27,8 +27,19 @@
 // the event loop of the thread that owns the object. It reports on `log`, one JSON line each:
 // {"event":"ready","server","http_port"} once it listens and its
 // subscriptions are in place, "received" (topic, from, body deciphered),
-// "recorded" (uuid, from, to), "location" (target, position) and "sent"
-// (topic, to, body).
+// "recorded" (uuid, from, to), "location" (target, position), "sent"
+// (topic, to, body) and "dropped" (topic, from, reason).
+//
+// What arrives is bounded before anything is kept or sent on. A topic over
+// InputLimits::TOPIC_BYTES or a payload over PAYLOAD_BYTES is dropped before
+// it is copied or parsed; an envelope the library refuses as oversized, a
+// body over BODY_BYTES (UTF-8), a uuid or stamp over DevStore::kMaxFieldBytes,
+// and a sender, topic or addressee JID that fails Jid::check are dropped
+// whole. So are the JIDs named inside room commands (RoomDirectory), a
+// history request's "conv_id", the HTTP service's "user_id", and every
+// addressee of what the server sends, the store's included. Each drop is one
+// "dropped" line, and nothing else is lost. Answers are bounded by
+// HistoryAnswers and AnswerBudget.
 
 #include "devstore.h"
 #include "historyanswers.h"
@@ -73,8 +84,20 @@ public:
     void connectStatus(bool connected) override;
 
 private:
+    /// A delivery as queued: sizes over the limits leave topic and payload
+    /// out (the topic's start is kept for the log line).
+    struct Arrived {
+        QByteArray topic, payload;
+        qsizetype topicBytes = 0, payloadBytes = 0;
+        bool oversized = false;
+    };
+
     Q_INVOKABLE void drain();
-    void handle(const QByteArray &topic, const QByteArray &payload);
+    void handle(const Arrived &arrived);
+    /// Writes the "dropped" line for the message being handled.
+    void dropped(const QString &reason, const std::string &from = std::string());
+    /// Why `in` may not be kept or answered; empty when it may.
+    static QString refusal(const MQTTMessage &in);
     void roomCommand(MQTTMessage &in);
     void messageInfo(MQTTMessage &in, const QString &topicJid);
     void friendCommand(MQTTMessage &in, const QString &topicJid);
@@ -90,11 +113,12 @@ private:
     const std::string m_readyTopic;
     DevStore *m_store;
     JsonLineWriter *m_log;
+    QString m_handling; // the topic being handled, for "dropped" lines; before m_rooms, which may drop
     RoomDirectory m_rooms;
     HistoryAnswers m_history;
     HttpService m_http;
     std::mutex m_mutex;
-    std::deque<std::pair<QByteArray, QByteArray>> m_arrived; // topic, payload; guarded by m_mutex
+    std::deque<Arrived> m_arrived; // guarded by m_mutex
     std::unique_ptr<PushClient> m_client; // declared last: destroyed first
 };
 

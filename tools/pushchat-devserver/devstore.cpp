@@ -2,6 +2,7 @@
 
 #include "compactjson.h"
 #include "devserverlog.h"
+#include "inputlimits.h"
 
 #include <QDateTime>
 #include <QSqlError>
@@ -17,7 +18,7 @@ const char *const kSchema[] = {
     "CREATE TABLE IF NOT EXISTS messages (id INTEGER PRIMARY KEY AUTOINCREMENT, uuid TEXT NOT NULL UNIQUE, "
     "sender TEXT NOT NULL, receiver TEXT NOT NULL, body TEXT NOT NULL, body_type INTEGER NOT NULL, "
     "msg_type INTEGER NOT NULL, sec_level INTEGER NOT NULL, stamp TEXT NOT NULL, at INTEGER NOT NULL, "
-    "status INTEGER NOT NULL DEFAULT 0, modifier TEXT NOT NULL DEFAULT '')",
+    "status INTEGER NOT NULL DEFAULT 0, modifier TEXT NOT NULL DEFAULT '', body_bytes INTEGER)",
     // one row per device: a user is online while any device is
     "CREATE TABLE IF NOT EXISTS presence (jid TEXT NOT NULL, device TEXT NOT NULL, online INTEGER NOT NULL, "
     "body TEXT NOT NULL, at INTEGER NOT NULL, PRIMARY KEY (jid, device))",
@@ -31,11 +32,34 @@ const char *const kSchema[] = {
 const char *const kMessageColumns =
     "uuid, sender, receiver, body, body_type, msg_type, sec_level, stamp, at, status, modifier";
 
+// `column` as read back: NULL when its text is over `limit` bytes. SQLite
+// measures it in its own memory and never hands the text over then.
+QString bounded(const char *column, int limit = DevStore::kMaxFieldBytes)
+{
+    return QStringLiteral("(CASE WHEN length(CAST(%1 AS BLOB)) > %2 THEN NULL ELSE %1 END)")
+        .arg(QLatin1String(column))
+        .arg(limit);
+}
+
+// kMessageColumns as read back.
+QString readMessageColumns()
+{
+    return QStringLiteral("%1, %2, %3, (CASE WHEN body_bytes > %4 THEN NULL ELSE body END), body_type, msg_type, "
+                          "sec_level, %5, at, status, %6")
+        .arg(bounded("uuid"), bounded("sender"), bounded("receiver"), QString::number(InputLimits::BODY_BYTES),
+             bounded("stamp"), bounded("modifier"));
+}
+
 // The other end of a message for `user`: the room, or the peer.
 const char *const kConversation = "(CASE WHEN msg_type = 4 OR sender = ? THEN receiver ELSE sender END)";
 
-DevStore::Message messageAt(const QSqlQuery &query, int first = 0)
+// The message of the row; none when one of its fields is over its limit.
+std::optional<DevStore::Message> messageAt(const QSqlQuery &query, int first = 0)
 {
+    for (int field : {0, 1, 2, 7, 10}) {
+        if (query.value(first + field).isNull())
+            return std::nullopt;
+    }
     DevStore::Message m;
     m.uuid = query.value(first).toString();
     m.from = query.value(first + 1).toString();
@@ -48,6 +72,7 @@ DevStore::Message messageAt(const QSqlQuery &query, int first = 0)
     m.at = query.value(first + 8).toLongLong();
     m.status = query.value(first + 9).toInt();
     m.modifier = query.value(first + 10).toString();
+    m.bodyWithheld = query.value(first + 3).isNull();
     return m;
 }
 
@@ -99,6 +124,22 @@ bool DevStore::open(QString *error)
             return false;
         }
     }
+    // A database of an older version has no body sizes: they are measured
+    // once here, so that reading never has to load a body to learn it is
+    // over the limit, and a body over the limit is emptied (its size kept,
+    // it reads as withheld), so that it is never loaded again.
+    QSqlQuery query(m_db);
+    const bool sized =
+        query.exec(QStringLiteral("SELECT 1 FROM pragma_table_info('messages') WHERE name = 'body_bytes'")) &&
+        query.next();
+    if ((!sized && !query.exec(QStringLiteral("ALTER TABLE messages ADD COLUMN body_bytes INTEGER"))) ||
+        !query.exec(QStringLiteral("UPDATE messages SET body_bytes = length(CAST(body AS BLOB)), body = CASE "
+                                   "WHEN length(CAST(body AS BLOB)) > %1 THEN '' ELSE body END "
+                                   "WHERE body_bytes IS NULL")
+                        .arg(InputLimits::BODY_BYTES))) {
+        *error = query.lastError().text();
+        return false;
+    }
     return true;
 }
 
@@ -122,18 +163,18 @@ bool DevStore::addMessage(const Message &m)
 {
     QSqlQuery query(m_db);
     return run(query,
-               QStringLiteral("INSERT OR IGNORE INTO messages (%1) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+               QStringLiteral("INSERT OR IGNORE INTO messages (%1, body_bytes) "
+                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
                    .arg(QLatin1String(kMessageColumns)),
                {m.uuid, m.from, m.to, m.body, m.bodyType, m.msgType, m.secLevel, m.stamp, m.at, m.status,
-                m.modifier}) &&
+                m.modifier, m.body.toUtf8().size()}) &&
            query.numRowsAffected() == 1;
 }
 
 std::optional<DevStore::Message> DevStore::message(const QString &uuid)
 {
     QSqlQuery query(m_db);
-    if (!run(query, QStringLiteral("SELECT %1 FROM messages WHERE uuid = ?").arg(QLatin1String(kMessageColumns)),
-             {uuid}) ||
+    if (!run(query, QStringLiteral("SELECT %1 FROM messages WHERE uuid = ?").arg(readMessageColumns()), {uuid}) ||
         !query.next())
         return std::nullopt;
     return messageAt(query);
@@ -147,8 +188,8 @@ bool DevStore::setStatus(const QString &uuid, int status, const QString &modifie
            query.numRowsAffected() == 1;
 }
 
-std::vector<DevStore::Message> DevStore::messages(const Scope &scope, Direction direction, int skip, int limit,
-                                                  const QString &anchor)
+void DevStore::messages(const Scope &scope, Direction direction, int skip, int limit, const QString &anchor,
+                        const Visitor<Message> &visit)
 {
     const bool older = direction == Direction::Older;
     QVariantList values;
@@ -160,40 +201,45 @@ std::vector<DevStore::Message> DevStore::messages(const Scope &scope, Direction 
     }
     values << limit << skip;
     QSqlQuery query(m_db);
-    std::vector<Message> found;
+    query.setForwardOnly(true);
     if (!run(query,
              QStringLiteral("SELECT %1 FROM messages WHERE %2 ORDER BY id %3 LIMIT ? OFFSET ?")
-                 .arg(QLatin1String(kMessageColumns), where, older ? QStringLiteral("DESC") : QStringLiteral("ASC")),
+                 .arg(readMessageColumns(), where, older ? QStringLiteral("DESC") : QStringLiteral("ASC")),
              values))
-        return found;
-    while (query.next())
-        found.push_back(messageAt(query));
-    return found;
+        return;
+    while (query.next()) {
+        std::optional<Message> m = messageAt(query);
+        if (m && !visit(std::move(*m)))
+            return;
+    }
 }
 
-std::vector<DevStore::Conversation> DevStore::conversations(const Scope &scope, int skip, int limit)
+void DevStore::conversations(const Scope &scope, int skip, int limit, const Visitor<Conversation> &visit)
 {
     QVariantList values{scope.user};
     const QString where = scopeCondition(scope, &values);
     values << limit << skip;
     // The latest message of each conversation, with the conversation's size.
-    const QString sql = QStringLiteral("SELECT conv, n, %1 FROM messages JOIN (SELECT %2 AS conv, MAX(id) AS last, "
-                                       "COUNT(*) AS n FROM messages WHERE %3 GROUP BY conv) ON id = last "
+    const QString sql = QStringLiteral("SELECT %1, n, %2 FROM messages JOIN (SELECT %3 AS conv, MAX(id) AS last, "
+                                       "COUNT(*) AS n FROM messages WHERE %4 GROUP BY conv) ON id = last "
                                        "ORDER BY id DESC LIMIT ? OFFSET ?")
-                            .arg(QLatin1String(kMessageColumns), QLatin1String(kConversation), where);
+                            .arg(bounded("conv"), readMessageColumns(), QLatin1String(kConversation), where);
     QSqlQuery query(m_db);
-    std::vector<Conversation> found;
+    query.setForwardOnly(true);
     if (!run(query, sql, values))
-        return found;
+        return;
     while (query.next()) {
+        std::optional<Message> last = messageAt(query, 2);
+        if (query.value(0).isNull() || !last)
+            continue;
         Conversation c;
         c.id = query.value(0).toString();
         c.count = query.value(1).toInt();
-        c.last = messageAt(query, 2);
+        c.last = std::move(*last);
         c.msgType = c.last.msgType;
-        found.push_back(c);
+        if (!visit(std::move(c)))
+            return;
     }
-    return found;
 }
 
 bool DevStore::isMember(const QString &user, const QString &room)
@@ -252,33 +298,46 @@ bool DevStore::setFriendProperties(const QString &owner, const QString &friendJi
            query.numRowsAffected() == 1;
 }
 
-std::vector<DevStore::Friend> DevStore::friends(const QString &owner, FriendList list, const QString &cursor,
-                                                int limit)
+void DevStore::friends(const QString &owner, FriendList list, const QString &cursor, int limit,
+                       const Visitor<Friend> &visit)
 {
     // Requests received are the rows whose friend is the owner.
     const bool received = list == FriendList::RequestsReceived;
     const QString other = received ? QStringLiteral("owner") : QStringLiteral("friend");
-    const QString sql = QStringLiteral("SELECT f.%1, f.text, f.properties, COALESCE(p.online, 0) FROM friends f "
+    const QString sql = QStringLiteral("SELECT %3, %4, %5, COALESCE(p.online, 0) FROM friends f "
                                        "LEFT JOIN (SELECT jid, MAX(online) AS online FROM presence GROUP BY jid) p "
                                        "ON p.jid = f.%1 WHERE f.%2 = ? AND f.state = ? "
                                        "AND f.%1 > ? ORDER BY f.%1 LIMIT ?")
-                            .arg(other, received ? QStringLiteral("friend") : QStringLiteral("owner"));
+                            .arg(other, received ? QStringLiteral("friend") : QStringLiteral("owner"),
+                                 bounded(received ? "f.owner" : "f.friend"),
+                                 bounded("f.text", InputLimits::BODY_BYTES),
+                                 bounded("f.properties", InputLimits::BODY_BYTES));
     const QString state = list == FriendList::Friends ? QStringLiteral("friend") : QStringLiteral("asked");
     QSqlQuery query(m_db);
-    std::vector<Friend> found;
+    query.setForwardOnly(true);
     if (!run(query, sql, {owner, state, cursor, limit}))
-        return found;
-    while (query.next())
-        found.push_back({query.value(0).toString(), query.value(1).toString(), query.value(2).toString(),
-                         query.value(3).toInt() != 0});
-    return found;
+        return;
+    while (query.next()) {
+        if (!query.value(0).isNull() &&
+            !visit({query.value(0).toString(), query.value(1).toString(), query.value(2).toString(),
+                    query.value(3).toInt() != 0}))
+            return;
+    }
 }
 
 QStringList DevStore::friendsOf(const QString &jid)
 {
+    QSqlQuery query(m_db);
     QStringList found;
-    for (const Friend &f : friends(jid, FriendList::Friends, QString(), -1))
-        found << f.jid;
+    if (!run(query,
+             QStringLiteral("SELECT %1 FROM friends WHERE owner = ? AND state = 'friend' ORDER BY friend")
+                 .arg(bounded("friend")),
+             {jid}))
+        return found;
+    while (query.next()) {
+        if (!query.value(0).isNull())
+            found << query.value(0).toString();
+    }
     return found;
 }
 
@@ -305,9 +364,17 @@ std::vector<QByteArray> DevStore::rooms()
 {
     QSqlQuery query(m_db);
     std::vector<QByteArray> found;
-    if (run(query, QStringLiteral("SELECT json FROM rooms ORDER BY jid"), {})) {
-        while (query.next())
-            found.push_back(query.value(0).toString().toUtf8());
+    if (!run(query,
+             QStringLiteral("SELECT %1, %2 FROM rooms ORDER BY jid")
+                 .arg(bounded("jid"), bounded("json", InputLimits::BODY_BYTES)),
+             {}))
+        return found;
+    while (query.next()) {
+        if (query.value(1).isNull())
+            qCWarning(lcDevServer).noquote() << "store: room" << query.value(0).toString()
+                                             << "not loaded: its JSON is over" << InputLimits::BODY_BYTES << "bytes";
+        else
+            found.push_back(query.value(1).toString().toUtf8());
     }
     return found;
 }

@@ -10,17 +10,32 @@
 // file path creates the file or reopens it with what it holds. Every call
 // runs on the thread that created the object. Failing statements are
 // logged and reported as empty results or false.
+//
+// What is read back is bounded, whatever the database holds (an older
+// version stored whatever it received): SQLite measures each text before
+// handing it over, and a value over its limit is never read into memory
+// here. Message bodies are measured once, when they are stored (or, for a
+// database of an older version, when open() adds their size column and
+// empties the bodies over the limit), so that a history query does not even
+// load a body that is over the limit. A message body, a friend's text or properties, or a room's JSON over
+// InputLimits::BODY_BYTES reads as withheld (the message's bodyWithheld,
+// empty texts, the room not loaded); a message or friend whose uuid, JIDs,
+// stamp or modifier are over kMaxFieldBytes is left out of the results.
 
 #include <QJsonObject>
 #include <QSqlDatabase>
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <optional>
 #include <vector>
 
 class DevStore {
 public:
+    /// Longest uuid, stamp or JID kept or read back, in UTF-8 bytes.
+    static constexpr int kMaxFieldBytes = 1024;
+
     struct Message {
         QString uuid;
         QString from;
@@ -33,6 +48,7 @@ public:
         qint64 at = 0; // ms since the epoch, when the server saw it
         int status = 0;
         QString modifier;
+        bool bodyWithheld = false; // the stored body is over the limit: not read
     };
     /// Which messages a history query returns: a user's, of one conversation
     /// (the peer's or the room's JID; empty: all of them), of one kind
@@ -72,12 +88,16 @@ public:
     /// Older: newest first, and only those older than `anchor` (a message
     /// uuid) when there is one. Newer: oldest first, only those newer.
     enum class Direction { Older, Newer };
+    /// Called with each result in turn; false stops the reading there, so
+    /// that no more than the caller takes is ever held in memory.
+    template <typename T>
+    using Visitor = std::function<bool(T &&)>;
     /// The scope's messages in `direction`: `skip` of them left out, at
-    /// most `limit` returned.
-    std::vector<Message> messages(const Scope &scope, Direction direction, int skip, int limit,
-                                  const QString &anchor = QString());
+    /// most `limit` visited.
+    void messages(const Scope &scope, Direction direction, int skip, int limit, const QString &anchor,
+                  const Visitor<Message> &visit);
     /// The scope's conversations, the most recent first.
-    std::vector<Conversation> conversations(const Scope &scope, int skip, int limit);
+    void conversations(const Scope &scope, int skip, int limit, const Visitor<Conversation> &visit);
     /// Whether `room` is a room `user` belongs to.
     bool isMember(const QString &user, const QString &room);
 
@@ -94,7 +114,8 @@ public:
     bool setFriendProperties(const QString &owner, const QString &friendJid, const QString &properties);
     /// One page of a list, sorted by JID, after `cursor` (a JID; empty: from
     /// the start).
-    std::vector<Friend> friends(const QString &owner, FriendList list, const QString &cursor, int limit);
+    void friends(const QString &owner, FriendList list, const QString &cursor, int limit,
+                 const Visitor<Friend> &visit);
     /// The JIDs that are `jid`'s friends.
     QStringList friendsOf(const QString &jid);
 

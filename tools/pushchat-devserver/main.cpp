@@ -1,9 +1,10 @@
 // pushchat-devserver: a server for development and demos that answers
 // every command the pushchat library sends to the IM server, keeping its
 // state in SQLite. Not a server to deploy: it trusts what clients say they
-// are and keeps everything in one table per kind. Runs until SIGINT,
-// SIGTERM or SIGHUP, and reports what it receives, records and sends as
-// JSON lines on stdout.
+// are and keeps everything in one table per kind. It does bound what it
+// takes, keeps and answers (devserver.h): what fails a check is dropped with
+// one "dropped" line. Runs until SIGINT, SIGTERM or SIGHUP, and reports what
+// it receives, records and sends as JSON lines on stdout.
 //
 //   pushchat-devserver [--host H] [--port P] [--broker H:P]... [--server-jid JID]
 //                      [--db PATH] [--http-port N] [--http-address A]

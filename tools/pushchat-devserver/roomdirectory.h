@@ -20,6 +20,15 @@
 //
 // Requests for unknown rooms and other sub-commands get no answer. Used by
 // the thread that uses the store.
+//
+// Every JID a request names passes Jid::check before it is kept or sent on:
+// a request whose room JID, creator or operatorBy fails is dropped, and so
+// is each member whose JID (its key, or its "jid") fails, the rest of the
+// request going ahead; each drop is reported once per request to the
+// refusal callback. So is a change that would take a room's JSON, the body
+// of its events, over InputLimits::BODY_BYTES (the room stays as it was),
+// and a room list cut at AnswerBudget::kMaxBytes or InputLimits::ROOMS. Rooms
+// loaded from the store pass the same checks.
 
 #include "devstore.h"
 #include "room.h"
@@ -41,12 +50,23 @@ public:
         QString body;
     };
 
+    /// Told why a request, or part of it, was dropped.
+    using Refusal = std::function<void(const QString &reason)>;
+
     /// `store` is borrowed; null keeps the rooms in memory only.
-    explicit RoomDirectory(DevStore *store);
+    explicit RoomDirectory(DevStore *store, Refusal refuse = {});
 
     std::vector<Event> answer(GroupSubCmd cmd, const std::string &from, const QByteArray &body);
 
 private:
+    void refuse(const QString &reason) const;
+    /// Whether `jid` passes (an empty one does when `optional`); refused if not.
+    bool valid(const std::string &jid, const char *what, bool optional = false) const;
+    /// Drops the members whose JID fails; false when the room's own JIDs fail.
+    bool validRoom(Room &room) const;
+    /// Whether the room's JSON is within the body limit; refused if not.
+    bool fits(Room &room) const;
+    /// The known room `roomJid`; null when unknown or not a valid JID.
     Room *find(const std::string &roomJid);
     std::vector<Event> toMembers(Room &room, GroupSubCmd cmd);
     /// Applies a change to a known room, keeps it and tells its members.
@@ -58,6 +78,7 @@ private:
     void keep(Room &room);
 
     DevStore *m_store;
+    Refusal m_refuse;
 
     std::map<std::string, std::unique_ptr<Room>> m_rooms; // by room JID
 };

@@ -2,12 +2,15 @@
 
 #include "connectionoptions.h"
 
+#include <pushchat/jid.h>
+
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 #include <QUrl>
 
 #include <cmath>
 #include <optional>
+#include <vector>
 
 namespace {
 
@@ -60,8 +63,9 @@ const char *const kDescription =
     "the library reports nothing more for them). history logs in, asks, waits\n"
     "up to --timeout for the answer, prints it as one JSON line (the event\n"
     "onConversations, onConversationDetail or onHistoryMessages) and exits 0;\n"
-    "with --http it exits 4 when the service's answer is empty (which is also\n"
-    "what an unreachable service, an HTTP error or 10 s of silence give).\n"
+    "with --http, --timeout bounds the whole request, and it exits 4 with the\n"
+    "reason when the service gives no answer (unreachable, an HTTP error or a\n"
+    "redirect, 10 s of silence, a reply over its bounds) or an empty one.\n"
     "listen --save-images writes every received image (an \"image_encode\" body)\n"
     "to a new .jpg file in your documents directory and adds \"saved\": its\n"
     "path (empty if it could not be written) to the message's event line.\n"
@@ -95,7 +99,7 @@ struct OptionSet {
                                  QStringLiteral("jid")};
     QCommandLineOption timeout{QStringLiteral("timeout"),
                                QStringLiteral("Seconds to wait for the connection, and then for the answer "
-                                              "of history (default 10)."),
+                                              "of history, over --http the whole request (default 10)."),
                                QStringLiteral("seconds"), QStringLiteral("10")};
     QCommandLineOption notice{QStringLiteral("notice"), QStringLiteral("send: send a notice, readable by all.")};
     QCommandLineOption room{QStringLiteral("room"), QStringLiteral("send: TO is a room.")};
@@ -306,5 +310,34 @@ bool CliOptions::parse(const QStringList &arguments)
     m_user = parser.value(options.user);
     if (m_user.isEmpty())
         return fail(QStringLiteral("Missing --user: the user id to log in as."));
+    return checkIdentifiers();
+}
+
+bool CliOptions::checkIdentifiers()
+{
+    struct Value {
+        const char *name;
+        QString text;
+        bool part; // a user id or domain: no "@"
+    };
+    std::vector<Value> values{ { "--user", m_user, true } };
+    if (!m_domain.isEmpty())
+        values.push_back({ "--domain", m_domain, true });
+    if (!m_serverJid.isEmpty())
+        values.push_back({ "--server-jid", m_serverJid, false });
+    // The argument that names a user or room and so becomes a topic.
+    if (m_command == Command::Send)
+        values.push_back({ "TO", m_arguments.at(0), false });
+    else if (m_command == Command::Location)
+        values.push_back({ "TARGET", m_arguments.at(0), false });
+    else if ((m_command == Command::Room || m_command == Command::Friend || m_command == Command::Rdp) &&
+             m_arguments.size() > 1)
+        values.push_back({ m_command == Command::Room ? "ROOM" : "JID", m_arguments.at(1), false });
+    for (const Value &value : values) {
+        const Jid::Problem problem = value.part ? Jid::checkPart(value.text) : Jid::check(value.text);
+        if (problem != Jid::Problem::None)
+            return fail(QStringLiteral("%1 '%2' %3: it cannot be part of a topic.")
+                            .arg(QLatin1String(value.name), value.text.left(80), QLatin1String(Jid::describe(problem))));
+    }
     return true;
 }

@@ -89,6 +89,9 @@ public:
 
 private:
     bool fail(const QString &message);
+    /// The user id, domain, server JID and the command's addressee checked
+    /// as the library checks them (pushchat/jid.h); false with the reason.
+    bool checkIdentifiers();
 
     QString m_error;
     bool m_help = false;

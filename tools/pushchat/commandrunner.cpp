@@ -9,8 +9,32 @@
 #include <pushchat/message_lib.h>
 #include "terminationsignals.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
+#include <QSocketNotifier>
 #include <QUuid>
+
+namespace {
+
+// Runs `call`, which waits in an event loop of this thread, and ends that
+// wait if a termination signal arrives meanwhile: the signal is consumed
+// and every event loop of the thread told to exit. True if one arrived.
+bool runInterruptibly(TerminationSignals &termination, const std::function<void()> &call)
+{
+    QSocketNotifier notifier(termination.fd(), QSocketNotifier::Read);
+    bool interrupted = false;
+    QObject::connect(&notifier, &QSocketNotifier::activated, [&] {
+        if (termination.take() == 0)
+            return;
+        interrupted = true;
+        notifier.setEnabled(false);
+        QCoreApplication::exit(toInt(ExitCode::Interrupted));
+    });
+    call();
+    return interrupted;
+}
+
+} // namespace
 
 CommandRunner::CommandRunner(const CliOptions &options, TerminationSignals &termination, std::FILE *out)
     : m_options(options), m_termination(termination), m_out(out)
@@ -124,9 +148,10 @@ ExitCode CommandRunner::send()
         text = m_options.commandArguments().at(1);
     } else {
         // Loaded before connecting: a bad file costs no connection.
-        text = ImageBody::encodeFile(m_options.image());
+        QString error;
+        text = ImageBody::encodeFile(m_options.image(), &error);
         if (text.isEmpty()) {
-            fail(QStringLiteral("cannot load '%1' as an image.").arg(m_options.image()));
+            fail(error);
             return ExitCode::NoInput;
         }
     }
@@ -165,13 +190,24 @@ ExitCode CommandRunner::history()
         return connected;
 
     if (request.overHttp()) {
+        Message_lib &library = session.library();
         if (!m_options.httpBase().isEmpty())
-            session.library().setHistoryBaseAddress(m_options.httpBase());
+            library.setHistoryBaseAddress(m_options.httpBase());
+        library.setHistoryDeadline(static_cast<int>(m_options.connectTimeout().count()));
         // Blocks in a nested event loop of this, the application's, thread
-        // until the reply or the library's transfer timeout.
-        request.runOverHttp(session.library());
+        // until the reply, the deadline or a termination signal.
+        const bool interrupted = runInterruptibly(m_termination, [&] { request.runOverHttp(library); });
         session.logout();
+        if (interrupted) {
+            fail(QStringLiteral("interrupted while waiting for the %1.").arg(QLatin1String(request.what())));
+            return ExitCode::Interrupted;
+        }
+        const QString reason = library.lastHistoryError();
         const std::optional<QJsonObject> event = answer.event();
+        if (!reason.isEmpty()) {
+            fail(QStringLiteral("no %1 from the HTTP history service: %2.").arg(QLatin1String(request.what()), reason));
+            return ExitCode::NoAnswer;
+        }
         if (!event || event->value(QLatin1String("json")).toString().isEmpty()) {
             fail(QStringLiteral("the HTTP history service's answer is empty (no %1).")
                      .arg(QLatin1String(request.what())));

@@ -11,7 +11,9 @@
 // two room requests the library reports nothing for). history logs in, asks
 // and prints the answering event on `out`: over the push channel the first
 // one that arrives within the timeout, over HTTP the one the blocking call
-// delivers, which must not be empty.
+// delivers within the timeout (its deadline), which must not be empty: the
+// library's reason is printed when there is none. A termination signal
+// ends either wait at once.
 
 #include "exitcode.h"
 

@@ -7,10 +7,10 @@ enum class ExitCode : int {
     NotPublished = 1,  ///< connected, but the library did not publish
     NotConnected = 2,  ///< no connection within the timeout
     Failure = 3,       ///< the client could not set itself up
-    NoAnswer = 4,      ///< history: no answer within the timeout, or an empty one over HTTP
+    NoAnswer = 4,      ///< history: no answer within the timeout; over HTTP none (reason printed) or an empty one
     Usage = 64,        ///< bad option, missing argument, unknown command
     NoInput = 66,      ///< send --image: the file cannot be loaded as an image
-    Interrupted = 130  ///< SIGINT/SIGTERM before a command was sent
+    Interrupted = 130  ///< SIGINT/SIGTERM before a command was sent, or while history waited
 };
 
 inline int toInt(ExitCode code) { return static_cast<int>(code); }

@@ -48,7 +48,8 @@ public:
     void sendWith(Message_lib &library) const;
     /// Runs the HTTP request on the calling thread (which needs a Qt event
     /// loop to be possible: a QCoreApplication's thread); answerEvent() has
-    /// been delivered, with an empty text on failure, when it returns.
+    /// been delivered, with an empty text on failure (the library's
+    /// lastHistoryError() tells why), when it returns.
     void runOverHttp(Message_lib &library) const;
 
 private:

@@ -13,8 +13,11 @@
 class ImageBody {
 public:
     /// The compact JSON text of the "image_encode" body for the image file
-    /// at `path`; empty when the file cannot be loaded as an image.
-    static QString encodeFile(const QString &path);
+    /// at `path`; empty, with the reason in `error`, when the file cannot be
+    /// loaded as an image or its picture is larger than the library encodes
+    /// (ImageCodec::MAX_ENCODE_PIXELS; refused from the file's header,
+    /// before any pixel is decoded).
+    static QString encodeFile(const QString &path, QString *error);
     /// For a body whose "type" is "image_encode": writes the picture to a new
     /// file and returns its path (empty when that failed). For any other
     /// body: nullopt, and nothing is written.

@@ -22,6 +22,15 @@ int main(int argc, char *argv[])
     QCoreApplication::setOrganizationName(QStringLiteral("pushchat"));
     QCoreApplication::setApplicationName(QStringLiteral("pushchat-cli"));
 
+    // Qt turns bytes that are not UTF-8 into U+FFFD, so that different
+    // arguments would read the same: refuse them while the bytes are known.
+    for (int i = 1; i < argc; ++i) {
+        if (QString::fromUtf8(argv[i]).toUtf8() != QByteArray(argv[i])) {
+            std::fprintf(stderr, "pushchat: argument %d is not valid UTF-8.\n", i);
+            return toInt(ExitCode::Usage);
+        }
+    }
+
     CliOptions options;
     if (!options.parse(QCoreApplication::arguments())) {
         std::fprintf(stderr, "pushchat: %s\n", options.error().toLocal8Bit().constData());

@@ -41,6 +41,11 @@ QString Message_lib::lastConnectionErrorText() const
     return d->lastConnectionErrorText();
 }
 
+void Message_lib::setMaxQos(int qos)
+{
+    d->setMaxQos(qos);
+}
+
 DroppedInputs Message_lib::droppedInputs() const
 {
     return d->droppedInputs();

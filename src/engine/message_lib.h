@@ -68,6 +68,14 @@ public:
     /// bounds (see pushclientoptions.h). Copied; the connection made by an
     /// earlier login keeps its own. Call it before registerToImServer.
     void setPushClientOptions(const PushClientOptions &options);
+    /// The highest delivery level the next login's connection uses for
+    /// every publication, its will and its subscriptions: 2 (the default)
+    /// or 1, for a broker that offers no QoS 2 (a clustered RabbitMQ, see
+    /// docs/cluster.md); other values are taken as the nearer of the two.
+    /// With 1 a broker may repeat a delivery after a reconnection; the
+    /// connection drops such repeats as it does at 2. Call it before
+    /// registerToImServer.
+    void setMaxQos(int qos);
     /// Why the last connection attempt failed or the link went down;
     /// PushConnectionError::None while connected and without a login. An
     /// application reads it when onDisconnected arrives: a refusal (wrong

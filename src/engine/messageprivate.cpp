@@ -16,6 +16,7 @@
 #include <QSysInfo>
 #include <QUuid>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -147,6 +148,7 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
     std::vector<char> clientId = mutableText(jid + "@" + deviceId);
     pushClient = new PushClient(clientId.data(), pushOptions);
     pushClient->setIncomingLimit(std::size_t(InputLimits::PAYLOAD_BYTES)); // not copied past it
+    pushClient->setMaxQos(maxQos);
     unverifiedLink = pushOptions.tls.enabled && pushOptions.tls.insecure;
     pushClient->setEventRecv(this);
 
@@ -436,6 +438,11 @@ void MessagePrivate::delayedSyncMessage(std::string topic, std::string data)
                                               << "data:" << data.c_str();
     if (pushClient != nullptr && !closing)
         pushClient->publish(topic.c_str(), data.c_str(), 0, false);
+}
+
+void MessagePrivate::setMaxQos(int qos)
+{
+    maxQos = std::clamp(qos, 1, 2);
 }
 
 void MessagePrivate::setPushClientOptions(const PushClientOptions &options)

@@ -233,6 +233,8 @@ public:
     /// client made by the next login (the current connection keeps its
     /// own). Call it from the application's thread, not during a login.
     void setPushClientOptions(const PushClientOptions &options);
+    /// The highest delivery level of the next login's connection (1 or 2).
+    void setMaxQos(int qos);
     /// Why the last connection attempt failed or the link went down, and a
     /// text for people; None (and "") without a connection.
     PushConnectionError lastConnectionError() const;
@@ -297,6 +299,7 @@ private:
     ImMUCEventReciever *mucReciever;
     PushClient *pushClient = nullptr;
     PushClientOptions pushOptions; // for the next login
+    int maxQos = 2;                // for the next login
     bool unverifiedLink = false;   // the connection's TLS verifies nothing
     std::string jid;
     std::string userId;

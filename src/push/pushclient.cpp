@@ -94,3 +94,8 @@ void PushClient::setIncomingLimit(std::size_t bytes)
 {
     connection_->setIncomingLimit(bytes);
 }
+
+void PushClient::setMaxQos(int qos)
+{
+    connection_->setMaxQos(qos);
+}

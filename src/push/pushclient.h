@@ -148,6 +148,10 @@ public:
     // Payloads longer than `bytes` reach the receiver empty, with their
     // length (0, the default: no limit). Any thread.
     void setIncomingLimit(std::size_t bytes);
+    // The highest delivery level used from now on for publications, the
+    // will and subscriptions (2, the default; 1 for a broker without QoS 2):
+    // a higher one asked for is lowered to it. Call it before start_connect.
+    void setMaxQos(int qos);
 
 private:
     std::shared_ptr<PushConnection> connection_;

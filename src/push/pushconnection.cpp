@@ -209,7 +209,7 @@ int PushConnection::setWill(const char* topic, const char* payload, int qos)
         will.set = true;
         will.topic = topic;
         will.payload = payload ? payload : "";
-        will.qos = qos;
+        will.qos = std::min(qos, maxQos_.load());
         if (will.payload.size() > kMaxPayloadBytes)
             return toResult(PushResult::InvalidArgument);
     }
@@ -258,6 +258,7 @@ int PushConnection::publish(const char* topic, const char* payload, int qos)
     const std::size_t length = payload ? std::strlen(payload) : 0;
     if (length > kMaxPayloadBytes)
         return toResult(PushResult::InvalidArgument);
+    qos = std::min(qos, maxQos_.load());
 
     std::lock_guard<std::mutex> lock(mutex_);
     if (closing_)
@@ -294,7 +295,7 @@ int PushConnection::subscribe(const std::vector<std::string>& filters, int qos)
 {
     if (qos < 0 || qos > 2)
         return toResult(PushResult::InvalidArgument);
-    return requestFilters(PushOutbox::Request::Kind::Subscribe, filters, qos);
+    return requestFilters(PushOutbox::Request::Kind::Subscribe, filters, std::min(qos, maxQos_.load()));
 }
 
 int PushConnection::unsubscribe(const std::vector<std::string>& filters)

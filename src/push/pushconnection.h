@@ -53,6 +53,7 @@ public:
     std::size_t pendingCount() const;
     std::size_t repeatsDropped() const { return repeatsDropped_; }
     void setIncomingLimit(std::size_t bytes) { incomingLimit_ = bytes; }
+    void setMaxQos(int qos) { maxQos_ = qos < 0 ? 0 : qos > 2 ? 2 : qos; }
     std::pair<PushConnectionError, std::string> lastError() const;
 
     // No receiver callback starts after this. Joins the network thread, or,
@@ -126,6 +127,7 @@ private:
     std::atomic<bool> closing_{false};
     std::atomic<std::size_t> repeatsDropped_{0};
     std::atomic<std::size_t> incomingLimit_{0}; // 0: none
+    std::atomic<int> maxQos_{2};                // the deployment's cap on every level
     int wakeFd_ = -1; // eventfd: requests and close() wake the network thread
 
     mutable std::mutex mutex_;

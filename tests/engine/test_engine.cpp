@@ -201,11 +201,19 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         EXPECT_TRUE(app.log.waitForPrefix("message|"));
         EXPECT_EQ(app.log.starting("message|"), Lines{ "message|c@im.test|dave@im.test|at 4|0|1|k|st|1" });
         EXPECT_EQ(countWith(n.wire.after(mark), "m/i/hub@im.test/d|2|dave@im.test|hub@im.test|"), 2u);
+        // With the delivery level capped at 1 (a broker without QoS 2).
+        dave.setMaxQos(1);
+        ASSERT_TRUE(login(dave, n.broker, "dave", 3));
+        EXPECT_TRUE(eventually([&] {
+            return countWith(n.wire.after(mark), "m/i/hub@im.test/d|1|dave@im.test|hub@im.test|") == 1;
+        }));
+        EXPECT_EQ(dave.sendTextMessageTo("", "bob", 3, "capped", BODY_TYPE_DEFAULT, false, "k", "st"), 1);
+        EXPECT_TRUE(eventually([&] { return countWith(n.wire.after(mark), "m/i/bob@im.test/n|1|dave") == 1; }));
     }
     // Destroyed logged in: it logs out.
     ASSERT_TRUE(n.wire.fence());
     const Lines all = n.wire.log.lines();
-    EXPECT_EQ(countWith(all, "|0|dave@im.test|hub@im.test|"), 2u);
+    EXPECT_EQ(countWith(all, "|0|dave@im.test|hub@im.test|"), 3u);
     EXPECT_EQ(countWith(all, "NETWORK_DISCONNECTED"), 0u);
     EXPECT_EQ(app.log.starting("disconnected"), Lines{});
 }

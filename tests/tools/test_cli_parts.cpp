@@ -108,6 +108,7 @@ TEST(CliOptions, CommandLines)
         {"--user a/b listen", "error: --user 'a/b' holds '/'"},
         {"--user a --domain d@e listen", "error: --domain 'd@e' holds '@'"},
         {"--user a room create + n b", "error: ROOM '+' holds an MQTT wildcard"},
+        {"--user a --max-qos 0 listen", "error: --max-qos must be 1 or 2, not '0'."},
     };
     for (const auto &[line, expected] : rows) {
         const std::string got = parsed(QString::fromStdString(line));

@@ -124,6 +124,7 @@ bool DevServer::start(QString *error)
     }
     std::string id = m_settings.serverJid + "@devserver";
     m_client = std::make_unique<PushClient>(id.data(), m_settings.push);
+    m_client->setMaxQos(m_settings.maxQos);
     m_client->setEventRecv(this);
     m_client->start_connect(m_settings.host.c_str(), m_settings.port, kKeepaliveSeconds);
     return true;

@@ -67,6 +67,7 @@ public:
         std::string host = "127.0.0.1";
         int port = 1883;
         PushClientOptions push;     ///< TLS, credentials, failover
+        int maxQos = 2;             ///< the highest delivery level (1: a broker without QoS 2)
         QHostAddress httpAddress = QHostAddress::LocalHost;
         quint16 httpPort = 5201;    ///< 0: a free port (see httpPort())
     };

@@ -80,6 +80,7 @@ int main(int argc, char *argv[])
     settings.host = reach.host.toStdString();
     settings.port = reach.port;
     settings.push = reach.push;
+    settings.maxQos = reach.maxQos;
 
     DevStore store(parser.value(db));
     if (!store.open(&error)) {

@@ -221,6 +221,7 @@ bool CliOptions::parse(const QStringList &arguments)
     m_host = connection.host;
     m_port = connection.port;
     m_push = connection.push;
+    m_maxQos = connection.maxQos;
     if (!toInt(parser.value(options.level), &m_level))
         return fail(QStringLiteral("--level must be an integer, not '%1'.").arg(parser.value(options.level)));
     bool ok = false;

@@ -67,6 +67,7 @@ public:
     /// TLS, credentials (the password from --password-file or, with
     /// --username, PUSHCHAT_PASSWORD) and the further --broker addresses.
     const PushClientOptions &pushOptions() const { return m_push; }
+    int maxQos() const { return m_maxQos; }
     QString user() const { return m_user; }
     /// Empty: the library uses the host as the domain.
     QString domain() const { return m_domain; }
@@ -106,6 +107,7 @@ private:
     QString m_host = QStringLiteral("127.0.0.1");
     int m_port = 1883;
     PushClientOptions m_push;
+    int m_maxQos = 2;
     QString m_user;
     QString m_domain;
     int m_level = 0;

@@ -53,6 +53,7 @@ CliSession::Outcome CliSession::login()
     if (!m_options.serverJid().isEmpty())
         m_library.setServerJid(m_options.serverJid());
     m_library.setPushClientOptions(m_options.pushOptions());
+    m_library.setMaxQos(m_options.maxQos());
     m_library.registerToImServer(m_options.host(), m_options.port(), m_options.user(), QString(), m_options.level(),
                                  m_options.domain(), QString());
     m_loggedIn = true;

@@ -50,7 +50,7 @@ std::optional<std::string> firstLine(const QString &path)
 
 void ConnectionOptions::addTo(QCommandLineParser &parser) const
 {
-    parser.addOptions({host, port, broker, tls, cafile, cert, key, insecure, username, passwordFile});
+    parser.addOptions({host, port, broker, tls, cafile, cert, key, insecure, username, passwordFile, maxQos});
 }
 
 bool ConnectionOptions::read(const QCommandLineParser &parser, Connection *connection, QString *error) const
@@ -77,6 +77,9 @@ bool ConnectionOptions::read(const QCommandLineParser &parser, Connection *conne
         connection->port = push.failover.front().port;
         push.failover.erase(push.failover.begin());
     }
+
+    if (!toInt(parser.value(maxQos), &connection->maxQos) || connection->maxQos < 1 || connection->maxQos > 2)
+        return fail(error, QStringLiteral("--max-qos must be 1 or 2, not '%1'.").arg(parser.value(maxQos)));
 
     PushTlsOptions &options = push.tls;
     options.caFile = parser.value(cafile).toStdString();

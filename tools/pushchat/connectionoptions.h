@@ -20,6 +20,7 @@ struct ConnectionOptions {
         QString host;
         int port = 0;
         PushClientOptions push; ///< TLS, credentials and the further brokers
+        int maxQos = 2;         ///< the highest delivery level (--max-qos)
     };
 
     QCommandLineOption host{QStringLiteral("host"), QStringLiteral("Broker host (default 127.0.0.1)."),
@@ -51,6 +52,10 @@ struct ConnectionOptions {
     QCommandLineOption passwordFile{QStringLiteral("password-file"),
                                     QStringLiteral("File whose first line is the broker password."),
                                     QStringLiteral("path")};
+    QCommandLineOption maxQos{QStringLiteral("max-qos"),
+                              QStringLiteral("The highest delivery level, 1 or 2 (default 2); 1 for a broker "
+                                             "without QoS 2, such as a clustered RabbitMQ."),
+                              QStringLiteral("level"), QStringLiteral("2")};
 
     void addTo(QCommandLineParser &parser) const;
     /// Reads the options from a parser that has parsed; false, with one

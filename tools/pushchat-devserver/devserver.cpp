@@ -20,6 +20,7 @@
 namespace {
 
 constexpr int kQos = 2;
+constexpr int kSubscriptionQos = 1;
 constexpr int kKeepaliveSeconds = 60;
 constexpr int kGroupChat = 4; // MESSAGE_TYPE_GROUPCHAT
 
@@ -135,9 +136,13 @@ void DevServer::connectStatus(bool connected)
     if (!connected)
         return;
     const std::string &jid = m_settings.serverJid;
+    // At QoS 1, as the library subscribes: libmosquitto hands a QoS 2
+    // delivery over only once its handshake is done, so a QoS 0 message (a
+    // user's "APP_QUIT") would overtake the messages sent before it. The
+    // push client drops the repeats QoS 1 allows.
     m_client->subscribe({"s/g/c/" + jid + "/#", "s/h/c/" + jid + "/#", "m/i/#", "s/f/c/#", "s/f/i/#",
                          std::string(kLocationPrefix) + "#", m_readyTopic},
-                        kQos);
+                        kSubscriptionQos);
     // Comes back once the subscriptions are in place.
     m_client->publish(m_readyTopic.c_str(), "", kQos, false);
 }

@@ -39,10 +39,19 @@ int start(QProcess &server, const MosquittoBroker &broker, const QTemporaryDir &
     server.setStandardOutputFile(dir.filePath("server.jsonl"));
     server.start(PUSHCHAT_DEVSERVER, {"--port", QString::number(broker.port()), "--server-jid", "server@im.test",
                                       "--db", dir.filePath("dev.db"), "--http-port", "0"});
-    QFile out(dir.filePath("server.jsonl"));
-    if (!eventually([&] { return out.size() > 0; }) || !out.open(QIODevice::ReadOnly))
-        return 0;
-    return QJsonDocument::fromJson(out.readLine()).object().value("http_port").toInt();
+    // The "ready" line, once it is whole (other lines may come first).
+    int port = 0;
+    eventually([&] {
+        QFile out(dir.filePath("server.jsonl"));
+        out.open(QIODevice::ReadOnly);
+        for (const QByteArray &text : out.readAll().split('\n')) {
+            const QJsonObject line = QJsonDocument::fromJson(text).object();
+            if (line.value("event").toString() == "ready")
+                port = line.value("http_port").toInt();
+        }
+        return port != 0;
+    });
+    return port;
 }
 
 /// The first line of `app` after `mark` that starts with `kind`, "time" values blanked.

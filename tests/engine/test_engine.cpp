@@ -186,7 +186,10 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         EXPECT_FALSE(engine->isLoggedIn());
         EXPECT_TRUE(engine->subscribedRoomJids().isEmpty());
         EXPECT_TRUE(serverApp.log.waitFor([](const Lines &l) { return countWith(l, "APP_QUIT") == 1; }));
-        const Lines all = serverApp.log.lines(), out(all.begin() + long(heard), all.end());
+        const Lines all = serverApp.log.lines();
+        Lines out; // dave's: the server's own startup may still arrive meanwhile
+        std::copy_if(all.begin() + long(heard), all.end(), std::back_inserter(out),
+                     [](const std::string &l) { return l.find("|dave@im.test|") != std::string::npos; });
         EXPECT_EQ(fields(out.size(), countWith(out, "|burst|"), out.empty() ? "" : out.back()),
                   fields(301, 300, "presence|dave@im.test|" + presence("dev-d", "Dave Desk", "APP_QUIT", 0)));
         EXPECT_TRUE(eventually([&] { return subscriptions(n.broker, id).size() == topics.size() + 12; }));

@@ -7,7 +7,6 @@
 #include "vantrelcrypt.h"
 
 #include <QtEndian>
-#include <zlib.h>
 
 using namespace kit;
 
@@ -24,30 +23,13 @@ std::string presence(const char *device, const char *name, const char *text, int
         R"(","type":)" + std::to_string(type) + "}";
 }
 
-// An enciphered envelope whose body is `size` bytes of "x", compressed
-// (streamed: the whole text never exists here), its size claimed as `claim`.
-std::string bomb(qint64 size, quint32 claim)
+// An enciphered envelope whose body is `size` bytes of "x", compressed, its
+// size claimed as `claim`: a plain block holding the compressed form, then
+// flagged compressed.
+std::string bomb(int size, quint32 claim)
 {
-    z_stream z{};
-    deflateInit(&z, 9);
-    QByteArray packed(4, '\0'), chunk(1 << 20, 'x'), out(1 << 16, Qt::Uninitialized);
+    QByteArray packed = qCompress("{\"b\":\"" + QByteArray(size, 'x') + "\"}", 9);
     qToBigEndian(claim, packed.data());
-    const auto put = [&](const QByteArray &in, int flush) {
-        z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(in.constData()));
-        z.avail_in = uInt(in.size());
-        do {
-            z.next_out = reinterpret_cast<Bytef *>(out.data());
-            z.avail_out = uInt(out.size());
-            deflate(&z, flush);
-            packed.append(out.constData(), out.size() - int(z.avail_out));
-        } while (z.avail_out == 0);
-    };
-    put("{\"b\":\"", Z_NO_FLUSH);
-    for (qint64 left = size; left > 0; left -= chunk.size())
-        put(chunk.left(int(std::min<qint64>(left, chunk.size()))), Z_NO_FLUSH);
-    put("\"}", Z_FINISH);
-    deflateEnd(&z);
-    // A plain block holding the compressed form, then flagged compressed.
     VantrelCrypt writer(keyList[0]);
     writer.compressionPolicy = VantrelCrypt::CompressNever;
     writer.integrityCheck = VantrelCrypt::IntegrityNone;
@@ -238,9 +220,8 @@ TEST(Engine, HostileInputIsBounded)
     Message_lib eve(&app, &app, "dev-e", "Eve Desk");
     for (const QString &id : { Q(""), Q("e+"), Q("e#"), Q("e/f"), Q("e@f"), Q("e\x7f"), Q("e\xc2\x85"),
                                Q("e") + QChar(0xD800), Q(300, 'e') }) {
-        const int result = eve.registerToImServer(n.broker.host(), n.broker.port(), id, "", 5, "im.test", "");
-        EXPECT_EQ(fields(result, eve.lastConnectionErrorText().startsWith("login refused: the user id ")),
-                  fields(0, true)) << id.toStdString();
+        EXPECT_EQ(eve.registerToImServer(n.broker.host(), n.broker.port(), id, "", 5, "im.test", ""), 0);
+        EXPECT_TRUE(eve.lastConnectionErrorText().startsWith("login refused: the user id ")) << id.toStdString();
     }
     EXPECT_EQ(eve.registerToImServer(n.broker.host(), n.broker.port(), "eve", "", 5, "im+", ""), 0);
     ASSERT_TRUE(login(eve, n.broker, "eve", 5));
@@ -248,15 +229,13 @@ TEST(Engine, HostileInputIsBounded)
 
     const std::string me = "m/i/eve@im.test/n";
     const auto group = [](GroupSubCmd cmd, const std::string &body) {
-        return makeGroupEvent("eve@im.test", cmd, QString::fromStdString(body), "server@im.test");
-    };
+        return makeGroupEvent("eve@im.test", cmd, QString::fromStdString(body), "server@im.test"); };
     std::string manyRooms = R"({"jid":"eve@im.test","rooms":[{"ok@d":{}})";
     for (int i = 0; i < InputLimits::ROOMS + 5; ++i)
         manyRooms += R"(,{"n)" + std::to_string(i) + R"(@d":{}})";
-    manyRooms += "]}";
     const GroupEvent badList = group(GroupSub_Refresh, R"({"jid":"eve@im.test","rooms":[{"+":{},"ok@d":{}},{"a/b":{}},{"c\u0001@d":{}}]})");
     const GroupEvent plus = group(GroupSub_Create, R"({"jid":"+","name":"x"})");
-    const GroupEvent full = group(GroupSub_Refresh, manyRooms);
+    const GroupEvent full = group(GroupSub_Refresh, manyRooms + "]}");
     const struct {
         const char *what;
         std::string topic, payload;
@@ -288,7 +267,11 @@ TEST(Engine, HostileInputIsBounded)
         const Lines heard = app.log.lines();
         EXPECT_EQ(countWith(Lines(heard.begin() + long(mark), heard.end()), "message|"), 1u);
     }
-    EXPECT_LT(ProcessUsage::peakResident(), (kSanitizedBuild ? 1024 : 160) * 1024) << "KiB";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) // they hold freed memory back
+    EXPECT_LT(ProcessUsage::peakResident(), 1024 * 1024) << "KiB";
+#else
+    EXPECT_LT(ProcessUsage::peakResident(), 160 * 1024) << "KiB";
+#endif
     const QList<std::string> rooms = eve.engine()->subscribedRoomJids();
     EXPECT_EQ(fields(rooms.size(), rooms.contains("ok@d"), rooms.contains("+"), rooms.contains("a/b")),
               fields(InputLimits::ROOMS, true, false, false));

@@ -94,6 +94,18 @@ int send(Message_lib &from, const char *to, int i)
     return from.sendTextMessageTo("", to, 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k", "st");
 }
 
+/// Sends "n 0" .. "n <count - 1>", each again after 1 ms while the outbox
+/// refuses it (the back-pressure an application applies); `accepted` counts.
+void sendAll(Message_lib &from, const char *to, int count, std::atomic<int> *accepted = nullptr)
+{
+    for (int i = 0; i < count; ++i) {
+        while (send(from, to, i) == 0)
+            std::this_thread::sleep_for(1ms);
+        if (accepted)
+            *accepted = i + 1;
+    }
+}
+
 /// A façade logged in with fast reconnection whose subscriptions are in force.
 struct User {
     Counter side;
@@ -135,11 +147,7 @@ TEST(Faults, BrokerStoppedOrKilledInTheMiddleOfABurst)
         broker().signal(SIGUSR1); // sessions and subscriptions on disk
         std::this_thread::sleep_for(500ms);
         std::atomic<int> accepted{ 0 };
-        std::thread sender([&] {
-            for (int i = 0; i < kBurst; accepted = ++i)
-                while (send(alice.lib, "bob", i) == 0)
-                    std::this_thread::sleep_for(1ms);
-        });
+        std::thread sender([&] { sendAll(alice.lib, "bob", kBurst, &accepted); });
         ASSERT_TRUE(eventually([&] { return accepted >= kBurst / 3; }));
         broker().signal(SIGSTOP); // no acknowledgement while counting, and the outbox fills: nothing moves
         ASSERT_TRUE(eventually([&] {
@@ -242,11 +250,7 @@ TEST(Faults, AHundredLinkLossesGrowNothing)
     };
     // Ten losses while a burst arrives: every resubscription replaces the
     // session's subscription without a gap.
-    std::thread sender([&] {
-        for (int i = 0; i < kBurst; ++i)
-            while (send(alice.lib, "frank", i) == 0)
-                std::this_thread::sleep_for(1ms);
-    });
+    std::thread sender([&] { sendAll(alice.lib, "frank", kBurst); });
     takeOver(10);
     sender.join();
     frank.side.waitFor(kBurst);
@@ -287,9 +291,7 @@ TEST(Faults, AKilledProcessLeavesItsWillAndFindsItsMessagesWaiting)
     peer.kill();
     peer.waitForFinished();
     EXPECT_TRUE(eventually([&] { return server.side.other().find("NETWORK_DISCONNECTED") != std::string::npos; }));
-    for (int i = 0; i < kAway; ++i)
-        while (send(alice.lib, "erin", i) == 0)
-            std::this_thread::sleep_for(1ms);
+    sendAll(alice.lib, "erin", kAway);
     User erin("erin", kAway);
     erin.side.waitFor(kAway);
     EXPECT_EQ(erin.side.tally("offline receiver", kAway), kNoneLost);

@@ -9,14 +9,6 @@
 #include <string>
 #include <unistd.h>
 
-/// Sanitizer builds: their allocators hold freed memory back, and their
-/// shadow memory adds to the resident size.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitizedBuild = true;
-#else
-constexpr bool kSanitizedBuild = false;
-#endif
-
 struct ProcessUsage {
     long residentKiB, descriptors, threads;
 
@@ -32,14 +24,10 @@ struct ProcessUsage {
     static long peakResident()
     {
         std::ifstream status("/proc/self/status");
-        for (std::string key; status >> key;) {
-            if (key == "VmHWM:") {
-                long kib = 0;
-                status >> kib;
-                return kib;
-            }
-        }
-        return 0;
+        std::string key;
+        long kib = 0;
+        while (status >> key && key != "VmHWM:") {}
+        return status >> kib ? kib : 0;
     }
     static void resetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
     static long entries(const char *dir) { return long(std::distance(std::filesystem::directory_iterator(dir), {})); }

@@ -44,11 +44,9 @@ int start(QProcess &server, const MosquittoBroker &broker, const QTemporaryDir &
     eventually([&] {
         QFile out(dir.filePath("server.jsonl"));
         out.open(QIODevice::ReadOnly);
-        for (const QByteArray &text : out.readAll().split('\n')) {
-            const QJsonObject line = QJsonDocument::fromJson(text).object();
-            if (line.value("event").toString() == "ready")
+        for (const QByteArray &text : out.readAll().split('\n'))
+            if (const QJsonObject line = QJsonDocument::fromJson(text).object(); line.value("event") == "ready")
                 port = line.value("http_port").toInt();
-        }
         return port != 0;
     });
     return port;

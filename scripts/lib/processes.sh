@@ -7,7 +7,8 @@
 #                          (config and log in DIR); sets broker_port and
 #                          broker_pid
 #   start_devserver DIR BIN [ARG...]
-#                          start the development server BIN on that broker,
+#                          start the development server BIN on that broker
+#                          (on others with --broker ARGs),
 #                          its HTTP service on a free port (lines in
 #                          DIR/server.jsonl, diagnostics in DIR/server.err);
 #                          waits for it to be ready and sets http_port
@@ -76,7 +77,9 @@ start_broker() {
 start_devserver() {
   local dir=$1 bin=$2
   shift 2
-  "$bin" --port "$broker_port" --http-port 0 "$@" >"$dir/server.jsonl" 2>"$dir/server.err" &
+  local target=(--port "${broker_port:-}")
+  case " $* " in *" --broker "*) target=() ;; esac
+  "$bin" "${target[@]}" --http-port 0 "$@" >"$dir/server.jsonl" 2>"$dir/server.err" &
   track_pid $!
   if ! wait_for "$dir/server.jsonl" '"event":"ready"' 10; then
     echo "the development server did not start:" >&2

@@ -201,6 +201,18 @@ void MessagePrivate::connectStatus(bool connected)
         imReciever->onConnected();
 }
 
+// Logged once per login: a broker that offers less than the deployment
+// asked for (setMaxQos) delivers at the lower level from then on.
+void MessagePrivate::subscriptionGranted(int requested, int granted)
+{
+    if (granted > 2)
+        qCWarning(lcEngine) << "the broker refused a subscription (SUBACK" << granted
+                            << "): messages on that topic do not reach this client; check the broker's access rules";
+    else
+        qCInfo(lcEngine) << "the broker grants delivery level" << granted << "where" << requested
+                         << "was asked; messages are delivered at that level (setMaxQos sets the level asked for)";
+}
+
 void MessagePrivate::messgeRecieved(char *topic, char *payload)
 {
     Q_UNUSED(topic)

@@ -191,6 +191,7 @@ public:
     void messgeRecieved(char *topic, char *payload) override;
     void messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain) override;
     void connectStatus(bool connected) override;
+    void subscriptionGranted(int requested, int granted) override;
 
     // --- command handlers (delivery thread) ----------------------------
     void messageReceive(MQTTMessage *msg) override;

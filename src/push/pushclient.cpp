@@ -11,6 +11,8 @@ int toInt(PushResult result)
 
 void PushEventReciever::messgeRecieved(char*, char*) {}
 
+void PushEventReciever::subscriptionGranted(int, int) {}
+
 PushEventReciever::~PushEventReciever() = default;
 
 PushClient::PushClient(char* clientId) : PushClient(clientId, PushClientOptions()) {}

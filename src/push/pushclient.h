@@ -84,6 +84,10 @@ public:
     virtual void messgeRecievedMore(int mid, char* topic, void* payload, int payloadlen, int qos,
                                     bool retain) = 0;
     virtual void connectStatus(bool connected) = 0;
+    // The first SUBACK of this client that grants less than was asked:
+    // a lower delivery level (a broker without QoS 2), or 128 (refused).
+    // Called once per client; by default nothing is done.
+    virtual void subscriptionGranted(int requested, int granted);
     virtual ~PushEventReciever();
 };
 

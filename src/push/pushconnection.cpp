@@ -32,6 +32,7 @@ constexpr int kMinWaitMs = 250;
 constexpr int kSilenceLimitTenths = 14;
 // Topics per SUBSCRIBE/UNSUBSCRIBE packet.
 constexpr std::size_t kFiltersPerPacket = 256;
+constexpr int kRefusedFilter = 0x80; // a SUBACK return code: the filter is refused
 // An attempt without CONNACK after this long is abandoned (libmosquitto gives
 // up after the keepalive interval, but never when keepalive is 0).
 constexpr auto kConnackTimeout = std::chrono::seconds(30);
@@ -310,6 +311,10 @@ int PushConnection::requestFilters(PushOutbox::Request::Kind kind, const std::ve
     if (!mosq_ || filters.empty() ||
         !std::all_of(filters.begin(), filters.end(), [](const std::string& f) { return validSubscribeTopic(f.c_str()); }))
         return toResult(PushResult::InvalidArgument);
+    if (kind == PushOutbox::Request::Kind::Subscribe)
+        topics_.hold(filters);
+    else
+        topics_.release(filters);
     for (std::size_t at = 0; at < filters.size(); at += kFiltersPerPacket) {
         const auto first = filters.begin() + static_cast<std::ptrdiff_t>(at);
         const auto last = filters.begin() + static_cast<std::ptrdiff_t>(std::min(filters.size(), at + kFiltersPerPacket));
@@ -332,7 +337,7 @@ int PushConnection::sendLocked(const PushOutbox::Request& request)
                        ? mosquitto_subscribe_multiple(mosq_, &mid, count, filters.data(), request.qos, 0, nullptr)
                        : mosquitto_unsubscribe_multiple(mosq_, &mid, count, filters.data(), nullptr);
     if (rc == MOSQ_ERR_SUCCESS)
-        outbox_.trackRequest(mid);
+        outbox_.trackRequest(mid, request.kind == PushOutbox::Request::Kind::Subscribe ? request.qos : -1);
     return rc;
 }
 
@@ -414,9 +419,12 @@ void PushConnection::onPublish(mosquitto*, void* self, int mid)
     static_cast<PushConnection*>(self)->record({Event::Kind::Published, mid, {}, {}});
 }
 
-void PushConnection::onSubscribe(mosquitto*, void* self, int mid, int, const int*)
+void PushConnection::onSubscribe(mosquitto*, void* self, int mid, int count, const int* granted)
 {
-    static_cast<PushConnection*>(self)->record({Event::Kind::Answered, mid, {}, {}});
+    Event event{Event::Kind::Answered, mid, {}, {}};
+    for (int i = 0; i < count; ++i) // the lowest level granted; 128 (refused) above all
+        event.qos = i == 0 || granted[i] == kRefusedFilter ? granted[i] : std::min(event.qos, granted[i]);
+    static_cast<PushConnection*>(self)->record(std::move(event));
 }
 
 void PushConnection::onUnsubscribe(mosquitto*, void* self, int mid)
@@ -612,14 +620,23 @@ void PushConnection::processEvents()
                                     [](const Event& e) {
                                         return e.kind == Event::Kind::Published || e.kind == Event::Kind::Answered;
                                     });
+    std::pair<int, int> lowerGrant{-1, -1}; // asked, granted
     if (anyAck) {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const Event& event : batch_) {
-            if (event.kind == Event::Kind::Published)
+            if (event.kind == Event::Kind::Published) {
                 outbox_.acknowledge(event.code);
-            else if (event.kind == Event::Kind::Answered)
-                outbox_.answered(event.code);
+            } else if (event.kind == Event::Kind::Answered) {
+                const int asked = outbox_.answered(event.code);
+                if (asked >= 0 && event.qos != asked && (event.qos < asked || event.qos == kRefusedFilter))
+                    lowerGrant = {asked, event.qos};
+            }
         }
+    }
+    PushEventReciever* receiver = receiver_.load();
+    if (lowerGrant.first >= 0 && !lowerGrantTold_ && receiver && !closing_) {
+        lowerGrantTold_ = true;
+        receiver->subscriptionGranted(lowerGrant.first, lowerGrant.second);
     }
     for (Event& event : batch_) {
         switch (event.kind) {
@@ -772,6 +789,7 @@ void PushConnection::deliver(Event& message)
 {
     if (closing_)
         return;
+    topics_.restore(message.topic);
     if (message.qos > 0 && message.length == 0 && repeats_.repeated(message.topic, message.payload, connections_)) {
         ++repeatsDropped_;
         return;

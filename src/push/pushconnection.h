@@ -5,6 +5,7 @@
 #include "pushclient.h"
 #include "pushduplicatefilter.h"
 #include "pushoutbox.h"
+#include "pushtopicrestorer.h"
 
 #include <atomic>
 #include <chrono>
@@ -143,6 +144,7 @@ private:
     std::string settingsError_; // set by the constructor only
     Will will_;
     PushOutbox outbox_;
+    PushTopicRestorer topics_; // the filters held (own lock), for brokers that deliver a topic's dots as '/'
     PushBackoff backoff_;
     Clock::time_point nextAttempt_;
     Clock::time_point connectedAt_;
@@ -157,6 +159,7 @@ private:
     std::vector<Event> batch_;
     Report lastReport_ = Report::None;
     PushDuplicateFilter repeats_;
+    bool lowerGrantTold_ = false;
     std::uint64_t connections_ = 0; // connections made; the network thread's alone
 };
 

@@ -68,3 +68,13 @@ void PushOutbox::acknowledge(int mid)
     bytes_ -= it->second;
     inFlight_.erase(it);
 }
+
+int PushOutbox::answered(int mid)
+{
+    const auto it = requests_.find(mid);
+    if (it == requests_.end())
+        return -1;
+    const int qos = it->second;
+    requests_.erase(it);
+    return qos;
+}

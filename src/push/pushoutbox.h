@@ -5,7 +5,6 @@
 #include <deque>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 // What a client has accepted and the broker has not yet confirmed:
@@ -48,9 +47,10 @@ public:
     void acknowledge(int mid);
     bool hasInFlight() const { return !inFlight_.empty(); }
 
-    // A SUBSCRIBE/UNSUBSCRIBE sent under mid, until answered or forgotten.
-    void trackRequest(int mid) { requests_.insert(mid); }
-    void answered(int mid) { requests_.erase(mid); }
+    // A SUBSCRIBE (at `qos`) or UNSUBSCRIBE (-1) sent under mid, until
+    // answered or forgotten; answered() gives back its level, or -1.
+    void trackRequest(int mid, int qos = -1) { requests_[mid] = qos; }
+    int answered(int mid);
     // The link went down: requests sent on it will never be answered.
     void forgetRequests() { requests_.clear(); }
 
@@ -66,7 +66,7 @@ private:
     std::size_t bytes_ = 0;
     std::deque<Request> queued_;
     std::unordered_map<int, std::size_t> inFlight_;
-    std::unordered_set<int> requests_;
+    std::unordered_map<int, int> requests_; // mid -> level asked for
 };
 
 #endif // PUSHOUTBOX_H

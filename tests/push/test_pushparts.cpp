@@ -2,6 +2,7 @@
 #include "pushbackoff.h"
 #include "pushduplicatefilter.h"
 #include "pushoutbox.h"
+#include "pushtopicrestorer.h"
 
 #include <gtest/gtest.h>
 
@@ -82,6 +83,28 @@ TEST(PushParts, DuplicateFilterWindow)
     EXPECT_TRUE(filter.repeated("t", "a", 5, late)); // its second entry is the oldest of 4096
     filter.repeated("n", "and one more", 4, late);
     EXPECT_FALSE(filter.repeated("t", "a", 5, late)); // both pushed out
+}
+
+// A delivery whose dots came back as '/' takes the levels of the held
+// filter it matches that way; one that a held filter matches as it stands
+// is left alone, as is anything once its filter is released.
+TEST(PushParts, TopicRestorerGivesDotsBack)
+{
+    PushTopicRestorer topics;
+    topics.hold({"m/i/bob@im.test/#", "m/i/ann@im/#", "x/a.b", "m/ntc/#", "w/+/c.d/#"});
+    const std::pair<const char*, const char*> rows[] = {
+        {"m/i/bob@im/test/n", "m/i/bob@im.test/n"}, {"m/i/bob@im/test", "m/i/bob@im.test"},
+        {"m/i/bob@im.test/n", "m/i/bob@im.test/n"}, {"x/a/b", "x/a.b"}, {"x/a/b/c", "x/a/b/c"},
+        {"w/v/c/d/e", "w/v/c/d/e"}, {"m/i/bob@im/tester/n", "m/i/bob@im/tester/n"}, {"m/i/ann@im/test", "m/i/ann@im/test"}, {"", ""}};
+    for (const auto& [delivered, restored] : rows) {
+        std::string topic = delivered;
+        topics.restore(topic);
+        EXPECT_EQ(topic, restored);
+    }
+    topics.hold({"m/i/bob@im/test/#"}); // now matched as it stands
+    topics.release({"x/a.b"});
+    for (std::string topic : {"m/i/bob@im/test/n", "x/a/b"})
+        EXPECT_FALSE(topics.restore(topic)) << topic;
 }
 
 } // namespace

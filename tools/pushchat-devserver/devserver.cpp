@@ -227,7 +227,8 @@ void DevServer::handle(const Arrived &arrived)
     }
     if (topic.startsWith(kLocationPrefix)) {
         m_log->write({{QStringLiteral("event"), QStringLiteral("location")},
-                      {QStringLiteral("target"), QString::fromUtf8(topic.mid(int(std::strlen(kLocationPrefix))))},
+                      {QStringLiteral("target"), // a JID: '/' is a dot given back (see below)
+                       QString::fromUtf8(topic.mid(int(std::strlen(kLocationPrefix)))).replace(QLatin1Char('/'), QLatin1Char('.'))},
                       {QStringLiteral("position"), QString::fromUtf8(payload)}});
         return;
     }
@@ -239,6 +240,11 @@ void DevServer::handle(const Arrived &arrived)
     }
     if (fromUtf8(in.from) == m_jid)
         return; // one of ours coming back
+    // A JID never holds '/': one in the topic's JID comes from a broker that
+    // delivers the dots of a level as separators (RabbitMQ's MQTT plugin).
+    // The server's wildcard filters let the library's own restoration
+    // (which knows only filters naming a JID) pass it by.
+    std::replace(in.protocol.jid.begin(), in.protocol.jid.end(), '/', '.');
     if (const QString reason = refusal(in); !reason.isEmpty()) {
         dropped(reason, in.from);
         return;

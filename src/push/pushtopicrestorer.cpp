@@ -1,0 +1,69 @@
+#include "pushtopicrestorer.h"
+
+#include <algorithm>
+
+bool PushTopicRestorer::split(const std::string& filter, Known& known)
+{
+    known.tail = filter == "#" || (filter.size() >= 2 && filter.compare(filter.size() - 2, 2, "/#") == 0);
+    known.literal = filter.substr(0, known.tail ? filter.size() - std::min<std::size_t>(filter.size(), 2) : filter.size());
+    return !known.literal.empty() && known.literal.find_first_of("+#") == std::string::npos;
+}
+
+void PushTopicRestorer::hold(const std::vector<std::string>& filters)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::string& filter : filters) {
+        Known known;
+        if (!split(filter, known))
+            continue;
+        held_[known.literal] = known.tail;
+        if (known.literal.find('.') != std::string::npos) {
+            std::string slashed = known.literal;
+            std::replace(slashed.begin(), slashed.end(), '.', '/');
+            dotted_[slashed] = known;
+        }
+    }
+}
+
+void PushTopicRestorer::release(const std::vector<std::string>& filters)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::string& filter : filters) {
+        Known known;
+        if (!split(filter, known))
+            continue;
+        held_.erase(known.literal);
+        std::replace(known.literal.begin(), known.literal.end(), '.', '/');
+        dotted_.erase(known.literal);
+    }
+}
+
+// Whether a held filter matches `topic` literally: the topic itself, or one
+// of its level prefixes under a filter ending in "#".
+bool PushTopicRestorer::holdsAsIs(const std::string& topic) const
+{
+    for (std::size_t end = topic.find('/'); end != std::string::npos; end = topic.find('/', end + 1)) {
+        const auto it = held_.find(topic.substr(0, end));
+        if (it != held_.end() && it->second)
+            return true;
+    }
+    return held_.count(topic) != 0;
+}
+
+bool PushTopicRestorer::restore(std::string& topic) const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (dotted_.empty())
+        return false;
+    // The longest level prefix that is a dotted filter read with separators.
+    for (std::size_t end = topic.size(); end != std::string::npos && end > 0; end = topic.rfind('/', end - 1)) {
+        const auto it = dotted_.find(topic.substr(0, end));
+        if (it == dotted_.end() || (end < topic.size() && !it->second.tail))
+            continue;
+        if (holdsAsIs(topic))
+            return false;
+        topic.replace(0, end, it->second.literal);
+        return true;
+    }
+    return false;
+}

@@ -3,7 +3,7 @@
 // a link lost 100 times, a process killed, a receiver away, redeliveries.
 // Each run prints sent / delivered / lost / duplicated.
 
-#include "enginetestkit.h"
+#include "faultkit.h"
 #include "processusage.h"
 
 #include <QProcess>
@@ -23,87 +23,6 @@ MosquittoBroker &broker()
     static const bool up = shared.start();
     EXPECT_TRUE(up) << shared.log();
     return shared;
-}
-
-PushClientOptions fast(std::size_t maxPending = 1000)
-{
-    return { 20ms, 200ms, maxPending, 1 << 24, 1s, {}, {}, {}, {} };
-}
-
-/// Counts numbered bodies "n <i>" delivered to a façade or a push client,
-/// and keeps the last other text (a presence as "from|body").
-class Counter : public ImEventReciever, public PushEventReciever {
-public:
-    explicit Counter(int size = 0) : seen_(std::size_t(size)) {}
-    std::atomic<int> connects{ 0 }, disconnects{ 0 };
-    void onConnected() override { ++connects; }
-    void onDisconnected() override { ++disconnects; }
-    void connectStatus(bool up) override { ++(up ? connects : disconnects); }
-    void onMessageReceive(Q, Q, Q body, int, int, Q, Q, bool) override { count(body.toStdString()); }
-    void onPresence(Q from, Q body) override { count(fields(from, body)); }
-    void messgeRecievedMore(int, char *, void *payload, int length, int, bool) override
-    {
-        count(std::string(static_cast<const char *>(payload), std::size_t(length)));
-    }
-    std::string other() const { return locked(other_); }
-    int distinct() const { return locked(distinct_); }
-    /// Waits for n distinct messages while more keep coming (5 s at most between two).
-    void waitFor(int n) const
-    {
-        for (int before = -1; before != distinct() && !eventually([&] { return distinct() >= n; }, 5s);)
-            before = distinct();
-    }
-    /// Prints and returns the numbers below `sent` (`accepted` ones only) that
-    /// never arrived, and how many arrived twice.
-    std::pair<std::vector<int>, int> tally(const char *run, int sent, const std::vector<bool> &accepted = {}) const
-    {
-        std::vector<int> lost;
-        int delivered = 0, duplicated = 0;
-        for (int i = 0; i < sent; ++i) {
-            const int n = locked(seen_[std::size_t(i)]);
-            if (n == 0 && (accepted.empty() || accepted[std::size_t(i)]))
-                lost.push_back(i);
-            delivered += n > 0;
-            duplicated += std::max(0, n - 1);
-        }
-        std::printf("%s: sent %d, delivered %d, lost %zu, duplicated %d\n", run, sent, delivered, lost.size(), duplicated);
-        return { lost, duplicated };
-    }
-
-private:
-    template <class T> T locked(const T &value) const { return std::lock_guard<std::mutex>(mutex_), value; }
-    void count(const std::string &text)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        char *end = nullptr;
-        const long i = text.compare(0, 2, "n ") == 0 ? std::strtol(text.c_str() + 2, &end, 10) : -1;
-        if (i >= 0 && std::size_t(i) < seen_.size() && *end == '\0')
-            distinct_ += seen_[std::size_t(i)]++ == 0;
-        else
-            other_ = text;
-    }
-    mutable std::mutex mutex_;
-    std::vector<int> seen_;
-    int distinct_ = 0;
-    std::string other_;
-};
-const std::pair<std::vector<int>, int> kNoneLost{};
-
-int send(Message_lib &from, const char *to, int i)
-{
-    return from.sendTextMessageTo("", to, 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k", "st");
-}
-
-/// Sends "n 0" .. "n <count - 1>", each again after 1 ms while the outbox
-/// refuses it (the back-pressure an application applies); `accepted` counts.
-void sendAll(Message_lib &from, const char *to, int count, std::atomic<int> *accepted = nullptr)
-{
-    for (int i = 0; i < count; ++i) {
-        while (send(from, to, i) == 0)
-            std::this_thread::sleep_for(1ms);
-        if (accepted)
-            *accepted = i + 1;
-    }
 }
 
 /// A façade logged in with fast reconnection whose subscriptions are in force.

@@ -8,19 +8,16 @@
 #include "rabbitcluster.h"
 
 #include <QProcess>
-#include <fstream>
-#include <sstream>
 #include <mosquitto.h>
 
 using namespace kit;
 
 namespace {
 
-RabbitCluster &cluster()
+const RabbitCluster &cluster()
 {
-    static RabbitCluster shared;
-    static const bool up = shared.start();
-    EXPECT_TRUE(up) << shared.log();
+    static const RabbitCluster shared;
+    EXPECT_TRUE(shared.known()) << "no cluster in $PUSHCHAT_CLUSTER_DIR: run scripts/cluster start DIR";
     return shared;
 }
 
@@ -48,13 +45,6 @@ struct Participant : Counter {
     void onConversations(S json) override { answers.add(json); }
 };
 
-std::string readFile(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 struct Spy {
     int messages = 0, granted = -1;
 };
@@ -67,7 +57,7 @@ struct Spy {
 // told once.
 TEST(Cluster, NoUserReadsAnotherUsersTopics)
 {
-    ASSERT_TRUE(cluster().port(RabbitCluster::kNodes) != 0);
+    ASSERT_TRUE(cluster().known());
     std::vector<std::pair<mosquitto *, Spy>> spies(RabbitCluster::kNodes * 3);
     const char *filters[] = { "m/i/bob@im.test/#", "m/i/+/#", "#" };
     for (std::size_t i = 0; i < spies.size(); ++i) {
@@ -123,7 +113,7 @@ TEST(Cluster, ABurstOutlivesTheReceiversNode)
     const std::string lines = cluster().dir() + "/server.jsonl";
     server.setStandardOutputFile(QString::fromStdString(lines));
     server.start(PUSHCHAT_DEVSERVER, args);
-    ASSERT_TRUE(eventually([&] { return readFile(lines).find("\"ready\"") != std::string::npos; }));
+    ASSERT_TRUE(eventually([&] { return fileText(lines).find("\"ready\"") != std::string::npos; }));
     Participant alice("alice", 1, 0), bob("bob", 2, kBurst + 1);
     std::atomic<int> accepted{ 0 };
     std::thread sender([&] { sendAll(alice.lib, "bob", kBurst, &accepted); });

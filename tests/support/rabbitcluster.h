@@ -1,37 +1,52 @@
 #ifndef RABBITCLUSTER_H
 #define RABBITCLUSTER_H
 
+// The project's three-node RabbitMQ cluster, started by `scripts/cluster
+// start DIR` (ctest does so around the tests labelled "cluster", and stops
+// it after them): each node's MQTT port and process, read from DIR
+// ($PUSHCHAT_CLUSTER_DIR). Users alice, bob, ... and server; each password
+// is the user's name.
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <sys/types.h>
+#include <thread>
 
-// The project's three-node RabbitMQ cluster (scripts/cluster) for tests and
-// benchmarks: start() runs `scripts/cluster start` in a fresh temporary
-// directory and reads each node's MQTT port; the destructor runs `stop` and
-// removes the directory. Users alice, bob, carol, ... and server, each with
-// their name as password (see the script).
-class RabbitCluster
+inline std::string fileText(const std::string &path)
 {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+class RabbitCluster {
 public:
     static constexpr int kNodes = 3;
 
-    RabbitCluster() = default;
-    ~RabbitCluster();
-    RabbitCluster(const RabbitCluster&) = delete;
-    RabbitCluster& operator=(const RabbitCluster&) = delete;
-
-    // Whether the package is installed: without it start() fails.
-    static bool available();
-    bool start();
-    const char* host() const { return "127.0.0.1"; }
-    // Node 1 to kNodes.
+    explicit RabbitCluster(const char *dir = std::getenv("PUSHCHAT_CLUSTER_DIR")) : dir_(dir ? dir : "")
+    {
+        std::istringstream env(fileText(dir_ + "/cluster.env"));
+        for (std::string word; env >> word;)
+            for (int n = 1; n <= kNodes; ++n)
+                std::sscanf(word.c_str(), ("mqtt_port_" + std::to_string(n) + "=%d").c_str(), &ports_[n - 1]);
+    }
+    /// Every node's port is known.
+    bool known() const { return ports_[0] && ports_[1] && ports_[2]; }
+    const char *host() const { return "127.0.0.1"; }
     int port(int node) const { return ports_[node - 1]; }
-    // The node's Erlang VM, from its PID file; -1 when it does not run.
-    pid_t pid(int node) const;
-    // Ends node `node` with SIGKILL and waits until it is gone.
-    void kill(int node);
-    const std::string& dir() const { return dir_; }
-    // What the script printed, for a failure's message.
-    std::string log() const;
+    const std::string &dir() const { return dir_; }
+    /// Ends node `node`'s VM with SIGKILL and waits (at most 5 s) until it is gone.
+    void kill(int node) const
+    {
+        const pid_t pid = std::atoi(fileText(dir_ + "/node" + std::to_string(node) + "/pid").c_str());
+        for (int i = 0; pid > 0 && i < 500 && ::kill(pid, i == 0 ? SIGKILL : 0) == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
 
 private:
     std::string dir_;

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <QCryptographicHash>
-#include <QDateTime>
 #include <QtEndian>
 
 #include <random>
@@ -122,24 +121,6 @@ TEST(VantrelCrypt, NoKeyUntilSetAndTextForms)
     crypt.setKey(kKey);
     const QString plain = QString::fromUtf8("Grüße 😀") + QChar(0) + QStringLiteral("after");
     EXPECT_EQ(crypt.decryptToString(crypt.encryptToString(plain)), plain);
-}
-
-// Every construction reseeds the thread's generator from the clock: two
-// instances made at one reading draw the same random byte.
-TEST(VantrelCrypt, RandomByteFollowsTheClockSeed)
-{
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        const qint64 before = QDateTime::currentMSecsSinceEpoch();
-        VantrelCrypt a;
-        a.setKey(kKey);
-        const QByteArray fromA = a.encryptToByteArray(QByteArray("x"));
-        const QByteArray fromB = VantrelCrypt(kKey).encryptToByteArray(QByteArray("x"));
-        if (QDateTime::currentMSecsSinceEpoch() == before) {
-            EXPECT_EQ(fromA, fromB);
-            return;
-        }
-    }
-    GTEST_SKIP() << "clock moved during every attempt";
 }
 
 // Exactly qCompress level 9, at every length up to past the short-input

@@ -1,6 +1,5 @@
 // Friend commands and events over a broker (the engine tests' kit), and
-// the contact manager: completed JIDs in its log, the JSON reader's rules,
-// notifications to the contact receiver, and its image text.
+// the contact manager: the JSON reader's rules and its image text.
 
 #include "contactmanager.h"
 #include "enginetestkit.h"
@@ -9,18 +8,10 @@
 
 #include <QBuffer>
 #include <QImageReader>
-#include <QLoggingCategory>
 
 using namespace kit;
 
 namespace {
-
-EventLog contactsLog;
-void capture(QtMsgType, const QMessageLogContext &context, const QString &text)
-{
-    if (qstrcmp(context.category, "pushchat.contacts") == 0)
-        contactsLog.add(text.toStdString());
-}
 
 std::string record(const Contact &c) { return fields(c.name, c.phone, c.sex, c.photoPath, c.address, c.text7); }
 
@@ -63,24 +54,6 @@ TEST(Friends, IncomingCommands)
                     { "s/f/i/%/d", "gone", 1, {} } });
 }
 
-TEST(ContactManager, SubscriptionsLogTheCompletedJid)
-{
-    QLoggingCategory::setFilterRules("pushchat.contacts.debug=true");
-    const QtMessageHandler previous = qInstallMessageHandler(capture);
-    Message_lib lib(nullptr, nullptr, "dev-x", "Desk");
-    EXPECT_EQ(lib.subScribe("bob", ""), 1);
-    EXPECT_EQ(lib.unSubScribe("c@else", ""), 1);
-    EXPECT_EQ(lib.acceptSubScribe("d", false), 1);
-    EXPECT_EQ(lib.subScribe("@", ""), 1);
-    lib.uploadVCardInfo("card");
-    EXPECT_TRUE(lib.engine()->getContactManager()->getContactList("").isEmpty());
-    qInstallMessageHandler(previous);
-    QLoggingCategory::setFilterRules(QString());
-    EXPECT_EQ(contactsLog.lines(),
-              (Lines{ "[subScribe]: subscribe() :bob@", "[unSubScribe]: unSubScribe() :c@else",
-                      "[subScribe]: subscribe() :@" }));
-}
-
 TEST(ContactManager, JsonToContactRules)
 {
     const Contact base{ "", "", "old", "000", "f", "/old.jpg", "t7", "", "street", false, false, {} };
@@ -102,27 +75,6 @@ TEST(ContactManager, JsonToContactRules)
         EXPECT_EQ(ContactManager::jsonToContact(c, QString::fromUtf8(r.json)), r.ok) << r.json;
         EXPECT_EQ(record(c), r.read) << r.json;
     }
-}
-
-TEST(ContactManager, NotificationsOnlyWhenAReceiverIsSet)
-{
-    ContactManager manager;
-    Contact c{ "", "", "", "", "", "", "说明", "second", "", false, true, {} };
-    QString jid = "bob@im.test";
-    App app;
-    for (ImContactEventReciever *receiver :
-         { static_cast<ImContactEventReciever *>(nullptr), static_cast<ImContactEventReciever *>(&app) }) {
-        manager.setContactEventReciever(receiver);
-        manager.doSubScribeIncomingRequest(jid, c);
-        manager.doNotifyContactInfoIncoming("carol@im.test", c, { "l1", "l2" });
-        manager.donotifyownerVcardinforevieved("名片");
-    }
-    Message_lib lib(nullptr, nullptr, "dev-x", "Desk");
-    lib.setContactEventReciever(&app);
-    lib.engine()->getContactManager()->donotifyownerVcardinforevieved("via the façade");
-    EXPECT_EQ(app.log.lines(),
-              (Lines{ "subscribe|bob@im.test|说明|second", "contactInfo|carol@im.test|说明|0|1|l1,l2", "vcard|名片",
-                      "vcard|via the façade" }));
 }
 
 // The base 64 of the shrunk picture's JPEG bytes, nothing else.

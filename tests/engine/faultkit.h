@@ -2,8 +2,8 @@
 #define FAULTKIT_H
 
 // The fault runs' kit: fast reconnection, a counter of numbered messages
-// ("n <i>") that tells what was lost and what came twice, and a sender
-// that applies back-pressure.
+// ("n <i>") that tells what was lost and what came twice, a sender that
+// applies back-pressure, and a user logged in with them.
 
 #include "enginetestkit.h"
 
@@ -33,6 +33,7 @@ public:
     {
         count(std::string(static_cast<const char *>(payload), std::size_t(length)));
     }
+    void onConversations(S json) override { count(json); }
     std::string other() const { return locked(other_); }
     int distinct() const { return locked(distinct_); }
     /// Waits for n distinct messages while more keep coming (5 s at most between two).
@@ -93,6 +94,20 @@ inline void sendAll(Message_lib &from, const char *to, int count, std::atomic<in
             *accepted = i + 1;
     }
 }
+
+/// A façade of `name` logged in at `port` whose subscriptions are in force.
+struct User {
+    Counter side;
+    Message_lib lib;
+    User(const char *name, int size, int port, PushClientOptions options = fast(), int maxQos = 2)
+        : side(size), lib(&side, nullptr, std::string("dev-") + name, name)
+    {
+        lib.setPushClientOptions(options);
+        lib.setMaxQos(maxQos);
+        EXPECT_TRUE(lib.registerToImServer("127.0.0.1", port, name, {}, 5, "im.test", {}) == 1 &&
+                    eventually([&] { return side.connects > 0 && lib.engine()->pendingCount() == 0; }));
+    }
+};
 
 } // namespace kit
 

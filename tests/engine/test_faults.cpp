@@ -25,19 +25,6 @@ MosquittoBroker &broker()
     return shared;
 }
 
-/// A façade logged in with fast reconnection whose subscriptions are in force.
-struct User {
-    Counter side;
-    Message_lib lib;
-    User(const char *name, int size, PushClientOptions options = fast())
-        : side(size), lib(&side, nullptr, std::string("dev-") + name, name)
-    {
-        lib.setPushClientOptions(options);
-        EXPECT_TRUE(login(lib, broker(), name, 5) &&
-                    eventually([&] { return side.connects > 0 && lib.engine()->pendingCount() == 0; }));
-    }
-};
-
 /// A push client online with `filter` in force.
 std::unique_ptr<PushClient> listener(std::string id, Counter &side, std::string filter, int keepalive = 60)
 {
@@ -62,7 +49,8 @@ TEST(Faults, BrokerStoppedOrKilledInTheMiddleOfABurst)
     const std::pair<const char *, int> endings[] = { { "stopped (SIGTERM)", SIGTERM }, { "killed (SIGKILL)", SIGKILL } };
     for (const auto &[name, signal] : endings) {
         SCOPED_TRACE(name);
-        User alice("alice", 0), bob("bob", kBurst);
+        const int port = broker().port();
+        User alice("alice", 0, port), bob("bob", kBurst, port);
         broker().signal(SIGUSR1); // sessions and subscriptions on disk
         std::this_thread::sleep_for(500ms);
         std::atomic<int> accepted{ 0 };
@@ -96,7 +84,7 @@ TEST(Faults, BrokerStoppedOrKilledInTheMiddleOfABurst)
 TEST(Faults, ASenderFasterThanTheBrokerIsToldWhatIsRefused)
 {
     constexpr int kOffered = 10000;
-    User alice("alice", 0, fast(100)), bob("bob", kOffered);
+    User alice("alice", 0, broker().port(), fast(100)), bob("bob", kOffered, broker().port());
     const auto sendBody = [&](int bytes) {
         return alice.lib.sendTextMessageTo("", "bob", 5, QString(bytes, 'x'), BODY_TYPE_DEFAULT, false, "k", "st");
     };
@@ -148,7 +136,7 @@ TEST(Faults, AFrozenBrokerIsNoticedNothingIsLostNothingTwice)
 TEST(Faults, AHundredLinkLossesGrowNothing)
 {
     constexpr int kBurst = 5000;
-    User frank("frank", kBurst + 1), alice("alice", 0);
+    User frank("frank", kBurst + 1, broker().port()), alice("alice", 0, broker().port());
     Counter sys;
     auto watcher = listener("c-sys", sys, "$SYS/broker/subscriptions/count");
     const auto subscriptions = [&] { // the broker tells each change within a second
@@ -201,17 +189,17 @@ TEST(Faults, AHundredLinkLossesGrowNothing)
 TEST(Faults, AKilledProcessLeavesItsWillAndFindsItsMessagesWaiting)
 {
     constexpr int kAway = 5000;
-    User server("server", 0), alice("alice", 0);
+    User server("server", 0, broker().port()), alice("alice", 0, broker().port());
     QProcess peer;
-    peer.start(QStringLiteral(ENGINE_PEER),
-               { broker().host(), QString::number(broker().port()), "erin", "im.test", "dev-erin" });
+    peer.start(PUSHCHAT_CLI, { "--port", QString::number(broker().port()), "--user", "erin", "--domain", "im.test",
+                               "--device", "dev-erin", "listen" });
     ASSERT_TRUE(peer.waitForStarted());
     ASSERT_TRUE(eventually([&] { return server.side.other().find("erin@im.test|") == 0; }));
     peer.kill();
     peer.waitForFinished();
     EXPECT_TRUE(eventually([&] { return server.side.other().find("NETWORK_DISCONNECTED") != std::string::npos; }));
     sendAll(alice.lib, "erin", kAway);
-    User erin("erin", kAway);
+    User erin("erin", kAway, broker().port());
     erin.side.waitFor(kAway);
     EXPECT_EQ(erin.side.tally("offline receiver", kAway), kNoneLost);
 }

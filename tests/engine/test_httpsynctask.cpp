@@ -7,6 +7,7 @@
 #include "message_lib.h"
 #include "messageprivate.h"
 #include "processusage.h"
+#include "qttestapp.h"
 
 #include <QCoreApplication>
 #include <QThread>
@@ -14,11 +15,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <thread>
 #include <tuple>
 
 namespace {
+
+QtTestApp<QCoreApplication> qt; // the client needs an application object
 
 const std::string kApi = "GET /vantrel_api/instance_message/";
 
@@ -195,26 +197,4 @@ TEST_F(HttpSyncTaskTest, EngineFetches)
             kApi + "sync_history_message?user_id=alice@im.test&msg_uuid=u-1&my_sec_level=5 HTTP/1.1",
             kApi +
                 "pull_history_message?user_id=alice@im.test&type=2&count=20&msg_uuid=u%202&my_sec_level=5 HTTP/1.1" }));
-}
-
-// Run by a second ctest entry with --no-application.
-TEST(HttpSyncTaskNoApplication, EmptyWithoutRequest)
-{
-    if (QCoreApplication::instance() != nullptr)
-        GTEST_SKIP() << "needs --no-application";
-    HttpTestServer server;
-    ASSERT_TRUE(server.start());
-    HttpSyncTask task;
-    EXPECT_EQ(outcome(task, QString::fromStdString(server.baseAddress() + "/x")), "|no QCoreApplication");
-    EXPECT_TRUE(server.requestLines().empty());
-}
-
-int main(int argc, char **argv)
-{
-    ::testing::InitGoogleTest(&argc, argv);
-    for (int i = 1; i < argc; ++i)
-        if (std::strcmp(argv[i], "--no-application") == 0)
-            return RUN_ALL_TESTS();
-    QCoreApplication app(argc, argv);
-    return RUN_ALL_TESTS();
 }

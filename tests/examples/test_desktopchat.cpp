@@ -5,17 +5,16 @@
 // of the screen is saved as PNG.
 
 #include "chatwindow.h"
+#include "devserverprocess.h"
 #include "eventlog.h"
 #include "mosquittobroker.h"
 #include "qttestapp.h"
 
 #include <QApplication>
 #include <QDir>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
 #include <QScreen>
 #include <QSet>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -40,14 +39,15 @@ TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
     QtTestApp<QApplication> qt;
     MosquittoBroker broker;
     ASSERT_TRUE(broker.start()) << broker.log();
-    server.start(PUSHCHAT_DEVSERVER, {"--port", QString::number(broker.port()), "--http-port", "0"});
-    ASSERT_TRUE(server.waitForReadyRead(10000));
-    const QJsonObject ready = QJsonDocument::fromJson(server.readLine()).object();
+    QTemporaryDir dir;
+    const int httpPort = startDevServer(server, PUSHCHAT_DEVSERVER, {"--port", QString::number(broker.port()), "--http-port", "0"},
+                                        dir.filePath("server.jsonl"));
+    ASSERT_NE(httpPort, 0);
 
     LoginSettings login;
     login.port = broker.port();
     login.level = 5;
-    login.httpBase = QStringLiteral("http://127.0.0.1:%1").arg(ready.value("http_port").toInt());
+    login.httpBase = QStringLiteral("http://127.0.0.1:%1").arg(httpPort);
     ChatWindow alice("dev-alice"), bob("dev-bob"), bob2("dev-bob2");
     QSet<ChatWindow *> online;
     for (ChatWindow *window : {&alice, &bob}) {

@@ -121,20 +121,6 @@ TEST(PatternMatcher, AgreesWithQRegExp)
     }
 }
 
-// A chain matches a list of up to five codes that it is a prefix of.
-TEST(TopicParser, MatchingCodeLists)
-{
-    MQTTMessage m(nullptr, false);
-    m.protocol.fromTopic("s/g/i/a@b/r/c");
-    const int c[] = { SYSTEM, GroupINFO, SubInfo_CMD_RESPONSE, GroupSub_Create, 9, 0 };
-    EXPECT_EQ(fields(m.protocol.mactchSysProtocol(5, c[0], c[1], c[2], c[3], c[4]),
-                      m.matchSysProtocol(5, c[0], c[1], c[2], c[3], c[4]), m.protocol.matchCodes(c, 5),
-                      m.protocol.mactchSysProtocol(6, c[0], c[1], c[2], c[3], c[4], c[5]),
-                      m.matchSysProtocol(6, c[0], c[1], c[2], c[3], c[4], c[5]), m.protocol.matchCodes(c, 6),
-                      m.protocol.matchCodes(c, 3)),
-            "1|1|1|0|0|0|0"); // up to five codes; the chain is longer than three
-}
-
 TEST(TopicBuilders, CommandAndSubscriptionTopics)
 {
     const struct {
@@ -160,10 +146,6 @@ TEST(TopicBuilders, CommandAndSubscriptionTopics)
     EXPECT_EQ(fields(refused.fromSysProtocol("+", 2, FriendCMD, FriendSub_Add), refused.fromMessageProtocol("a/b", ""),
                      refused.topic), "0|0|");
 
-    const auto topics = MqttMesaageProtocol::getRecieveTopic("u@d");
-    EXPECT_EQ(Lines(topics.begin(), topics.end()),
-            (Lines{ "m/i/u@d/#", "s/g/i/u@d/#", "s/g/c/u@d/#", "s/c/c/u@d/#", "s/c/i/u@d/#", "s/f/c/u@d/#",
-                    "s/f/i/u@d/#", "s/r/c/u@d/#", "s/r/i/u@d/#", "s/h/i/u@d/#", "m/ntc/#" }));
     EXPECT_EQ(fields(MqttMesaageProtocol::getSendToTopic("<jid>#@d"), MqttMesaageProtocol::getDeviceTopic("u@d"),
                       MqttMesaageProtocol::getSyncMessageTopic("u@d"), MqttMesaageProtocol::getFreshGroupTopic("u@d")),
             "m/i/<jid>@d/|m/u@d/deviceId/|m/u@d/sync/|s/g/c/u@d/f");

@@ -17,7 +17,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -45,6 +47,14 @@ std::string fields(const First &first, const Rest &...rest)
     std::string line = eventlog_detail::text(first);
     ((line += '|', line += eventlog_detail::text(rest)), ...);
     return line;
+}
+
+/// The whole text of the file at `path` ("" if it cannot be read).
+inline std::string fileText(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
 }
 
 constexpr std::chrono::milliseconds kWaitLimit{ 15000 };

@@ -1,5 +1,7 @@
 #include "mosquittobroker.h"
 
+#include "eventlog.h"
+
 #include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
@@ -9,7 +11,6 @@
 #include <fstream>
 #include <netinet/in.h>
 #include <spawn.h>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -119,10 +120,7 @@ void MosquittoBroker::stop(int signal)
 
 std::string MosquittoBroker::log() const
 {
-    std::ifstream in(dir_ + "/mosquitto.log");
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return fileText(dir_ + "/mosquitto.log");
 }
 
 bool MosquittoBroker::prepareDirectory()

@@ -7,22 +7,16 @@
 // ($PUSHCHAT_CLUSTER_DIR). Users alice, bob, ... and server; each password
 // is the user's name.
 
+#include "eventlog.h"
+
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <sys/types.h>
 #include <thread>
-
-inline std::string fileText(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 class RabbitCluster {
 public:

@@ -3,6 +3,7 @@
 // server started again on the same file still knows the history, the rooms
 // and the friends. Then what fails its checks, beside what passes them.
 
+#include "devserverprocess.h"
 #include "devstore.h"
 #include "enginetestkit.h"
 #include "inputlimits.h"
@@ -35,21 +36,10 @@ MosquittoBroker *sharedBroker()
 /// Starts the server on `dir`'s store; its HTTP port, or 0 unless it said it is ready.
 int start(QProcess &server, const MosquittoBroker &broker, const QTemporaryDir &dir)
 {
-    QFile::remove(dir.filePath("server.jsonl"));
-    server.setStandardOutputFile(dir.filePath("server.jsonl"));
-    server.start(PUSHCHAT_DEVSERVER, {"--port", QString::number(broker.port()), "--server-jid", "server@im.test",
-                                      "--db", dir.filePath("dev.db"), "--http-port", "0"});
-    // The "ready" line, once it is whole (other lines may come first).
-    int port = 0;
-    eventually([&] {
-        QFile out(dir.filePath("server.jsonl"));
-        out.open(QIODevice::ReadOnly);
-        for (const QByteArray &text : out.readAll().split('\n'))
-            if (const QJsonObject line = QJsonDocument::fromJson(text).object(); line.value("event") == "ready")
-                port = line.value("http_port").toInt();
-        return port != 0;
-    });
-    return port;
+    return startDevServer(server, PUSHCHAT_DEVSERVER,
+                          {"--port", QString::number(broker.port()), "--server-jid", "server@im.test", "--db",
+                           dir.filePath("dev.db"), "--http-port", "0"},
+                          dir.filePath("server.jsonl"));
 }
 
 /// The first line of `app` after `mark` that starts with `kind`, "time" values blanked.

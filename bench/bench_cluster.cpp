@@ -218,7 +218,7 @@ void roomList(benchmark::State &state)
         const auto start = Clock::now();
         server.publish(reply.topic.c_str(), reply.payload.c_str(), 1, false);
         const bool subscribed = until(
-            [&] { return rose.engine()->subscribedRoomJids().size() == rooms && rose.engine()->pendingCount() == 0; },
+            [&] { return rose.engine()->pendingCount() == 0 && rose.engine()->subscribedRoomJids().size() == rooms; },
             600s); // each room is a binding of the session's replicated queue: minutes for 10 000
         seconds = std::chrono::duration<double>(Clock::now() - start).count();
         if (!subscribed) {

@@ -137,6 +137,13 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
         R"(onRoomListRefreshed|{"jid":"bob@im","name":"","rooms":[]})",
     };
     readLines(bob, bobLines, expected.size());
+    // Each one-shot run's presence reached the server in order: its startup,
+    // then, after what it sent, its quit.
+    std::string order;
+    for (const std::string &line : (readLines(server, serverLines), serverLines))
+        if (line.find("|alice@im|m/i/server@im/d") != std::string::npos)
+            order += line.find("APP_QUIT") != std::string::npos ? 'q' : 's';
+    EXPECT_TRUE(order.size() >= 10 && QString::fromStdString(order).count("sq") * 2 == int(order.size())) << order;
     EXPECT_EQ(stop(bob, SIGTERM), 0);
     EXPECT_EQ(stop(server, SIGTERM), 0);
     std::sort(bobLines.begin(), bobLines.end());

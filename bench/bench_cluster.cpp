@@ -16,6 +16,7 @@
 #include "groupevent.h"
 #include "message_lib.h"
 #include "messageprivate.h"
+#include "facadeside.h"
 #include "mqttbench.h"
 #include "processusage.h"
 #include "pushclient.h"
@@ -33,12 +34,9 @@
 namespace {
 
 using benchmqtt::Clock;
+using benchmqtt::smoke;
+using benchmqtt::until;
 using namespace std::chrono_literals;
-
-bool smoke()
-{
-    return benchmqtt::messageCount() < 1000;
-}
 
 // The cluster of $PUSHCHAT_CLUSTER_DIR, or one started here and stopped
 // when the program ends.
@@ -82,9 +80,9 @@ MosquittoBroker &mosquitto()
 }
 
 // Numbered messages ("n <i>") that arrived, once each, and when the last did.
-class Side : public ImEventReciever {
+class Numbered : public ImEventReciever {
 public:
-    explicit Side(int size = 0) : seen_(std::size_t(size)) {}
+    explicit Numbered(int size = 0) : seen_(std::size_t(size)) {}
     std::atomic<int> connects{ 0 }, messages{ 0 }, twice{ 0 };
     std::atomic<Clock::rep> last{ 0 };
     void onConnected() override { ++connects; }
@@ -104,17 +102,9 @@ private:
     std::vector<int> seen_;
 };
 
-bool until(const std::function<bool()> &done, std::chrono::seconds limit = 60s)
-{
-    for (const auto end = Clock::now() + limit; !done(); std::this_thread::sleep_for(1ms))
-        if (Clock::now() > end)
-            return false;
-    return true;
-}
-
 // Logs `lib` in as `user`: on mosquitto (node 0) or on a node of the
 // cluster, with that node's user and the others to fail over to.
-bool login(Message_lib &lib, Side &side, const char *user, int node)
+bool login(Message_lib &lib, Numbered &side, const char *user, int node)
 {
     PushClientOptions options;
     options.reconnectDelayMin = 20ms;
@@ -151,7 +141,7 @@ void chat(benchmark::State &state)
     long idle[RabbitCluster::kNodes] = {}, peak[RabbitCluster::kNodes] = {};
     for (int n = 1; onCluster && n <= RabbitCluster::kNodes; ++n)
         idle[n - 1] = peak[n - 1] = nodeResidentKiB(n);
-    Side aliceSide, bobSide(count);
+    Numbered aliceSide, bobSide(count);
     Message_lib alice(&aliceSide, nullptr, "dev-a", "A"), bob(&bobSide, nullptr, "dev-b", "B");
     if (!login(alice, aliceSide, "alice", onCluster ? 1 : 0) || !login(bob, bobSide, "bob", onCluster ? 2 : 0)) {
         state.SkipWithError("no login");
@@ -166,11 +156,7 @@ void chat(benchmark::State &state)
     double seconds = 0;
     for (auto _ : state) {
         const auto start = Clock::now();
-        for (int i = 0; i < count; ++i) {
-            until([&] { return i - bobSide.messages < window; });
-            alice.sendTextMessageTo("", "bob", 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k", "st");
-        }
-        if (!until([&] { return bobSide.messages >= count; })) {
+        if (!sendWindowed(alice, bobSide.messages, count, window, [&](int i) { return QString("n %1").arg(i); })) {
             state.SkipWithError("messages missing");
             break;
         }
@@ -206,7 +192,7 @@ void roomList(benchmark::State &state)
     server.setMaxQos(1);
     server.start_connect(cluster().nodes.host(), cluster().nodes.port(1), 60);
     until([&] { return server.state() == PushClient::State::Online; });
-    Side side;
+    Numbered side;
     Message_lib rose(&side, nullptr, "dev-rose", "Rose");
     double seconds = 0;
     for (auto _ : state) {
@@ -240,7 +226,7 @@ void nodeDeath(benchmark::State &state)
         return;
     }
     const int count = smoke() ? 400 : 2000; // 2 s or 10 s of messages
-    Side aliceSide, bobSide(count);
+    Numbered aliceSide, bobSide(count);
     Message_lib alice(&aliceSide, nullptr, "dev-a", "A"), bob(&bobSide, nullptr, "dev-b", "B");
     if (!login(alice, aliceSide, "alice", 1) || !login(bob, bobSide, "bob", 2)) {
         state.SkipWithError("no login");

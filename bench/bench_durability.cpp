@@ -13,6 +13,7 @@
 
 #include "message_lib.h"
 #include "messageprivate.h"
+#include "facadeside.h"
 #include "mqttbench.h"
 #include "pushclient.h"
 
@@ -26,22 +27,8 @@
 namespace {
 
 using benchmqtt::Clock;
+using benchmqtt::until;
 using namespace std::chrono_literals;
-
-class Side : public ImEventReciever {
-public:
-    std::atomic<int> connects{ 0 }, messages{ 0 };
-    void onConnected() override { ++connects; }
-    void onMessageReceive(QString, QString, QString, int, int, QString, QString, bool) override { ++messages; }
-};
-
-bool until(const std::function<bool()> &done, std::chrono::seconds limit = 60s)
-{
-    for (const auto end = Clock::now() + limit; !done(); std::this_thread::sleep_for(1ms))
-        if (Clock::now() > end)
-            return false;
-    return true;
-}
 
 bool login(Message_lib &lib, Side &side, const MosquittoBroker &broker, const char *user)
 {

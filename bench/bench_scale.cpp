@@ -12,6 +12,7 @@
 #include "groupevent.h"
 #include "message_lib.h"
 #include "messageprivate.h"
+#include "facadeside.h"
 #include "mqttbench.h"
 #include "processusage.h"
 #include "pushclient.h"
@@ -28,12 +29,9 @@
 namespace {
 
 using benchmqtt::Clock;
+using benchmqtt::smoke;
+using benchmqtt::until;
 using namespace std::chrono_literals;
-
-bool smoke()
-{
-    return benchmqtt::messageCount() < 1000;
-}
 
 MosquittoBroker &broker()
 {
@@ -57,21 +55,6 @@ long switches()
         }
     }
     return total;
-}
-
-class Side : public ImEventReciever {
-public:
-    std::atomic<int> connects{ 0 }, messages{ 0 };
-    void onConnected() override { ++connects; }
-    void onMessageReceive(QString, QString, QString, int, int, QString, QString, bool) override { ++messages; }
-};
-
-bool until(const std::function<bool()> &done, std::chrono::seconds limit = 60s)
-{
-    for (const auto end = Clock::now() + limit; !done(); std::this_thread::sleep_for(1ms))
-        if (Clock::now() > end)
-            return false;
-    return true;
 }
 
 bool login(Message_lib &lib, Side &side, const char *user)
@@ -170,12 +153,7 @@ void chatBody(benchmark::State &state)
     for (auto _ : state) {
         bobSide.messages = 0;
         const auto start = Clock::now();
-        for (int i = 0; i < count; ++i) {
-            until([&] { return i - bobSide.messages < window; });
-            alice.sendTextMessageTo("", "bob", 5, QString::number(i) + body.mid(8), BODY_TYPE_DEFAULT, false, "k",
-                                    "st");
-        }
-        if (!until([&] { return bobSide.messages >= count; })) {
+        if (!sendWindowed(alice, bobSide.messages, count, window, [&](int i) { return QString::number(i) + body.mid(8); })) {
             state.SkipWithError("messages missing");
             break;
         }

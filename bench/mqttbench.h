@@ -3,7 +3,7 @@
 
 // Helpers shared by the broker benchmarks: an arrival counter a sender can
 // wait on, a bare libmosquitto client (the baseline every throughput figure
-// is compared with), the message count and a median.
+// is compared with), the message count, a median and a polling wait.
 //
 // PUSHCHAT_BENCH_SMOKE=1 in the environment selects the small message count.
 
@@ -16,8 +16,10 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace benchmqtt {
@@ -28,6 +30,21 @@ inline long messageCount()
 {
     const char* smoke = std::getenv("PUSHCHAT_BENCH_SMOKE");
     return smoke && std::strcmp(smoke, "1") == 0 ? 500 : 20000;
+}
+
+// Polls `done` every millisecond until it holds or `limit` passes.
+inline bool until(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(60))
+{
+    for (const auto end = Clock::now() + limit; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+        if (Clock::now() > end)
+            return false;
+    return true;
+}
+
+// Whether this is a smoke run (PUSHCHAT_BENCH_SMOKE=1).
+inline bool smoke()
+{
+    return messageCount() < 1000;
 }
 
 inline double median(std::vector<double> values)

@@ -36,10 +36,10 @@ public:
     void onConversations(S json) override { count(json); }
     std::string other() const { return locked(other_); }
     int distinct() const { return locked(distinct_); }
-    /// Waits for n distinct messages while more keep coming (5 s at most between two).
-    void waitFor(int n) const
+    /// Waits for n distinct messages while more keep coming (`stall` at most between two).
+    void waitFor(int n, std::chrono::milliseconds stall = 5s) const
     {
-        for (int before = -1; before != distinct() && !eventually([&] { return distinct() >= n; }, 5s);)
+        for (int before = -1; before != distinct() && !eventually([&] { return distinct() >= n; }, stall);)
             before = distinct();
     }
     /// Prints and returns the numbers below `sent` (`accepted` ones only) that

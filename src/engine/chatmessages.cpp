@@ -38,6 +38,8 @@ int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel,
     const QString target = completeJid(to);
     if (refusedAddressee(target, "message"))
         return 0;
+    if (store != nullptr)
+        return sendStored(target, secLevel, body, bodyType, toRoom, messageKey, stamp);
     const bool notice = bodyType == BODY_TYPE_NOTICE;
 
     MQTTMessage msg(pushClient, true);
@@ -94,11 +96,11 @@ void MessagePrivate::messageReceive(MQTTMessage *msg)
     // 9999 is for everyone; otherwise the message's level must not be below
     // the user's own.
     const bool readable = msg->secLevel == SECURITY_LEVEL_UNRESTRICTED || msg->secLevel >= securityLevel;
-    if (imReciever == nullptr)
-        return;
-    imReciever->onMessageReceive(text(msg->from), text(msg->to),
-                                 readable ? text(msg->body) : QString::fromUtf8(UNREADABLE_TEXT), msg->bodyType,
-                                 msg->msgType, text(msg->messageKey), text(msg->stamp), readable);
+    const QString body = readable ? text(msg->body) : QString::fromUtf8(UNREADABLE_TEXT);
+    if (!recordDelivered(*msg, body) || imReciever == nullptr)
+        return; // already stored: delivered before
+    imReciever->onMessageReceive(text(msg->from), text(msg->to), body, msg->bodyType, msg->msgType,
+                                 text(msg->messageKey), text(msg->stamp), readable);
 }
 
 void MessagePrivate::messagePresenceIn(MQTTMessage *msg)
@@ -123,6 +125,7 @@ void MessagePrivate::messageModifyClientStatus(MQTTMessage *msg)
     const int status = obj.value(QLatin1String("status")).toInt();
     PUSHCHAT_ENGINE_LOG("messageModifyClientStatus") << "messageModifyClientStatus uuid" << uuid << "status"
                                                      << status;
+    storePeerStatus(uuid, status);
     if (imReciever != nullptr)
         imReciever->onMessageStatusModified(modifier, uuid, status);
 }

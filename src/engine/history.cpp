@@ -46,6 +46,7 @@ void MessagePrivate::startPullMessage(int pullType, int start, int count, QStrin
 
 void MessagePrivate::historyMessageResponse(MQTTMessage *msg)
 {
+    recordHistory(msg->body);
     if (imReciever != nullptr)
         imReciever->onHistoryMessages(msg->body.c_str());
 }

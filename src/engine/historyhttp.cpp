@@ -64,6 +64,7 @@ void MessagePrivate::startSyncMessageRun(QString msgUuid)
             return task.syncHistoryMessage(historyBaseAddress(), QString::fromStdString(jid), msgUuid, securityLevel);
         });
     }
+    recordHistory(body.toStdString());
     if (imReciever != nullptr)
         imReciever->onHistoryMessages(body.constData());
 }
@@ -77,6 +78,7 @@ void MessagePrivate::startPullMessageRun(int type, int count, QString msgUuid)
                                            securityLevel);
         });
     }
+    recordHistory(body.toStdString());
     if (imReciever != nullptr)
         imReciever->onHistoryMessages(body.constData());
 }

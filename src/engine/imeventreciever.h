@@ -32,7 +32,8 @@
 /// A message status; chosen by the application and the server, carried
 /// unchanged by the library.
 enum MSG_STATUS : int {
-    MSG_STATUS_NONE = 0 ///< no status; any other int is passed on as well
+    MSG_STATUS_NONE = 0, ///< no status; any other int is passed on as well
+    MSG_STATUS_READ = 1  ///< read by its receiver (what the message store sends and records)
 };
 
 /// Presence kind, the presence body's "type".

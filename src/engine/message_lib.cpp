@@ -5,6 +5,7 @@
 
 #include "contactmanager.h"
 #include "messageprivate.h"
+#include "messagestore.h"
 
 Message_lib::Message_lib(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName)
     : d(new MessagePrivate(im, muc, std::move(deviceId), std::move(deviceName)))
@@ -221,4 +222,54 @@ void Message_lib::uploadVCardInfo(QString vcard)
 void Message_lib::setContactEventReciever(ImContactEventReciever *receiver)
 {
     d->getContactManager()->setContactEventReciever(receiver);
+}
+
+int Message_lib::openMessageStore(QString path, bool syncEachCommit)
+{
+    return d->openMessageStore(path, syncEachCommit) ? 1 : 0;
+}
+
+QString Message_lib::lastStoreError() const
+{
+    return d->lastStoreError();
+}
+
+QList<StoredConversation> Message_lib::storedConversations() const
+{
+    return d->messageStore() != nullptr ? d->messageStore()->conversations() : QList<StoredConversation>();
+}
+
+QList<StoredMessage> Message_lib::storedMessages(QString peer, QString beforeKey, int limit) const
+{
+    if (d->messageStore() == nullptr)
+        return {};
+    return d->messageStore()->messages(d->conversationJid(peer), beforeKey, limit);
+}
+
+QList<StoredMessage> Message_lib::searchStoredMessages(QString text, QString peer, int limit) const
+{
+    if (d->messageStore() == nullptr)
+        return {};
+    return d->messageStore()->search(text, peer.isEmpty() ? peer : d->conversationJid(peer), limit);
+}
+
+int Message_lib::markConversationRead(QString peer, bool tellPeer)
+{
+    return d->markConversationRead(peer, tellPeer);
+}
+
+void Message_lib::setStoreRetention(qint64 maxAgeSeconds, int maxPerConversation)
+{
+    if (d->messageStore() != nullptr)
+        d->messageStore()->setRetention(maxAgeSeconds * 1000, maxPerConversation);
+}
+
+qint64 Message_lib::storeFileBytes() const
+{
+    return d->messageStore() != nullptr ? d->messageStore()->fileBytes() : 0;
+}
+
+int Message_lib::storedPendingCount() const
+{
+    return d->messageStore() != nullptr ? d->messageStore()->pendingCount() : 0;
 }

@@ -10,6 +10,7 @@
 #include <pushchat/mediainfo.h>
 #include <pushchat/pushclientoptions.h>
 #include <pushchat/room.h>
+#include <pushchat/storedmessage.h>
 
 #include <QString>
 
@@ -270,6 +271,69 @@ public:
     /// Where contact events go (null drops them). Borrowed: it must outlive
     /// the façade. The library raises no contact event of its own today.
     void setContactEventReciever(ImContactEventReciever *receiver);
+    ///@}
+
+    /// \name Local message store
+    /// Opt-in, with openMessageStore before login; without it nothing is
+    /// kept and nothing on the wire changes. With it every chat, room
+    /// message and notice sent or received by this user is recorded in one
+    /// SQLite file, and:
+    /// - sendTextMessageTo returns 1 once the message is written to the
+    ///   file (a message without a key gets a fresh one; a key already sent
+    ///   in the conversation is refused), and the outbox bounds no longer
+    ///   apply: written messages reach the connection in order as it takes
+    ///   them. One the broker has not acknowledged when the application
+    ///   logs out, exits or dies is sent again, with the same key, after
+    ///   the next login with the same store;
+    /// - a received message whose key is already stored (for the same
+    ///   conversation and sender) is neither recorded nor delivered again:
+    ///   this also drops the echo of the user's own room messages;
+    /// - each login asks the server for the messages after the newest one
+    ///   received (startSyncMessage; its answers also reach
+    ///   onHistoryMessages), and every history answer's messages are
+    ///   recorded;
+    /// - a status change from the peer (onMessageStatusModified, any status
+    ///   but MSG_STATUS_NONE) marks the sent message read.
+    /// The read operations work without a connection, from any thread. A
+    /// peer without "@" is completed with the login's domain once there is
+    /// one. One store per user: the file does not tell whose it is. Its
+    /// text is not enciphered: it is as private as the file (mode 0600).
+    /// See docs/store.md.
+    ///@{
+
+    /// Opens the store at `path`, creating it (mode 0600) when missing. 1,
+    /// or 0 and lastStoreError() says why: the file is in use by another
+    /// process, is not a store, is damaged, or cannot be created; a login
+    /// is under way. With `syncEachCommit` (the default) a written message
+    /// survives a power cut; without it, the application's death only, at
+    /// a lower cost per send.
+    int openMessageStore(QString path, bool syncEachCommit = true);
+    /// Why the last store operation failed (a send not written, a full
+    /// disk, ...); "" when none did.
+    QString lastStoreError() const;
+    /// Every conversation with its newest message and unread count, the
+    /// most recent first. Empty without a store.
+    QList<StoredConversation> storedConversations() const;
+    /// At most `limit` messages of the conversation with `peer` (a user's
+    /// or a room's JID), oldest first: the newest ones, or those before the
+    /// message with key `beforeKey`.
+    QList<StoredMessage> storedMessages(QString peer, QString beforeKey = QString(), int limit = 50) const;
+    /// At most `limit` messages, newest first, holding every word of `text`
+    /// (alphabetic words, and words of Chinese, Japanese or Korean text of
+    /// any length), in the conversation with `peer` or (empty) in all.
+    QList<StoredMessage> searchStoredMessages(QString text, QString peer = QString(), int limit = 50) const;
+    /// Marks the conversation's received messages read; with `tellPeer`
+    /// (and a login) also sends MSG_STATUS_READ for each of them. 1, or 0
+    /// without a store.
+    int markConversationRead(QString peer, bool tellPeer = false);
+    /// Keeps messages at most `maxAgeSeconds` old (0: any age) and at most
+    /// `maxPerConversation` per conversation (0: any number), applied in
+    /// the background, now and every ten minutes. Unsent messages are kept.
+    void setStoreRetention(qint64 maxAgeSeconds, int maxPerConversation);
+    /// The store's size on disk in bytes (0 without one).
+    qint64 storeFileBytes() const;
+    /// Messages written and not yet acknowledged by the broker.
+    int storedPendingCount() const;
     ///@}
 
     /// The engine behind the façade. Its class is private to the library

@@ -8,6 +8,7 @@
 #include "enginelog.h"
 #include "inputlimits.h"
 #include "jid.h"
+#include "messagestore.h"
 #include "roomnotifier.h"
 
 #include <QJsonDocument>
@@ -153,6 +154,7 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
     pushClient->setEventRecv(this);
 
     setFreshWill();
+    reloadUnsent(); // what the last run did not see acknowledged goes first
     pushClient->start_connect(host.toUtf8().constData(), port, PUSH_KEEPALIVE_SECONDS);
 
     PUSHCHAT_ENGINE_LOG("registerToServer") << "MessagePrivate::registerToServer connecting to " << host << ":"
@@ -197,6 +199,7 @@ void MessagePrivate::connectStatus(bool connected)
     }
     refreshGroupList();
     send_online_state(PRESENCE_ONLINE, kStartupText, kStartupQos);
+    catchUp();
     if (imReciever != nullptr)
         imReciever->onConnected();
 }

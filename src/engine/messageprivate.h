@@ -34,6 +34,7 @@
 #include "imeventreciever.h"
 #include "mqttmessage.h"
 #include "pushclient.h"
+#include "storedmessage.h"
 
 #include <QByteArray>
 #include <QList>
@@ -41,12 +42,14 @@
 
 #include <atomic>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 
 class ContactManager;
+class MessageStore;
 class RoomNotifier;
 
 class MessagePrivate : public MQTTProtocolMatchCallback, public PushEventReciever {
@@ -187,11 +190,37 @@ public:
     /// The engine's contact manager; never null, lives as long as the engine.
     ContactManager *getContactManager() const { return contactManager.get(); }
 
+    // --- local message store (storedmessages.cpp) ------------------------
+    // Opt-in, before login. With it every chat, room message and notice sent
+    // or received is recorded (see messagestore.h); a send returns 1 once
+    // its message is written, and the connection is handed the written
+    // messages in order; what the broker has not acknowledged at logout or
+    // exit is handed again at the next login; a received key already stored
+    // is neither recorded nor delivered again; each login asks the server
+    // for what arrived since the newest received message.
+    /// False, with lastStoreError() set, when the store cannot be opened or
+    /// a login is under way.
+    bool openMessageStore(const QString &path, bool syncEachCommit);
+    /// The store, or null without one; lives as long as the engine.
+    MessageStore *messageStore() const { return store.get(); }
+    /// Why the last store operation failed ("" when none did).
+    QString lastStoreError() const;
+    /// The conversation of `peer`: completed with the domain when it has no
+    /// "@" and a login gave one.
+    QString conversationJid(const QString &peer) const
+    {
+        return peer.contains(QLatin1Char('@')) || domain.isEmpty() ? peer : completeJid(peer);
+    }
+    /// Marks the conversation with `peer` read, and with `tellPeer` sends a
+    /// read status for each of its messages. 0 without a store.
+    int markConversationRead(const QString &peer, bool tellPeer);
+
     // --- push client callbacks (delivery thread) -----------------------
     void messgeRecieved(char *topic, char *payload) override;
     void messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain) override;
     void connectStatus(bool connected) override;
     void subscriptionGranted(int requested, int granted) override;
+    void published(std::uint64_t ticket) override;
 
     // --- command handlers (delivery thread) ----------------------------
     void messageReceive(MQTTMessage *msg) override;
@@ -295,6 +324,17 @@ private:
     QString jidWithDomain(const QString &id) const; // id "@" domain, always
     QString memberJidOf(const QString &roomId, const QString &memberId) const;
     bool sendRoomCommand(int command, Room &room);
+    // The store (storedmessages.cpp).
+    int sendStored(const QString &target, int secLevel, const QString &body, MESSAGE_BODY_TYPE bodyType,
+                   bool toRoom, const QString &messageKey, const QString &stamp);
+    void handOverStored();
+    void reloadUnsent();
+    /// False when the message's key is already stored (not to be delivered).
+    bool recordDelivered(const MQTTMessage &msg, const QString &body);
+    void storePeerStatus(const QString &key, int status);
+    void catchUp();
+    void recordHistory(const std::string &body);
+    void setStoreError(const QString &error);
 
     ImEventReciever *imReciever;
     ImMUCEventReciever *mucReciever;
@@ -329,6 +369,13 @@ private:
     // Local contact bookkeeping, reached by the façade. Created last in the
     // constructor; destroyed after the destructor has disconnected.
     std::unique_ptr<ContactManager> contactManager; // never null
+    // The message store and its outbox: the written messages not yet handed
+    // to the connection, oldest first.
+    std::unique_ptr<MessageStore> store;
+    mutable std::mutex outboxMutex; // guards unsent, storeError, catchUpAnchor
+    std::deque<StoredMessage> unsent;
+    QString storeError;
+    QString catchUpAnchor; // the last sync asked for by the catch-up
 };
 
 #endif // PUSHCHAT_MESSAGEPRIVATE_H

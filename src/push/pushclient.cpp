@@ -12,6 +12,7 @@ int toInt(PushResult result)
 void PushEventReciever::messgeRecieved(char*, char*) {}
 
 void PushEventReciever::subscriptionGranted(int, int) {}
+void PushEventReciever::published(std::uint64_t) {}
 
 PushEventReciever::~PushEventReciever() = default;
 
@@ -62,9 +63,9 @@ int PushClient::unsubscribe(const std::vector<std::string>& filters)
     return connection_->unsubscribe(filters);
 }
 
-int PushClient::publish(const char* topic, const char* payload, int qos, bool /*retain*/)
+int PushClient::publish(const char* topic, const char* payload, int qos, bool /*retain*/, std::uint64_t ticket)
 {
-    return connection_->publish(topic, payload, qos);
+    return connection_->publish(topic, payload, qos, ticket);
 }
 
 PushClient::State PushClient::state() const

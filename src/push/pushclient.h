@@ -67,6 +67,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -88,6 +89,9 @@ public:
     // a lower delivery level (a broker without QoS 2), or 128 (refused).
     // Called once per client; by default nothing is done.
     virtual void subscriptionGranted(int requested, int granted);
+    // The broker acknowledged the publication made with this ticket (see
+    // publish). By default nothing is done.
+    virtual void published(std::uint64_t ticket);
     virtual ~PushEventReciever();
 };
 
@@ -133,8 +137,10 @@ public:
     int subscribe(const std::vector<std::string>& filters, int qos = 1);
     int unsubscribe(const char* topic);
     int unsubscribe(const std::vector<std::string>& filters);
-    // payload is NUL-terminated text; qos is 0, 1 or 2.
-    int publish(const char* topic, const char* payload, int qos, bool retain);
+    // payload is NUL-terminated text; qos is 0, 1 or 2. A non-zero ticket
+    // of a QoS 1/2 publication is handed to the receiver's published() once
+    // the broker has acknowledged it.
+    int publish(const char* topic, const char* payload, int qos, bool retain, std::uint64_t ticket = 0);
 
     State state() const;
     // Why the last attempt failed or the link went down (None once a

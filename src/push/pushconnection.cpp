@@ -252,7 +252,7 @@ int PushConnection::start(const char* host, int port, int keepalive)
     return toResult(PushResult::Ok);
 }
 
-int PushConnection::publish(const char* topic, const char* payload, int qos)
+int PushConnection::publish(const char* topic, const char* payload, int qos, std::uint64_t ticket)
 {
     if (!mosq_ || !validPublishTopic(topic) || qos < 0 || qos > 2)
         return toResult(PushResult::InvalidArgument);
@@ -276,7 +276,8 @@ int PushConnection::publish(const char* topic, const char* payload, int qos)
     if (!outbox_.hasRoomFor(size))
         return toResult(PushResult::OutboxFull);
     if (link_ != Link::Online) {
-        outbox_.enqueue({PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos, {}});
+        outbox_.enqueue(
+            {PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos, {}, ticket});
         return toResult(PushResult::Ok);
     }
     int mid = 0;
@@ -285,7 +286,7 @@ int PushConnection::publish(const char* topic, const char* payload, int qos)
     // libmosquitto still keeps the message and resends it after reconnecting,
     // so it is accepted, and must not be queued a second time.
     if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
-        outbox_.trackInFlight(mid, size);
+        outbox_.trackInFlight(mid, size, ticket);
         wake();
         return toResult(PushResult::Ok);
     }
@@ -621,11 +622,13 @@ void PushConnection::processEvents()
                                         return e.kind == Event::Kind::Published || e.kind == Event::Kind::Answered;
                                     });
     std::pair<int, int> lowerGrant{-1, -1}; // asked, granted
+    std::vector<std::uint64_t> tickets;      // acknowledged
     if (anyAck) {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const Event& event : batch_) {
             if (event.kind == Event::Kind::Published) {
-                outbox_.acknowledge(event.code);
+                if (const std::uint64_t ticket = outbox_.acknowledge(event.code))
+                    tickets.push_back(ticket);
             } else if (event.kind == Event::Kind::Answered) {
                 const int asked = outbox_.answered(event.code);
                 if (asked >= 0 && event.qos != asked && (event.qos < asked || event.qos == kRefusedFilter))
@@ -637,6 +640,10 @@ void PushConnection::processEvents()
     if (lowerGrant.first >= 0 && !lowerGrantTold_ && receiver && !closing_) {
         lowerGrantTold_ = true;
         receiver->subscriptionGranted(lowerGrant.first, lowerGrant.second);
+    }
+    for (const std::uint64_t ticket : tickets) {
+        if (receiver && !closing_)
+            receiver->published(ticket);
     }
     for (Event& event : batch_) {
         switch (event.kind) {
@@ -718,8 +725,9 @@ bool PushConnection::drainOutboxLocked()
                                    next.qos, false);
             if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
                 const std::size_t size = PushOutbox::sizeOf(next);
+                const std::uint64_t ticket = next.ticket;
                 outbox_.popFront();
-                outbox_.trackInFlight(mid, size); // libmosquitto holds it now
+                outbox_.trackInFlight(mid, size, ticket); // libmosquitto holds it now
                 if (rc == MOSQ_ERR_NO_CONN)
                     return false;
                 continue;

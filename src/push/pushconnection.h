@@ -47,7 +47,7 @@ public:
     void setReceiver(PushEventReciever* receiver);
     int setWill(const char* topic, const char* payload, int qos);
     int start(const char* host, int port, int keepalive);
-    int publish(const char* topic, const char* payload, int qos);
+    int publish(const char* topic, const char* payload, int qos, std::uint64_t ticket = 0);
     int subscribe(const std::vector<std::string>& filters, int qos);
     int unsubscribe(const std::vector<std::string>& filters);
     PushClient::State state() const;

@@ -49,24 +49,26 @@ void PushOutbox::clearQueued()
         popFront();
 }
 
-void PushOutbox::trackInFlight(int mid, std::size_t bytes)
+void PushOutbox::trackInFlight(int mid, std::size_t bytes, std::uint64_t ticket)
 {
-    auto [it, inserted] = inFlight_.emplace(mid, bytes);
+    auto [it, inserted] = inFlight_.emplace(mid, InFlight{bytes, ticket});
     if (!inserted) {
         // Same id still tracked: the old one can no longer be told apart.
-        bytes_ -= it->second;
-        it->second = bytes;
+        bytes_ -= it->second.bytes;
+        it->second = {bytes, ticket};
     }
     bytes_ += bytes;
 }
 
-void PushOutbox::acknowledge(int mid)
+std::uint64_t PushOutbox::acknowledge(int mid)
 {
     auto it = inFlight_.find(mid);
     if (it == inFlight_.end())
-        return;
-    bytes_ -= it->second;
+        return 0;
+    const std::uint64_t ticket = it->second.ticket;
+    bytes_ -= it->second.bytes;
     inFlight_.erase(it);
+    return ticket;
 }
 
 int PushOutbox::answered(int mid)

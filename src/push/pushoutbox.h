@@ -2,6 +2,7 @@
 #define PUSHOUTBOX_H
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <unordered_map>
@@ -28,6 +29,7 @@ public:
         std::string payload; // Publish
         int qos;
         std::vector<std::string> filters; // Subscribe, Unsubscribe: one packet
+        std::uint64_t ticket = 0;         // Publish: the owner's, told back at its acknowledgement
     };
 
     PushOutbox(std::size_t maxMessages, std::size_t maxBytes);
@@ -42,9 +44,9 @@ public:
     void clearQueued();
 
     // A QoS 1/2 publication libmosquitto now holds under this message id.
-    void trackInFlight(int mid, std::size_t bytes);
-    // Broker acknowledged mid; unknown ids (QoS 0) are ignored.
-    void acknowledge(int mid);
+    void trackInFlight(int mid, std::size_t bytes, std::uint64_t ticket = 0);
+    // Broker acknowledged mid: its ticket (0 for none, and for unknown ids).
+    std::uint64_t acknowledge(int mid);
     bool hasInFlight() const { return !inFlight_.empty(); }
 
     // A SUBSCRIBE (at `qos`) or UNSUBSCRIBE (-1) sent under mid, until
@@ -65,7 +67,12 @@ private:
     std::size_t maxBytes_;
     std::size_t bytes_ = 0;
     std::deque<Request> queued_;
-    std::unordered_map<int, std::size_t> inFlight_;
+    struct InFlight
+    {
+        std::size_t bytes;
+        std::uint64_t ticket;
+    };
+    std::unordered_map<int, InFlight> inFlight_;
     std::unordered_map<int, int> requests_; // mid -> level asked for
 };
 

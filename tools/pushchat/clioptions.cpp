@@ -54,6 +54,23 @@ const char *const kDescription =
     "  rdp control-reply JID TEXT  answer JID's control request\n"
     "  rdp becontrol-reply JID TEXT  answer JID's offer\n"
     "\n"
+    "With --store PATH the client keeps every message it sends and receives in\n"
+    "the message store PATH (created if missing). These need it:\n"
+    "  flush                       log in, send what is queued, wait until the\n"
+    "                              broker acknowledged all of it\n"
+    "  log PEER [--before KEY] [--limit N]\n"
+    "                              print the stored messages of the conversation\n"
+    "                              with PEER (a user or room), oldest first\n"
+    "  search TEXT [--in PEER] [--limit N]\n"
+    "                              print the stored messages holding every word\n"
+    "                              of TEXT, newest first\n"
+    "  conversations               print each conversation: its newest message\n"
+    "                              and unread count\n"
+    "  read PEER                   mark the conversation with PEER read\n"
+    "log, search, conversations and read need no connection and no --user.\n"
+    "send with --store exits 5 when no connection is made within --timeout:\n"
+    "the message is queued in the store and sent at the next login with it.\n"
+    "\n"
     "ROOM is a room id; the room's JID is ROOM@<domain>. A JID without \"@\" gets\n"
     "@<domain>. What the server or a peer makes of a request shows in listen.\n"
     "\n"
@@ -72,7 +89,8 @@ const char *const kDescription =
     "\n"
     "Exit statuses: 0 done, 1 not published, 2 no connection (refused, or none\n"
     "within the timeout), 3 set-up failure, 4 no answer within the timeout or an empty\n"
-    "answer (history), 64 usage error, 66 image file not loadable (send --image),\n"
+    "answer (history), 5 queued in the store (send, flush: sent at the next login\n"
+    "with this store), 64 usage error, 66 image file not loadable (send --image),\n"
     "130 interrupted.";
 
 // Upper bound of --timeout, so that the milliseconds always fit.
@@ -123,6 +141,16 @@ struct OptionSet {
                                 QStringLiteral("history --http: the service's base address (default "
                                                "http://<host>:5201)."),
                                 QStringLiteral("url")};
+    QCommandLineOption store{QStringLiteral("store"),
+                             QStringLiteral("The message store to keep messages in (created if missing)."),
+                             QStringLiteral("path")};
+    QCommandLineOption before{QStringLiteral("before"),
+                              QStringLiteral("log: the messages before the one with this key."), QStringLiteral("key")};
+    QCommandLineOption limit{QStringLiteral("limit"),
+                             QStringLiteral("log, search: at most this many messages (default 50)."),
+                             QStringLiteral("n"), QStringLiteral("50")};
+    QCommandLineOption in{QStringLiteral("in"), QStringLiteral("search: in the conversation with this peer only."),
+                          QStringLiteral("peer")};
     QCommandLineOption help{QStringList{QStringLiteral("h"), QStringLiteral("help")},
                             QStringLiteral("Show this help.")};
     QCommandLineOption version{QStringLiteral("version"), QStringLiteral("Show the version.")};
@@ -132,9 +160,10 @@ struct OptionSet {
         parser.setApplicationDescription(QString::fromUtf8(kDescription));
         connection.addTo(parser);
         parser.addOptions({user, domain, level, device, serverJid, timeout, notice, room, image,
-                           saveImages, type, count, cursor, http, httpBase, help, version});
+                           saveImages, type, count, cursor, http, httpBase, store, before, limit, in, help, version});
         parser.addPositionalArgument(QStringLiteral("command"),
-                                     QStringLiteral("listen, send, location, status, room, friend, history or rdp."),
+                                     QStringLiteral("listen, send, location, status, room, friend, history, rdp, flush, log, "
+                                                    "search, conversations or read."),
                                      QStringLiteral("command [arguments...]"));
     }
 };
@@ -158,9 +187,15 @@ const CommandSpec kCommands[] = {
     {"friend", CliOptions::Command::Friend, -1, "friend SUBCOMMAND ARGUMENTS..."},
     {"history", CliOptions::Command::History, -1, "history SUBCOMMAND ARGUMENTS..."},
     {"rdp", CliOptions::Command::Rdp, -1, "rdp SUBCOMMAND JID TEXT"},
+    {"flush", CliOptions::Command::Flush, 0, "--store PATH flush"},
+    {"log", CliOptions::Command::Log, 1, "--store PATH log PEER"},
+    {"search", CliOptions::Command::Search, 1, "--store PATH search TEXT"},
+    {"conversations", CliOptions::Command::Conversations, 0, "--store PATH conversations"},
+    {"read", CliOptions::Command::Read, 1, "--store PATH read PEER"},
 };
 
-const char *const kCommandNames = "listen, send, location, status, room, friend, history or rdp";
+const char *const kCommandNames =
+    "listen, send, location, status, room, friend, history, rdp, flush, log, search, conversations or read";
 
 std::optional<QString> valueIfSet(const QCommandLineParser &parser, const QCommandLineOption &option)
 {
@@ -307,11 +342,44 @@ bool CliOptions::parse(const QStringList &arguments)
         requestOk = m_rdpRequest.parse(m_arguments, &requestError);
     if (!requestOk)
         return fail(requestError);
+    if (!readStoreOptions(parser, options, name))
+        return false;
 
     m_user = parser.value(options.user);
+    if (m_user.isEmpty() && readsStoreOnly())
+        return true;
     if (m_user.isEmpty())
         return fail(QStringLiteral("Missing --user: the user id to log in as."));
     return checkIdentifiers();
+}
+
+bool CliOptions::readsStoreOnly() const
+{
+    return m_command == Command::Log || m_command == Command::Search || m_command == Command::Conversations ||
+           m_command == Command::Read;
+}
+
+bool CliOptions::readStoreOptions(const QCommandLineParser &parser, const OptionSet &options, const QString &name)
+{
+    m_storePath = parser.value(options.store);
+    m_before = parser.value(options.before);
+    m_in = parser.value(options.in);
+    if (parser.isSet(options.store) && m_storePath.isEmpty())
+        return fail(QStringLiteral("--store must name a file."));
+    if ((readsStoreOnly() || m_command == Command::Flush) && m_storePath.isEmpty())
+        return fail(QStringLiteral("'%1' needs --store PATH: the message store to use.").arg(name));
+    if (m_command != Command::Log && parser.isSet(options.before))
+        return fail(QStringLiteral("--before applies to log only."));
+    if (m_command != Command::Search && parser.isSet(options.in))
+        return fail(QStringLiteral("--in applies to search only."));
+    if (m_command != Command::Log && m_command != Command::Search && parser.isSet(options.limit))
+        return fail(QStringLiteral("--limit applies to log and search only."));
+    bool ok = false;
+    m_limit = parser.value(options.limit).toInt(&ok);
+    if (!ok || m_limit < 1)
+        return fail(QStringLiteral("--limit must be a whole number of 1 or more, not '%1'.")
+                        .arg(parser.value(options.limit)));
+    return true;
 }
 
 bool CliOptions::checkIdentifiers()

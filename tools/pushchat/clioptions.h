@@ -13,6 +13,8 @@
 //   pushchat [options] friend SUBCOMMAND ARGUMENTS...  (see friendrequest.h)
 //   pushchat [options] history SUBCOMMAND ARGUMENTS... (see historyrequest.h)
 //   pushchat [options] rdp SUBCOMMAND JID TEXT         (see rdprequest.h)
+//   pushchat --store PATH [options] flush | conversations | log PEER |
+//            search TEXT | read PEER                     (see storecommands.h)
 //
 // parse() checks everything that can be checked without a network: option
 // values, the command and its argument count; error() is then one line
@@ -36,7 +38,10 @@ struct OptionSet;
 
 class CliOptions {
 public:
-    enum class Command { None, Listen, Send, Location, Status, Room, Friend, History, Rdp };
+    enum class Command {
+        None, Listen, Send, Location, Status, Room, Friend, History, Rdp,
+        Flush, Log, Search, Conversations, Read
+    };
 
     /// Parses `arguments`, the program name first. False on any error.
     bool parse(const QStringList &arguments);
@@ -87,12 +92,21 @@ public:
     /// history --http-base: the HTTP service's base address; empty for the
     /// library's default (port 5201 of --host).
     QString httpBase() const { return m_httpBase; }
+    /// --store: the message store's path; empty without one.
+    QString storePath() const { return m_storePath; }
+    /// log --before, --limit; search --in.
+    QString before() const { return m_before; }
+    int limit() const { return m_limit; }
+    QString in() const { return m_in; }
+    /// log, search, conversations, read: the store only, no connection.
+    bool readsStoreOnly() const;
 
 private:
     bool fail(const QString &message);
     /// The user id, domain, server JID and the command's addressee checked
     /// as the library checks them (pushchat/jid.h); false with the reason.
     bool checkIdentifiers();
+    bool readStoreOptions(const QCommandLineParser &parser, const OptionSet &options, const QString &name);
 
     QString m_error;
     bool m_help = false;
@@ -119,6 +133,10 @@ private:
     QString m_image;
     bool m_saveImages = false;
     QString m_httpBase;
+    QString m_storePath;
+    QString m_before;
+    QString m_in;
+    int m_limit = 50;
 };
 
 #endif // PUSHCHAT_CLI_CLIOPTIONS_H

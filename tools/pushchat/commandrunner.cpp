@@ -5,6 +5,7 @@
 #include "clisession.h"
 #include "imagebody.h"
 #include "jsonlinewriter.h"
+#include "storecommands.h"
 
 #include <pushchat/message_lib.h>
 #include "terminationsignals.h"
@@ -13,6 +14,8 @@
 #include <QDateTime>
 #include <QSocketNotifier>
 #include <QUuid>
+
+#include <thread>
 
 namespace {
 
@@ -71,6 +74,13 @@ ExitCode CommandRunner::run()
         return history();
     case CliOptions::Command::Rdp:
         return sendRequest(m_options.rdpRequest());
+    case CliOptions::Command::Flush:
+        return flush();
+    case CliOptions::Command::Log:
+    case CliOptions::Command::Search:
+    case CliOptions::Command::Conversations:
+    case CliOptions::Command::Read:
+        return readStore();
     case CliOptions::Command::None:
         break;
     }
@@ -84,6 +94,8 @@ ExitCode CommandRunner::connect(CliSession &session)
         fail(QStringLiteral("cannot create an event descriptor."));
         return ExitCode::Failure;
     }
+    if (!openStore(session.library()))
+        return ExitCode::Failure;
     switch (session.login()) {
     case CliSession::Outcome::Connected:
         return ExitCode::Ok;
@@ -103,6 +115,49 @@ ExitCode CommandRunner::connect(CliSession &session)
              .arg(static_cast<double>(m_options.connectTimeout().count()) / 1000.0)
              .arg(reason.isEmpty() ? QString() : QStringLiteral(" (last error: %1)").arg(reason)));
     return ExitCode::NotConnected;
+}
+
+bool CommandRunner::openStore(Message_lib &library) const
+{
+    if (m_options.storePath().isEmpty() || library.openMessageStore(m_options.storePath()) == 1)
+        return true;
+    fail(library.lastStoreError() + QLatin1Char('.'));
+    return false;
+}
+
+ExitCode CommandRunner::readStore()
+{
+    JsonLineWriter writer(m_out);
+    CliSession session(m_options, m_termination, nullptr);
+    if (!openStore(session.library()))
+        return ExitCode::Failure;
+    return StoreCommands::run(m_options, session.library(), writer);
+}
+
+// Until the broker acknowledged every stored message, within the timeout.
+ExitCode CommandRunner::awaitStored(Message_lib &library) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + m_options.connectTimeout();
+    while (library.storedPendingCount() > 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const int left = library.storedPendingCount();
+    if (left == 0)
+        return ExitCode::Ok;
+    fail(QStringLiteral("queued: %1 message(s) not acknowledged yet; they will be sent at the next login with this "
+                        "store.")
+             .arg(left));
+    return ExitCode::Queued;
+}
+
+ExitCode CommandRunner::flush()
+{
+    CliSession session(m_options, m_termination, nullptr);
+    const ExitCode connected = connect(session);
+    if (connected != ExitCode::Ok)
+        return connected;
+    const ExitCode done = awaitStored(session.library());
+    session.logout();
+    return done;
 }
 
 ExitCode CommandRunner::listen()
@@ -125,19 +180,28 @@ ExitCode CommandRunner::listen()
     return ExitCode::Ok;
 }
 
-ExitCode CommandRunner::sendOnce(const char *what, const std::function<int(Message_lib &)> &call)
+ExitCode CommandRunner::sendOnce(const char *what, const std::function<int(Message_lib &)> &call, bool stored)
 {
     CliSession session(m_options, m_termination, nullptr);
     const ExitCode connected = connect(session);
-    if (connected != ExitCode::Ok)
+    // With the store a message is kept for the next login, connected or not.
+    if (connected != ExitCode::Ok && !(stored && connected == ExitCode::NotConnected))
         return connected;
     const int result = call(session.library());
-    session.logout();
     if (result != 1) {
-        fail(QStringLiteral("the %1 was not published.").arg(QLatin1String(what)));
+        session.logout();
+        fail(stored ? QStringLiteral("the %1 was not stored: %2.").arg(QLatin1String(what), session.library().lastStoreError())
+                    : QStringLiteral("the %1 was not published.").arg(QLatin1String(what)));
         return ExitCode::NotPublished;
     }
-    return ExitCode::Ok;
+    if (connected != ExitCode::Ok) {
+        session.logout();
+        fail(QStringLiteral("queued: it will be sent at the next login with this store."));
+        return ExitCode::Queued;
+    }
+    const ExitCode done = stored ? awaitStored(session.library()) : ExitCode::Ok;
+    session.logout();
+    return done;
 }
 
 ExitCode CommandRunner::send()
@@ -158,10 +222,13 @@ ExitCode CommandRunner::send()
     const MESSAGE_BODY_TYPE bodyType = m_options.notice() ? BODY_TYPE_NOTICE : BODY_TYPE_DEFAULT;
     const QString messageKey = QUuid::createUuid().toString(QUuid::WithoutBraces);
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
-    return sendOnce(m_options.notice() ? "notice" : "message", [&](Message_lib &library) {
-        return library.sendTextMessageTo(QString(), to, m_options.level(), text, bodyType, m_options.room(),
-                                         messageKey, stamp);
-    });
+    return sendOnce(
+        m_options.notice() ? "notice" : "message",
+        [&](Message_lib &library) {
+            return library.sendTextMessageTo(QString(), to, m_options.level(), text, bodyType, m_options.room(),
+                                             messageKey, stamp);
+        },
+        !m_options.storePath().isEmpty());
 }
 
 ExitCode CommandRunner::location()

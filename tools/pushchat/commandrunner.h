@@ -13,7 +13,9 @@
 // one that arrives within the timeout, over HTTP the one the blocking call
 // delivers within the timeout (its deadline), which must not be empty: the
 // library's reason is printed when there is none. A termination signal
-// ends either wait at once.
+// ends either wait at once. With --store, send also queues its message
+// when no connection is made (exit 5), flush sends what is queued, and
+// log, search, conversations and read work on the store alone.
 
 #include "exitcode.h"
 
@@ -44,7 +46,14 @@ private:
     template <typename Request>
     ExitCode sendRequest(const Request &request);
     /// Logs in, runs `call` once connected (1 means published) and logs out.
-    ExitCode sendOnce(const char *what, const std::function<int(Message_lib &)> &call);
+    /// With `stored` (send --store) `call` also runs without a connection,
+    /// and the run waits for the broker's acknowledgement of the store.
+    ExitCode sendOnce(const char *what, const std::function<int(Message_lib &)> &call, bool stored = false);
+    ExitCode flush();
+    ExitCode readStore();
+    /// Opens --store, if given; false (reported) when it cannot.
+    bool openStore(Message_lib &library) const;
+    ExitCode awaitStored(Message_lib &library) const;
     /// Logs in and waits; anything but Ok has been reported.
     ExitCode connect(CliSession &session);
     void fail(const QString &message) const;

@@ -1,0 +1,137 @@
+#ifndef PUSHCHAT_MESSAGESTORE_H
+#define PUSHCHAT_MESSAGESTORE_H
+
+// MessageStore: the user's messages in one SQLite file (internal header).
+//
+// What it keeps is described in storedmessage.h; it knows nothing of the
+// protocol. Writes run on the store's own thread, which commits what has
+// queued up in one transaction (at most kBatch writes) as soon as the
+// previous commit is done: one writer alone waits for its own commit only,
+// many share theirs. recordSent waits until its message is committed;
+// the other writes return at once and are committed in the order made.
+// Reads run on any thread, on a second connection (WAL: they see the last
+// commit and never wait for the writer).
+//
+// Durability: with `syncEachCommit` (the default) each commit reaches the
+// disk before it is reported, so what recordSent accepted survives a power
+// cut; without it a commit survives the process's death (SIGKILL included)
+// but the last ones before a power cut may be lost, for about a tenth of
+// the cost per commit.
+//
+// Failures (a full disk, a damaged file) are reported by error() and make
+// the writes concerned fail; the file is never deleted or truncated.
+
+#include "sqlitedatabase.h"
+#include "storedmessage.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+
+class MessageStore {
+public:
+    /// Most writes in one transaction.
+    static constexpr int kBatch = 512;
+    /// Most rows one retention pass deletes in one transaction.
+    static constexpr int kRetentionBatch = 1000;
+
+    explicit MessageStore(bool syncEachCommit = true);
+    /// Commits what is queued, stops the thread, closes the file.
+    ~MessageStore();
+    MessageStore(const MessageStore &) = delete;
+    MessageStore &operator=(const MessageStore &) = delete;
+
+    /// Opens or creates the store at `path` (see sqlitedatabase.h for the
+    /// lock and the file's mode) and brings it to the current version.
+    /// False, with error() set, when it cannot; then nothing else works.
+    bool open(const QString &path);
+    /// The last failure, for people; "" when there was none.
+    QString error() const;
+
+    // --- writes ---------------------------------------------------------
+    /// Records a message this user sends, as Pending, and waits until it is
+    /// committed. Its id; 0 when it could not be written (error() says
+    /// why); -1 when its key is already stored for the same conversation
+    /// and sender.
+    qint64 recordSent(StoredMessage message);
+    /// Records a message that arrived (live or in a history answer, with
+    /// its direction and state as given) unless its key is already stored
+    /// or queued for the same conversation and sender: false then, and
+    /// nothing is written. A message without a key is always recorded.
+    bool recordReceived(const StoredMessage &message);
+    /// A sent message the broker acknowledged: Pending becomes Sent.
+    void markSent(qint64 id);
+    /// The peer read the message with this key, sent by this user.
+    void markReadByPeer(const QString &key);
+    /// Marks the conversation's received messages read and waits for the
+    /// commit; their keys (for telling the peer).
+    QStringList markConversationRead(const QString &conversation);
+    /// Keeps at most `maxAgeMs` of messages (0: any age) and at most
+    /// `maxPerConversation` per conversation (0: any number); pending ones
+    /// are kept whatever their age. Applied on the store's thread, a batch
+    /// at a time between other writes, now and every ten minutes.
+    void setRetention(qint64 maxAgeMs, int maxPerConversation);
+    /// Waits until everything written before it is committed; false when
+    /// some of it could not be.
+    bool flush();
+
+    // --- reads, any thread --------------------------------------------------
+    /// The Pending messages, oldest first.
+    QList<StoredMessage> pending() const;
+    int pendingCount() const;
+    /// Every conversation, the most recent first.
+    QList<StoredConversation> conversations() const;
+    /// At most `limit` messages of the conversation, oldest first: the newest
+    /// ones, or with `beforeKey` those before the message with that key.
+    QList<StoredMessage> messages(const QString &conversation, const QString &beforeKey, int limit) const;
+    /// At most `limit` messages whose bodies hold every word of `text`
+    /// (see searchtext.h), in one conversation or (empty) all, newest first.
+    QList<StoredMessage> search(const QString &text, const QString &conversation, int limit) const;
+    /// The key of the newest received message with a key ("" when none).
+    QString newestReceivedKey() const;
+    /// The store's size on disk (the file, its write-ahead log and index).
+    qint64 fileBytes() const;
+
+private:
+    struct Job;
+    using Work = std::function<bool(Job &)>;
+    std::shared_ptr<Job> queue(Work work);
+    bool waitFor(const std::shared_ptr<Job> &job);
+    void run();
+    bool commitBatch(std::deque<std::shared_ptr<Job>> &batch);
+    bool retentionPass();
+    void fail(const QString &what) const;
+    bool insert(const StoredMessage &message, qint64 *id);
+    bool forget(qint64 id);
+    bool recount(const QString &conversation);
+    QList<StoredMessage> select(const char *sql, const std::function<void(SqliteStatement &)> &bind) const;
+
+    const bool syncEachCommit_;
+    QString path_;
+    SqliteDatabase writer_; // the store's thread only, with its statements
+    SqliteStatement insertMessage_, insertWords_, upsertConversation_;
+    mutable SqliteDatabase reader_;
+    mutable std::mutex readerMutex_;
+
+    mutable std::mutex mutex_; // guards what follows
+    std::condition_variable wake_;
+    std::condition_variable done_;
+    std::deque<std::shared_ptr<Job>> jobs_;
+    std::set<QString> queuedKeys_; // received messages queued, not yet committed
+    mutable QString error_;
+    qint64 maxAgeMs_ = 0;
+    int maxPerConversation_ = 0;
+    std::int64_t retentionDueMs_ = -1; // steady ms; -1: none set
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+#endif // PUSHCHAT_MESSAGESTORE_H

@@ -1,0 +1,56 @@
+#ifndef PUSHCHAT_SQLITESTATEMENT_H
+#define PUSHCHAT_SQLITESTATEMENT_H
+
+// One prepared SQLite statement (internal header). Owns its sqlite3_stmt;
+// used on one thread at a time, with its connection's lock held by the
+// caller where the connection is shared. Texts go in and out as UTF-8;
+// binding indexes count from 1, column indexes from 0.
+
+#include <QString>
+
+#include <cstdint>
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+class SqliteStatement {
+public:
+    SqliteStatement() = default;
+    SqliteStatement(sqlite3 *db, std::string_view sql);
+    ~SqliteStatement();
+    SqliteStatement(SqliteStatement &&other) noexcept;
+    SqliteStatement &operator=(SqliteStatement &&other) noexcept;
+    SqliteStatement(const SqliteStatement &) = delete;
+    SqliteStatement &operator=(const SqliteStatement &) = delete;
+
+    /// False when the statement did not compile (the connection's error says why).
+    bool valid() const { return stmt_ != nullptr; }
+
+    SqliteStatement &bind(int index, std::int64_t value);
+    SqliteStatement &bind(int index, int value) { return bind(index, std::int64_t(value)); }
+    SqliteStatement &bind(int index, const QString &text);
+    SqliteStatement &bind(int index, std::string_view text);
+    SqliteStatement &bindNull(int index);
+
+    /// Steps once: true while a row is there to read.
+    bool next();
+    /// Runs to the end; true when it finished without error.
+    bool run();
+    /// The result code of the last step (SQLITE_ROW, SQLITE_DONE, an error).
+    int result() const { return rc_; }
+    /// Clears bindings and rewinds, for the next use.
+    void reset();
+
+    std::int64_t integer(int column) const;
+    QString text(int column) const;
+    /// Bytes of a text or blob column, without reading it.
+    int bytes(int column) const;
+    bool isNull(int column) const;
+
+private:
+    sqlite3_stmt *stmt_ = nullptr;
+    int rc_ = 0;
+};
+
+#endif // PUSHCHAT_SQLITESTATEMENT_H

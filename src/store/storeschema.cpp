@@ -1,0 +1,85 @@
+#include "storeschema.h"
+
+#include "searchtext.h"
+#include "sqlitedatabase.h"
+
+#include <sqlite3.h>
+
+namespace {
+
+const char *const kSteps[] = {
+    // 1: messages and conversations.
+    "CREATE TABLE messages("
+    " id INTEGER PRIMARY KEY, conv TEXT NOT NULL, msg_key TEXT NOT NULL, sender TEXT NOT NULL,"
+    " at INTEGER NOT NULL, stamp TEXT NOT NULL, body TEXT NOT NULL, body_type INTEGER NOT NULL,"
+    " msg_type INTEGER NOT NULL, sec_level INTEGER NOT NULL, outgoing INTEGER NOT NULL,"
+    " state INTEGER NOT NULL);"
+    "CREATE INDEX messages_by_conv ON messages(conv, id);"
+    "CREATE UNIQUE INDEX messages_by_key ON messages(conv, sender, msg_key) WHERE msg_key <> '';"
+    "CREATE INDEX messages_pending ON messages(id) WHERE state = 0;"
+    "CREATE INDEX messages_sent_by_key ON messages(msg_key) WHERE outgoing = 1;"
+    "CREATE TABLE conversations("
+    " conv TEXT PRIMARY KEY, last_id INTEGER NOT NULL, unread INTEGER NOT NULL) WITHOUT ROWID;",
+    // 2: the full-text index, of the bodies already there too.
+    "CREATE VIRTUAL TABLE search USING fts5(words, content='', tokenize='unicode61 remove_diacritics 2');"
+    "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages;",
+};
+
+void searchWords(sqlite3_context *context, int, sqlite3_value **values)
+{
+    const auto *utf8 = reinterpret_cast<const char *>(sqlite3_value_text(values[0]));
+    const QByteArray words =
+        SearchText::words(QString::fromUtf8(utf8, sqlite3_value_bytes(values[0]))).toUtf8();
+    sqlite3_result_text(context, words.constData(), words.size(), SQLITE_TRANSIENT);
+}
+
+int integerOf(SqliteDatabase &db, const char *sql)
+{
+    SqliteStatement statement = db.prepare(sql);
+    return statement.next() ? int(statement.integer(0)) : -1;
+}
+
+} // namespace
+
+const char *StoreSchema::step(int to)
+{
+    return to >= 1 && to <= kVersion ? kSteps[to - 1] : nullptr;
+}
+
+bool StoreSchema::registerFunctions(SqliteDatabase &db)
+{
+    return sqlite3_create_function(db.handle(), "search_words", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr,
+                                   searchWords, nullptr, nullptr) == SQLITE_OK;
+}
+
+bool StoreSchema::prepare(SqliteDatabase &db, const QString &path, QString *error)
+{
+    const int version = integerOf(db, "PRAGMA user_version");
+    if (version < 0) { // the first read of the file failed
+        *error = QStringLiteral("%1 is not a message store: %2").arg(path, db.error());
+        return false;
+    }
+    if (version > kVersion) {
+        *error = QStringLiteral("%1 was made by a newer pushchat (store version %2, this one reads up to %3)")
+                     .arg(path).arg(version).arg(kVersion);
+        return false;
+    }
+    if (version == 0 && integerOf(db, "SELECT count(*) FROM sqlite_master") > 0) {
+        *error = QStringLiteral("%1 is not a message store: it is a database with other tables").arg(path);
+        return false;
+    }
+    if (!db.exec("PRAGMA journal_mode=WAL") || !registerFunctions(db)) {
+        *error = QStringLiteral("cannot use %1: %2").arg(path, db.error());
+        return false;
+    }
+    for (int to = version + 1; to <= kVersion; ++to) {
+        const std::string steps = std::string("BEGIN IMMEDIATE;") + step(to) + "PRAGMA user_version=" +
+                                  std::to_string(to) + ";COMMIT;";
+        if (!db.exec(steps)) {
+            *error = QStringLiteral("cannot bring %1 to store version %2: %3").arg(path).arg(to).arg(db.error());
+            db.exec("ROLLBACK");
+            return false;
+        }
+    }
+    return true;
+}

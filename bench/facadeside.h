@@ -17,14 +17,15 @@ public:
     void onMessageReceive(QString, QString, QString, int, int, QString, QString, bool) override { ++messages; }
 };
 
-/// `from` sends `count` messages to bob, the i-th with body(i), at most
-/// `window` ahead of `arrived`; true once `arrived` reaches `count`.
+/// `from` sends `count` messages to bob, the i-th with body(i) and key(i)
+/// ("k" without `key`), at most `window` ahead of `arrived`; true once
+/// `arrived` reaches `count`.
 inline bool sendWindowed(Message_lib &from, const std::atomic<int> &arrived, int count, int window,
-                         const std::function<QString(int)> &body)
+                         const std::function<QString(int)> &body, const std::function<QString(int)> &key = {})
 {
     for (int i = 0; i < count; ++i) {
         benchmqtt::until([&] { return i - arrived < window; });
-        from.sendTextMessageTo("", "bob", 5, body(i), BODY_TYPE_DEFAULT, false, "k", "st");
+        from.sendTextMessageTo("", "bob", 5, body(i), BODY_TYPE_DEFAULT, false, key ? key(i) : QString("k"), "st");
     }
     return benchmqtt::until([&] { return arrived >= count; });
 }

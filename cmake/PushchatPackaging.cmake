@@ -59,10 +59,7 @@ pkg-config file of pushchat.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME pushchat-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
-# The development server loads Qt's SQLite driver as a plugin: no library
-# dependency shows it.
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
-  "libpushchat${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libqt5sql5-sqlite")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libpushchat${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Instant messaging from a terminal over an MQTT broker
 The pushchat command-line client: log in, send and receive messages,
 manage rooms and friends and fetch history from a shell. And

@@ -19,12 +19,13 @@
 ///
 /// Binary layout: the operations occupy fixed virtual slots (the destructor
 /// takes slots 0 and 1), which applications built against this interface
-/// rely on. Every operation has an empty default, so an application
-/// overrides only what it needs.
+/// rely on; new operations are added at the end. Every operation has an
+/// empty default, so an application overrides only what it needs.
 
 #include <pushchat/pushchat_export.h>
 #include <pushchat/mediainfo.h>
 #include <pushchat/room.h>
+#include <pushchat/storedmessage.h>
 
 #include <QString>
 #include <QStringList>
@@ -130,6 +131,14 @@ public:
     {
         Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body)
     }
+    /// With the message store (Message_lib::openMessageStore): a message
+    /// was recorded, or its state changed (sent, read), as it now stands in
+    /// the store. Called on the store's thread, after the write.
+    virtual void onStoredMessageChanged(const StoredMessage &message) { Q_UNUSED(message) }
+    /// With the message store: a write or read failed (a full disk, a
+    /// damaged file); the text names the file and the reason. Called on
+    /// the store's thread or the failing caller's.
+    virtual void onStoreError(QString text) { Q_UNUSED(text) }
 };
 
 /// Group rooms. Called from the library's room worker threads.

@@ -30,6 +30,11 @@ bool MessagePrivate::openMessageStore(const QString &path, bool syncEachCommit)
         return false;
     }
     auto opened = std::make_unique<MessageStore>(syncEachCommit);
+    if (imReciever != nullptr) {
+        ImEventReciever *receiver = imReciever;
+        opened->onChanged = [receiver](const StoredMessage &m) { receiver->onStoredMessageChanged(m); };
+        opened->onFailed = [receiver](const QString &text) { receiver->onStoreError(text); };
+    }
     if (!opened->open(path)) {
         setStoreError(opened->error());
         return false;

@@ -56,6 +56,8 @@ struct MessageStore::Job {
     Work work;
     QString dedupKey; // a received message's, while queued
     qint64 id = 0;
+    std::vector<StoredMessage> recorded; // told after the commit
+    std::vector<qint64> touched;         // changed: read back and told after the commit
     QStringList keys;
     bool done = false;
     bool ok = false;
@@ -91,11 +93,17 @@ bool MessageStore::open(const QString &path)
     insertMessage_ = writer_.prepare(
         "INSERT OR IGNORE INTO messages(conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
         " outgoing, state) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
-    insertWords_ = writer_.prepare("INSERT INTO search(rowid, words) VALUES(?1, search_words(?2))");
+    indexWords_ = writer_.prepare(
+        "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages WHERE id > ?1 AND id <= ?2");
+    SqliteStatement indexed = writer_.prepare("SELECT rowid FROM search ORDER BY rowid DESC LIMIT 1");
+    indexedUpTo_ = indexed.next() ? qint64(indexed.integer(0)) : 0;
+    indexDue_ = true; // what a run that ended early wrote and did not index
+    markSent_ = writer_.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
     upsertConversation_ = writer_.prepare(
-        "INSERT INTO conversations(conv, last_id, unread) VALUES(?1, ?2, ?3) ON CONFLICT(conv) DO UPDATE"
-        " SET last_id = max(last_id, excluded.last_id), unread = unread + excluded.unread");
-    if (!insertMessage_.valid() || !insertWords_.valid() || !upsertConversation_.valid() ||
+        "INSERT INTO conversations(conv, last_id, last_at, unread) VALUES(?1, ?2, ?4, ?3) ON CONFLICT(conv) DO UPDATE"
+        " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
+        " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
+    if (!insertMessage_.valid() || !indexWords_.valid() || !upsertConversation_.valid() || !markSent_.valid() ||
         !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1")) {
         fail(QStringLiteral("cannot use %1: %2").arg(path, reader_.isOpen() ? writer_.error() : reader_.error()));
         writer_.close();
@@ -114,8 +122,12 @@ QString MessageStore::error() const
 void MessageStore::fail(const QString &what) const
 {
     qCWarning(lcStore).noquote() << "message store:" << what;
-    std::lock_guard<std::mutex> lock(mutex_);
-    error_ = what;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        error_ = what;
+    }
+    if (onFailed)
+        onFailed(what);
 }
 
 // --- the store's thread -------------------------------------------------------
@@ -143,15 +155,27 @@ bool MessageStore::waitFor(const std::shared_ptr<Job> &job)
     return job->ok;
 }
 
+// Writes are taken from the queue only with writerMutex_ held, so that
+// they are committed in the order they were queued, recordSent's included.
+std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_t most)
+{
+    std::deque<std::shared_ptr<Job>> batch;
+    std::lock_guard<std::mutex> lock(mutex_);
+    while (!jobs_.empty() && batch.size() < most) {
+        batch.push_back(std::move(jobs_.front()));
+        jobs_.pop_front();
+    }
+    return batch;
+}
+
 void MessageStore::run()
 {
     for (;;) {
-        std::deque<std::shared_ptr<Job>> batch;
         bool retention = false;
         {
             std::unique_lock<std::mutex> lock(mutex_);
             const auto due = [&] { return retentionDueMs_ >= 0 && steadyMs() >= retentionDueMs_; };
-            while (!stopping_ && jobs_.empty() && !due()) {
+            while (!stopping_ && jobs_.empty() && !indexDue_ && !due()) {
                 if (retentionDueMs_ < 0)
                     wake_.wait(lock);
                 else
@@ -159,31 +183,42 @@ void MessageStore::run()
             }
             if (jobs_.empty() && stopping_)
                 return;
-            while (!jobs_.empty() && int(batch.size()) < kBatch) {
-                batch.push_back(std::move(jobs_.front()));
-                jobs_.pop_front();
-            }
-            retention = batch.empty();
+            retention = jobs_.empty() && !indexDue_;
+            indexDue_ = false;
         }
         if (!retention) {
-            commitBatch(batch);
+            std::vector<StoredMessage> changed;
+            {
+                std::lock_guard<std::mutex> lock(writerMutex_);
+                std::deque<std::shared_ptr<Job>> batch = takeJobs(kBatch);
+                commitBatch(batch, &changed, true);
+            }
+            tell(changed);
             continue;
         }
-        const bool more = retentionPass();
+        bool more = false;
+        {
+            std::lock_guard<std::mutex> lock(writerMutex_);
+            more = retentionPass();
+        }
         std::lock_guard<std::mutex> lock(mutex_);
         if (retentionDueMs_ >= 0)
             retentionDueMs_ = steadyMs() + (more ? 0 : kRetentionEveryMs);
     }
 }
 
-bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch)
+bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed,
+                               bool index)
 {
     bool ok = writer_.exec("BEGIN IMMEDIATE");
     for (const auto &job : batch) {
         job->ok = ok && job->work(*job);
         ok = ok && job->ok;
     }
-    ok = ok && writer_.exec("COMMIT");
+    qint64 indexed = indexedUpTo_;
+    ok = ok && (!index || indexNew(&indexed)) && writer_.exec("COMMIT");
+    if (ok)
+        indexedUpTo_ = indexed;
     if (!ok) {
         fail(QStringLiteral("cannot write to %1: %2").arg(path_, writer_.error()));
         writer_.exec("ROLLBACK");
@@ -198,7 +233,34 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch)
         }
     }
     done_.notify_all();
+    if (!ok || !onChanged)
+        return ok;
+    SqliteStatement row = writer_.prepare(QByteArray("SELECT $COLUMNS FROM messages m WHERE m.id = ?1")
+                                              .replace("$COLUMNS", kColumns)
+                                              .toStdString());
+    for (const auto &job : batch) {
+        changed->insert(changed->end(), job->recorded.begin(), job->recorded.end());
+        for (const qint64 id : job->touched) {
+            row.reset();
+            if (row.bind(1, std::int64_t(id)).next())
+                changed->push_back(messageAt(row));
+        }
+    }
     return ok;
+}
+
+void MessageStore::tell(const std::vector<StoredMessage> &changed) const
+{
+    for (const StoredMessage &m : changed)
+        onChanged(m);
+}
+
+void MessageStore::collect(const char *sql, const QString &value, std::vector<qint64> *ids)
+{
+    SqliteStatement rows = writer_.prepare(sql);
+    rows.bind(1, value);
+    while (rows.next())
+        ids->push_back(rows.integer(0));
 }
 
 bool MessageStore::insert(const StoredMessage &m, qint64 *id)
@@ -214,20 +276,35 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
     if (writer_.changes() == 0)
         return true; // already stored
     *id = sqlite3_int64(sqlite3_last_insert_rowid(writer_.handle()));
-    insertWords_.reset();
     upsertConversation_.reset();
-    return insertWords_.bind(1, std::int64_t(*id)).bind(2, m.body).run() &&
-           upsertConversation_.bind(1, m.conversation).bind(2, std::int64_t(*id))
-               .bind(3, m.state == StoredState::Received ? 1 : 0)
-               .run();
+    return upsertConversation_.bind(1, m.conversation).bind(2, std::int64_t(*id))
+        .bind(3, m.state == StoredState::Received ? 1 : 0)
+        .bind(4, std::int64_t(m.time))
+        .run();
+}
+
+// Messages are indexed for search after they are written, by the store's
+// thread, many per transaction: a full-text index writes a segment of its
+// own per transaction, which would cost every send more than its message.
+bool MessageStore::indexNew(qint64 *indexed)
+{
+    SqliteStatement newest = writer_.prepare("SELECT max(id) FROM messages");
+    const qint64 top = newest.next() ? qint64(newest.integer(0)) : 0;
+    if (top <= *indexed)
+        return true;
+    indexWords_.reset();
+    if (!indexWords_.bind(1, std::int64_t(*indexed)).bind(2, std::int64_t(top)).run())
+        return false;
+    *indexed = top;
+    return true;
 }
 
 bool MessageStore::forget(qint64 id)
 {
-    return writer_.prepare("INSERT INTO search(search, rowid, words)"
-                           " SELECT 'delete', id, search_words(body) FROM messages WHERE id = ?1")
-               .bind(1, std::int64_t(id))
-               .run() &&
+    return (id > indexedUpTo_ || writer_.prepare("INSERT INTO search(search, rowid, words)"
+                                                 " SELECT 'delete', id, search_words(body) FROM messages WHERE id = ?1")
+                                     .bind(1, std::int64_t(id))
+                                     .run()) &&
            writer_.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
 }
 
@@ -237,7 +314,8 @@ bool MessageStore::recount(const QString &conversation)
                            " AND NOT EXISTS (SELECT 1 FROM messages WHERE conv = ?1)")
                .bind(1, conversation)
                .run() &&
-           writer_.prepare("UPDATE conversations SET last_id = (SELECT max(id) FROM messages WHERE conv = ?1),"
+           writer_.prepare("UPDATE conversations SET (last_id, last_at) = (SELECT id, at FROM messages WHERE conv = ?1"
+                           " ORDER BY at DESC, id DESC LIMIT 1),"
                            " unread = (SELECT count(*) FROM messages WHERE conv = ?1 AND state = 2)"
                            " WHERE conv = ?1")
                .bind(1, conversation)
@@ -265,7 +343,7 @@ bool MessageStore::retentionPass()
     if (maxPerConversation > 0) {
         SqliteStatement conversations = writer_.prepare("SELECT conv FROM conversations");
         SqliteStatement surplus = writer_.prepare(
-            "SELECT id FROM messages WHERE conv = ?1 AND state <> 0 ORDER BY id DESC LIMIT ?2 OFFSET ?3");
+            "SELECT id FROM messages WHERE conv = ?1 AND state <> 0 ORDER BY at DESC, id DESC LIMIT ?2 OFFSET ?3");
         while (conversations.next() && int(doomed.size()) < kRetentionBatch) {
             const QString conversation = conversations.text(0);
             surplus.reset();
@@ -299,8 +377,33 @@ qint64 MessageStore::recordSent(StoredMessage message)
 {
     message.outgoing = true;
     message.state = StoredState::Pending;
-    auto job = queue([this, message](Job &job) { return insert(message, &job.id); });
-    return !waitFor(job) ? 0 : job->id == 0 ? -1 : job->id;
+    auto job = std::make_shared<Job>();
+    job->work = [this, message](Job &job) {
+        const bool ok = insert(message, &job.id);
+        if (job.id > 0) {
+            job.recorded.push_back(message);
+            job.recorded.back().id = job.id;
+        }
+        return ok;
+    };
+    // Written on the caller's thread: a sender waits for its own commit,
+    // not for the store's thread to be scheduled.
+    std::vector<StoredMessage> changed;
+    {
+        std::lock_guard<std::mutex> lock(writerMutex_);
+        if (!writer_.isOpen())
+            return 0;
+        std::deque<std::shared_ptr<Job>> batch = takeJobs(SIZE_MAX); // what was queued before it goes first
+        batch.push_back(job);
+        commitBatch(batch, &changed, false);
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        indexDue_ = true;
+    }
+    wake_.notify_one();
+    tell(changed);
+    return !job->ok ? 0 : job->id == 0 ? -1 : job->id;
 }
 
 bool MessageStore::recordReceived(const StoredMessage &message)
@@ -320,7 +423,14 @@ bool MessageStore::recordReceived(const StoredMessage &message)
     }
     auto job = std::make_shared<Job>();
     job->dedupKey = key;
-    job->work = [this, message](Job &job) { return insert(message, &job.id); };
+    job->work = [this, message](Job &job) {
+        const bool ok = insert(message, &job.id);
+        if (job.id > 0) {
+            job.recorded.push_back(message);
+            job.recorded.back().id = job.id;
+        }
+        return ok;
+    };
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!key.isEmpty() && !queuedKeys_.insert(key).second)
@@ -335,17 +445,20 @@ bool MessageStore::recordReceived(const StoredMessage &message)
 
 void MessageStore::markSent(qint64 id)
 {
-    queue([this, id](Job &) {
-        return writer_.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0")
-            .bind(1, std::int64_t(id))
-            .run();
+    queue([this, id](Job &job) {
+        markSent_.reset();
+        const bool ok = markSent_.bind(1, std::int64_t(id)).run();
+        if (writer_.changes() > 0)
+            job.touched.push_back(id);
+        return ok;
     });
 }
 
 void MessageStore::markReadByPeer(const QString &key)
 {
-    queue([this, key](Job &) {
-        return writer_.prepare("UPDATE messages SET state = 3 WHERE msg_key = ?1 AND outgoing = 1 AND state <> 0")
+    queue([this, key](Job &job) {
+        collect("SELECT id FROM messages WHERE msg_key = ?1 AND outgoing = 1 AND state = 1", key, &job.touched);
+        return writer_.prepare("UPDATE messages SET state = 3 WHERE msg_key = ?1 AND outgoing = 1 AND state = 1")
             .bind(1, key)
             .run();
     });
@@ -354,11 +467,13 @@ void MessageStore::markReadByPeer(const QString &key)
 QStringList MessageStore::markConversationRead(const QString &conversation)
 {
     auto job = queue([this, conversation](Job &job) {
-        SqliteStatement unread =
-            writer_.prepare("SELECT msg_key FROM messages WHERE conv = ?1 AND state = 2 AND msg_key <> ''");
+        SqliteStatement unread = writer_.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
         unread.bind(1, conversation);
-        while (unread.next())
-            job.keys << unread.text(0);
+        while (unread.next()) {
+            job.touched.push_back(unread.integer(0));
+            if (unread.bytes(1) > 0)
+                job.keys << unread.text(1);
+        }
         return writer_.prepare("UPDATE messages SET state = 3 WHERE conv = ?1 AND state = 2")
                    .bind(1, conversation)
                    .run() &&
@@ -418,7 +533,7 @@ QList<StoredConversation> MessageStore::conversations() const
     std::lock_guard<std::mutex> lock(readerMutex_);
     SqliteStatement rows = reader_.prepare(
         QByteArray("SELECT c.unread, $COLUMNS FROM conversations c JOIN messages m ON m.id = c.last_id"
-                   " ORDER BY c.last_id DESC")
+                   " ORDER BY c.last_at DESC, c.last_id DESC")
             .replace("$COLUMNS", kColumns)
             .toStdString());
     while (rows.next()) {
@@ -433,9 +548,9 @@ QList<StoredConversation> MessageStore::conversations() const
 
 QList<StoredMessage> MessageStore::messages(const QString &conversation, const QString &beforeKey, int limit) const
 {
-    return select("SELECT * FROM (SELECT $COLUMNS FROM messages m WHERE m.conv = ?1 AND m.id < CASE WHEN ?2 = ''"
-                  " THEN 9223372036854775807 ELSE (SELECT min(id) FROM messages WHERE conv = ?1 AND msg_key = ?2)"
-                  " END ORDER BY m.id DESC LIMIT ?3) ORDER BY id",
+    return select("SELECT * FROM (SELECT $COLUMNS FROM messages m WHERE m.conv = ?1 AND (?2 = '' OR (m.at, m.id) <"
+                  " (SELECT at, id FROM messages WHERE conv = ?1 AND msg_key = ?2 ORDER BY id LIMIT 1))"
+                  " ORDER BY m.at DESC, m.id DESC LIMIT ?3) ORDER BY at, id",
                   [&](SqliteStatement &s) { s.bind(1, conversation).bind(2, beforeKey).bind(3, limit); });
 }
 

@@ -35,6 +35,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 class MessageStore {
 public:
@@ -48,6 +49,12 @@ public:
     ~MessageStore();
     MessageStore(const MessageStore &) = delete;
     MessageStore &operator=(const MessageStore &) = delete;
+
+    /// Told of every message recorded or changed (its new state), after
+    /// the commit, and of every failure, on the store's thread (or the
+    /// failing caller's). Set them before open().
+    std::function<void(const StoredMessage &)> onChanged;
+    std::function<void(const QString &)> onFailed;
 
     /// Opens or creates the store at `path` (see sqlitedatabase.h for the
     /// lock and the file's mode) and brings it to the current version.
@@ -87,13 +94,15 @@ public:
     /// The Pending messages, oldest first.
     QList<StoredMessage> pending() const;
     int pendingCount() const;
-    /// Every conversation, the most recent first.
+    /// Every conversation, the one with the newest message first.
     QList<StoredConversation> conversations() const;
-    /// At most `limit` messages of the conversation, oldest first: the newest
-    /// ones, or with `beforeKey` those before the message with that key.
+    /// At most `limit` messages of the conversation in the order of their
+    /// times (then of recording), oldest first: the newest ones, or with
+    /// `beforeKey` those before the message with that key.
     QList<StoredMessage> messages(const QString &conversation, const QString &beforeKey, int limit) const;
     /// At most `limit` messages whose bodies hold every word of `text`
-    /// (see searchtext.h), in one conversation or (empty) all, newest first.
+    /// (see searchtext.h), in one conversation or (empty) all, the most
+    /// recently recorded first.
     QList<StoredMessage> search(const QString &text, const QString &conversation, int limit) const;
     /// The key of the newest received message with a key ("" when none).
     QString newestReceivedKey() const;
@@ -106,18 +115,28 @@ private:
     std::shared_ptr<Job> queue(Work work);
     bool waitFor(const std::shared_ptr<Job> &job);
     void run();
-    bool commitBatch(std::deque<std::shared_ptr<Job>> &batch);
+    std::deque<std::shared_ptr<Job>> takeJobs(std::size_t most);
+    /// With writerMutex_ held; what changed goes to `changed` (for tell).
+    /// With `index`, what is not indexed yet is indexed in the same commit.
+    bool commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed, bool index);
+    bool indexNew(qint64 *indexed);
     bool retentionPass();
     void fail(const QString &what) const;
     bool insert(const StoredMessage &message, qint64 *id);
+    /// The ids `sql` (bound to `value`) selects, added to `ids`.
+    void collect(const char *sql, const QString &value, std::vector<qint64> *ids);
+    /// Tells onChanged, with no lock held.
+    void tell(const std::vector<StoredMessage> &changed) const;
     bool forget(qint64 id);
     bool recount(const QString &conversation);
     QList<StoredMessage> select(const char *sql, const std::function<void(SqliteStatement &)> &bind) const;
 
     const bool syncEachCommit_;
     QString path_;
-    SqliteDatabase writer_; // the store's thread only, with its statements
-    SqliteStatement insertMessage_, insertWords_, upsertConversation_;
+    std::mutex writerMutex_; // guards writer_ and its statements; taken before mutex_
+    SqliteDatabase writer_;
+    SqliteStatement insertMessage_, indexWords_, upsertConversation_, markSent_;
+    qint64 indexedUpTo_ = 0; // every message up to this id is in the search index
     mutable SqliteDatabase reader_;
     mutable std::mutex readerMutex_;
 
@@ -131,6 +150,7 @@ private:
     int maxPerConversation_ = 0;
     std::int64_t retentionDueMs_ = -1; // steady ms; -1: none set
     bool stopping_ = false;
+    bool indexDue_ = false; // messages were written that are not indexed yet
     std::thread thread_;
 };
 

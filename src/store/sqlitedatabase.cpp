@@ -25,7 +25,7 @@ bool SqliteDatabase::open(const QString &path, bool lock)
             return false;
         }
         if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
-            error_ = QStringLiteral("%1 is in use by another process (locked)").arg(path);
+            error_ = QStringLiteral("%1 is in use by another process or another open store (locked)").arg(path);
             close();
             return false;
         }

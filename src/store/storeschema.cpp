@@ -14,12 +14,13 @@ const char *const kSteps[] = {
     " at INTEGER NOT NULL, stamp TEXT NOT NULL, body TEXT NOT NULL, body_type INTEGER NOT NULL,"
     " msg_type INTEGER NOT NULL, sec_level INTEGER NOT NULL, outgoing INTEGER NOT NULL,"
     " state INTEGER NOT NULL);"
-    "CREATE INDEX messages_by_conv ON messages(conv, id);"
+    "CREATE INDEX messages_by_conv ON messages(conv, at, id);"
     "CREATE UNIQUE INDEX messages_by_key ON messages(conv, sender, msg_key) WHERE msg_key <> '';"
     "CREATE INDEX messages_pending ON messages(id) WHERE state = 0;"
     "CREATE INDEX messages_sent_by_key ON messages(msg_key) WHERE outgoing = 1;"
     "CREATE TABLE conversations("
-    " conv TEXT PRIMARY KEY, last_id INTEGER NOT NULL, unread INTEGER NOT NULL) WITHOUT ROWID;",
+    " conv TEXT PRIMARY KEY, last_id INTEGER NOT NULL, last_at INTEGER NOT NULL, unread INTEGER NOT NULL)"
+    " WITHOUT ROWID;",
     // 2: the full-text index, of the bodies already there too.
     "CREATE VIRTUAL TABLE search USING fts5(words, content='', tokenize='unicode61 remove_diacritics 2');"
     "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages;",

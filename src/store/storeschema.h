@@ -3,9 +3,9 @@
 
 // The message store's tables, version by version (internal header).
 //
-// Version 1: the messages, by conversation, with their keys unique per
-// conversation and sender, and the conversation index (newest message,
-// unread count). Version 2 adds the full-text index, built from the bodies
+// Version 1: the messages, by conversation in the order of their times,
+// with their keys unique per conversation and sender, and the conversation
+// index (newest message, unread count). Version 2 adds the full-text index, built from the bodies
 // already there. A store is brought up to kVersion step by step when it is
 // opened; the version is SQLite's user_version.
 

@@ -87,7 +87,7 @@ TEST(CliOptions, CommandLines)
         // Errors, as far as the row spells them out.
         {"--user a --port 0 listen", "error: --port must be a number from 1 to 65535, not '0'."},
         {"--user a --timeout 0 listen", "error: --timeout must be a number of seconds above 0 and at most 86400"},
-        {"--user a", "error: Missing command: listen, send, location, status, room, friend, history or rdp."},
+        {"--user a", "error: Missing command: listen, send, location, status, room, friend, history, rdp, flush, log, search, conversations or read."},
         {"--user a send --image p b t", "error: 'send' takes 1 argument(s), 2 given: pushchat [options] send --image"},
         {"--user a send --image '' bob", "error: --image must name an image file."},
         {"--user a --room status u 1", "error: --notice, --room and --image apply to send only."},
@@ -109,6 +109,10 @@ TEST(CliOptions, CommandLines)
         {"--user a --domain d@e listen", "error: --domain 'd@e' holds '@'"},
         {"--user a room create + n b", "error: ROOM '+' holds an MQTT wildcard"},
         {"--user a --max-qos 0 listen", "error: --max-qos must be 1 or 2, not '0'."},
+        {"log bob", "error: 'log' needs --store PATH: the message store to use."},
+        {"--store s --before k search x", "error: --before applies to log only."},
+        {"--store s --limit 0 log bob", "error: --limit must be a whole number of 1 or more, not '0'."},
+        {"--store '' --user a flush", "error: --store must name a file."},
     };
     for (const auto &[line, expected] : rows) {
         const std::string got = parsed(QString::fromStdString(line));

@@ -8,14 +8,13 @@
 #include "enginetestkit.h"
 #include "inputlimits.h"
 #include "qttestapp.h"
+#include "sqlitedatabase.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QJsonDocument>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTemporaryDir>
 
 #include <functional>
@@ -161,12 +160,13 @@ TEST(DevServer, DropsWhatFailsItsChecksAndBoundsItsAnswers)
         for (int i = 0; i < 250; ++i)
             add(QString("p-%1").arg(i), 1);
         add("big-1", 1500000), add("big-2", 1500000);
-        // As an older version made it: no body sizes.
-        QSqlDatabase older = QSqlDatabase::addDatabase("QSQLITE", "older");
-        older.setDatabaseName(dir.filePath("dev.db"));
-        ASSERT_TRUE(older.open() && QSqlQuery(older).exec("ALTER TABLE messages DROP COLUMN body_bytes"));
     }
-    QSqlDatabase::removeDatabase("older");
+    {
+        // As an older version made it: no body sizes.
+        SqliteDatabase older;
+        ASSERT_TRUE(older.open(dir.filePath("dev.db")) && older.exec("ALTER TABLE messages DROP COLUMN body_bytes"))
+            << older.error().toStdString();
+    }
     ASSERT_NE(sharedBroker(), nullptr);
     QProcess server;
     Wire wire;

@@ -5,10 +5,12 @@
 #include "inputlimits.h"
 
 #include <QDateTime>
-#include <QSqlError>
-#include <QSqlQuery>
-#include <QUuid>
 #include <QVariant>
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <string>
 
 namespace {
 
@@ -53,26 +55,79 @@ QString readMessageColumns()
 // The other end of a message for `user`: the room, or the peer.
 const char *const kConversation = "(CASE WHEN msg_type = 4 OR sender = ? THEN receiver ELSE sender END)";
 
+// One statement of the store with its values bound in order: integers, and
+// texts (a null QString binds as '', as the columns are NOT NULL). A
+// statement that does not compile or fails a step is logged, and has no rows.
+class Query {
+public:
+    Query(SqliteDatabase &db, const QString &sql, const QVariantList &values = {}) : m_db(db), m_sql(sql)
+    {
+        const QByteArray utf8 = sql.toUtf8();
+        m_statement = db.prepare(std::string_view(utf8.constData(), std::size_t(utf8.size())));
+        if (!m_statement.valid()) {
+            warn();
+            return;
+        }
+        for (int i = 0; i < values.size(); ++i) {
+            const QVariant &value = values.at(i);
+            if (value.userType() == QMetaType::QString)
+                m_statement.bind(i + 1, value.toString());
+            else
+                m_statement.bind(i + 1, std::int64_t(value.toLongLong()));
+        }
+    }
+
+    /// Steps once: true while a row is there to read.
+    bool next()
+    {
+        if (!m_statement.valid())
+            return false;
+        if (m_statement.next())
+            return true;
+        if (m_statement.result() != SQLITE_DONE)
+            warn();
+        return false;
+    }
+    /// Runs to the end: true when it finished without error.
+    bool exec()
+    {
+        while (next()) {
+        }
+        return m_statement.valid() && m_statement.result() == SQLITE_DONE;
+    }
+
+    bool isNull(int column) const { return m_statement.isNull(column); }
+    QString text(int column) const { return m_statement.text(column); }
+    qint64 integer(int column) const { return m_statement.integer(column); }
+
+private:
+    void warn() const { qCWarning(lcDevServer) << "store:" << m_db.error() << "in" << m_sql; }
+
+    SqliteDatabase &m_db;
+    QString m_sql;
+    SqliteStatement m_statement;
+};
+
 // The message of the row; none when one of its fields is over its limit.
-std::optional<DevStore::Message> messageAt(const QSqlQuery &query, int first = 0)
+std::optional<DevStore::Message> messageAt(const Query &query, int first = 0)
 {
     for (int field : {0, 1, 2, 7, 10}) {
-        if (query.value(first + field).isNull())
+        if (query.isNull(first + field))
             return std::nullopt;
     }
     DevStore::Message m;
-    m.uuid = query.value(first).toString();
-    m.from = query.value(first + 1).toString();
-    m.to = query.value(first + 2).toString();
-    m.body = query.value(first + 3).toString();
-    m.bodyType = query.value(first + 4).toInt();
-    m.msgType = query.value(first + 5).toInt();
-    m.secLevel = query.value(first + 6).toInt();
-    m.stamp = query.value(first + 7).toString();
-    m.at = query.value(first + 8).toLongLong();
-    m.status = query.value(first + 9).toInt();
-    m.modifier = query.value(first + 10).toString();
-    m.bodyWithheld = query.value(first + 3).isNull();
+    m.uuid = query.text(first);
+    m.from = query.text(first + 1);
+    m.to = query.text(first + 2);
+    m.body = query.text(first + 3);
+    m.bodyType = int(query.integer(first + 4));
+    m.msgType = int(query.integer(first + 5));
+    m.secLevel = int(query.integer(first + 6));
+    m.stamp = query.text(first + 7);
+    m.at = query.integer(first + 8);
+    m.status = int(query.integer(first + 9));
+    m.modifier = query.text(first + 10);
+    m.bodyWithheld = query.isNull(first + 3);
     return m;
 }
 
@@ -95,32 +150,19 @@ QString scopeCondition(const DevStore::Scope &scope, QVariantList *values)
 
 } // namespace
 
-DevStore::DevStore(const QString &path) : m_path(path)
-{
-    // One connection per store: its name is unique to the object.
-    const QString name = QStringLiteral("devstore-") + QUuid::createUuid().toString(QUuid::WithoutBraces);
-    m_db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-    m_db.setDatabaseName(path.isEmpty() ? QStringLiteral(":memory:") : path);
-}
+DevStore::DevStore(const QString &path) : m_path(path) {}
 
-DevStore::~DevStore()
-{
-    const QString name = m_db.connectionName();
-    m_db.close();
-    m_db = QSqlDatabase();
-    QSqlDatabase::removeDatabase(name);
-}
+DevStore::~DevStore() = default;
 
 bool DevStore::open(QString *error)
 {
-    if (!m_db.open()) {
-        *error = m_db.lastError().text();
+    if (!m_db.open(m_path)) {
+        *error = m_db.error();
         return false;
     }
     for (const char *statement : kSchema) {
-        QSqlQuery query(m_db);
-        if (!query.exec(QLatin1String(statement))) {
-            *error = query.lastError().text();
+        if (!m_db.exec(statement)) {
+            *error = m_db.error();
             return false;
         }
     }
@@ -128,64 +170,45 @@ bool DevStore::open(QString *error)
     // once here, so that reading never has to load a body to learn it is
     // over the limit, and a body over the limit is emptied (its size kept,
     // it reads as withheld), so that it is never loaded again.
-    QSqlQuery query(m_db);
-    const bool sized =
-        query.exec(QStringLiteral("SELECT 1 FROM pragma_table_info('messages') WHERE name = 'body_bytes'")) &&
-        query.next();
-    if ((!sized && !query.exec(QStringLiteral("ALTER TABLE messages ADD COLUMN body_bytes INTEGER"))) ||
-        !query.exec(QStringLiteral("UPDATE messages SET body_bytes = length(CAST(body AS BLOB)), body = CASE "
-                                   "WHEN length(CAST(body AS BLOB)) > %1 THEN '' ELSE body END "
-                                   "WHERE body_bytes IS NULL")
-                        .arg(InputLimits::BODY_BYTES))) {
-        *error = query.lastError().text();
+    const bool sized = m_db.prepare("SELECT 1 FROM pragma_table_info('messages') WHERE name = 'body_bytes'").next();
+    const std::string measure = QStringLiteral("UPDATE messages SET body_bytes = length(CAST(body AS BLOB)), "
+                                               "body = CASE WHEN length(CAST(body AS BLOB)) > %1 THEN '' ELSE body END "
+                                               "WHERE body_bytes IS NULL")
+                                    .arg(InputLimits::BODY_BYTES)
+                                    .toStdString();
+    if ((!sized && !m_db.exec("ALTER TABLE messages ADD COLUMN body_bytes INTEGER")) || !m_db.exec(measure)) {
+        *error = m_db.error();
         return false;
     }
     return true;
 }
 
-namespace {
-
-bool run(QSqlQuery &query, const QString &sql, const QVariantList &values)
-{
-    query.prepare(sql);
-    for (const QVariant &value : values) // a null QString would bind as NULL
-        query.addBindValue(value.type() == QVariant::String && value.toString().isNull() ? QVariant(QLatin1String(""))
-                                                                                         : value);
-    if (query.exec())
-        return true;
-    qCWarning(lcDevServer) << "store:" << query.lastError().text() << "in" << sql;
-    return false;
-}
-
-} // namespace
-
 bool DevStore::addMessage(const Message &m)
 {
-    QSqlQuery query(m_db);
-    return run(query,
-               QStringLiteral("INSERT OR IGNORE INTO messages (%1, body_bytes) "
-                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
-                   .arg(QLatin1String(kMessageColumns)),
-               {m.uuid, m.from, m.to, m.body, m.bodyType, m.msgType, m.secLevel, m.stamp, m.at, m.status,
-                m.modifier, m.body.toUtf8().size()}) &&
-           query.numRowsAffected() == 1;
+    return Query(m_db,
+                 QStringLiteral("INSERT OR IGNORE INTO messages (%1, body_bytes) "
+                                "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+                     .arg(QLatin1String(kMessageColumns)),
+                 {m.uuid, m.from, m.to, m.body, m.bodyType, m.msgType, m.secLevel, m.stamp, m.at, m.status,
+                  m.modifier, m.body.toUtf8().size()})
+               .exec() &&
+           m_db.changes() == 1;
 }
 
 std::optional<DevStore::Message> DevStore::message(const QString &uuid)
 {
-    QSqlQuery query(m_db);
-    if (!run(query, QStringLiteral("SELECT %1 FROM messages WHERE uuid = ?").arg(readMessageColumns()), {uuid}) ||
-        !query.next())
+    Query query(m_db, QStringLiteral("SELECT %1 FROM messages WHERE uuid = ?").arg(readMessageColumns()), {uuid});
+    if (!query.next())
         return std::nullopt;
     return messageAt(query);
 }
 
 bool DevStore::setStatus(const QString &uuid, int status, const QString &modifier)
 {
-    QSqlQuery query(m_db);
-    return run(query, QStringLiteral("UPDATE messages SET status = ?, modifier = ? WHERE uuid = ?"),
-               {status, modifier, uuid}) &&
-           query.numRowsAffected() == 1;
+    return Query(m_db, QStringLiteral("UPDATE messages SET status = ?, modifier = ? WHERE uuid = ?"),
+                 {status, modifier, uuid})
+               .exec() &&
+           m_db.changes() == 1;
 }
 
 void DevStore::messages(const Scope &scope, Direction direction, int skip, int limit, const QString &anchor,
@@ -200,13 +223,10 @@ void DevStore::messages(const Scope &scope, Direction direction, int skip, int l
         values << anchor;
     }
     values << limit << skip;
-    QSqlQuery query(m_db);
-    query.setForwardOnly(true);
-    if (!run(query,
-             QStringLiteral("SELECT %1 FROM messages WHERE %2 ORDER BY id %3 LIMIT ? OFFSET ?")
-                 .arg(readMessageColumns(), where, older ? QStringLiteral("DESC") : QStringLiteral("ASC")),
-             values))
-        return;
+    Query query(m_db,
+                QStringLiteral("SELECT %1 FROM messages WHERE %2 ORDER BY id %3 LIMIT ? OFFSET ?")
+                    .arg(readMessageColumns(), where, older ? QStringLiteral("DESC") : QStringLiteral("ASC")),
+                values);
     while (query.next()) {
         std::optional<Message> m = messageAt(query);
         if (m && !visit(std::move(*m)))
@@ -224,17 +244,14 @@ void DevStore::conversations(const Scope &scope, int skip, int limit, const Visi
                                        "COUNT(*) AS n FROM messages WHERE %4 GROUP BY conv) ON id = last "
                                        "ORDER BY id DESC LIMIT ? OFFSET ?")
                             .arg(bounded("conv"), readMessageColumns(), QLatin1String(kConversation), where);
-    QSqlQuery query(m_db);
-    query.setForwardOnly(true);
-    if (!run(query, sql, values))
-        return;
+    Query query(m_db, sql, values);
     while (query.next()) {
         std::optional<Message> last = messageAt(query, 2);
-        if (query.value(0).isNull() || !last)
+        if (query.isNull(0) || !last)
             continue;
         Conversation c;
-        c.id = query.value(0).toString();
-        c.count = query.value(1).toInt();
+        c.id = query.text(0);
+        c.count = int(query.integer(1));
         c.last = std::move(*last);
         c.msgType = c.last.msgType;
         if (!visit(std::move(c)))
@@ -244,58 +261,58 @@ void DevStore::conversations(const Scope &scope, int skip, int limit, const Visi
 
 bool DevStore::isMember(const QString &user, const QString &room)
 {
-    QSqlQuery query(m_db);
-    return run(query, QStringLiteral("SELECT 1 FROM members WHERE room = ? AND member = ?"), {room, user}) &&
-           query.next();
+    return Query(m_db, QStringLiteral("SELECT 1 FROM members WHERE room = ? AND member = ?"), {room, user}).next();
 }
 
 void DevStore::setPresence(const QString &jid, bool online, const QJsonObject &presence)
 {
-    QSqlQuery query(m_db);
     const QString body = CompactJson::text(presence);
-    run(query,
-        QStringLiteral("INSERT OR REPLACE INTO presence (jid, device, online, body, at) VALUES (?, ?, ?, ?, ?)"),
-        {jid, presence.value(QLatin1String("device_id")).toString(), int(online), body,
-         QDateTime::currentMSecsSinceEpoch()});
+    Query(m_db,
+          QStringLiteral("INSERT OR REPLACE INTO presence (jid, device, online, body, at) VALUES (?, ?, ?, ?, ?)"),
+          {jid, presence.value(QLatin1String("device_id")).toString(), int(online), body,
+           QDateTime::currentMSecsSinceEpoch()})
+        .exec();
 }
 
 void DevStore::requestFriend(const QString &from, const QString &to, const QString &text)
 {
-    QSqlQuery query(m_db);
-    run(query,
-        QStringLiteral("INSERT INTO friends (owner, friend, state, text) VALUES (?, ?, 'asked', ?) "
-                       "ON CONFLICT (owner, friend) DO UPDATE SET text = excluded.text WHERE state = 'asked'"),
-        {from, to, text});
+    Query(m_db,
+          QStringLiteral("INSERT INTO friends (owner, friend, state, text) VALUES (?, ?, 'asked', ?) "
+                         "ON CONFLICT (owner, friend) DO UPDATE SET text = excluded.text WHERE state = 'asked'"),
+          {from, to, text})
+        .exec();
 }
 
 bool DevStore::acceptFriend(const QString &from, const QString &requester)
 {
-    QSqlQuery query(m_db);
-    if (!run(query,
-             QStringLiteral("UPDATE friends SET state = 'friend' WHERE owner = ? AND friend = ? AND state = 'asked'"),
-             {requester, from}) ||
-        query.numRowsAffected() != 1)
+    if (!Query(m_db,
+               QStringLiteral("UPDATE friends SET state = 'friend' WHERE owner = ? AND friend = ? AND state = 'asked'"),
+               {requester, from})
+             .exec() ||
+        m_db.changes() != 1)
         return false;
-    return run(query,
-               QStringLiteral("INSERT INTO friends (owner, friend, state) VALUES (?, ?, 'friend') "
-                              "ON CONFLICT (owner, friend) DO UPDATE SET state = 'friend'"),
-               {from, requester});
+    return Query(m_db,
+                 QStringLiteral("INSERT INTO friends (owner, friend, state) VALUES (?, ?, 'friend') "
+                                "ON CONFLICT (owner, friend) DO UPDATE SET state = 'friend'"),
+                 {from, requester})
+        .exec();
 }
 
 void DevStore::dropFriend(const QString &a, const QString &b)
 {
-    QSqlQuery query(m_db);
-    run(query, QStringLiteral("DELETE FROM friends WHERE (owner = ? AND friend = ?) OR (owner = ? AND friend = ?)"),
-        {a, b, b, a});
+    Query(m_db, QStringLiteral("DELETE FROM friends WHERE (owner = ? AND friend = ?) OR (owner = ? AND friend = ?)"),
+          {a, b, b, a})
+        .exec();
 }
 
 bool DevStore::setFriendProperties(const QString &owner, const QString &friendJid, const QString &properties)
 {
-    QSqlQuery query(m_db);
-    return run(query,
-               QStringLiteral("UPDATE friends SET properties = ? WHERE owner = ? AND friend = ? AND state = 'friend'"),
-               {properties, owner, friendJid}) &&
-           query.numRowsAffected() == 1;
+    return Query(m_db,
+                 QStringLiteral("UPDATE friends SET properties = ? WHERE owner = ? AND friend = ? "
+                                "AND state = 'friend'"),
+                 {properties, owner, friendJid})
+               .exec() &&
+           m_db.changes() == 1;
 }
 
 void DevStore::friends(const QString &owner, FriendList list, const QString &cursor, int limit,
@@ -313,68 +330,59 @@ void DevStore::friends(const QString &owner, FriendList list, const QString &cur
                                  bounded("f.text", InputLimits::BODY_BYTES),
                                  bounded("f.properties", InputLimits::BODY_BYTES));
     const QString state = list == FriendList::Friends ? QStringLiteral("friend") : QStringLiteral("asked");
-    QSqlQuery query(m_db);
-    query.setForwardOnly(true);
-    if (!run(query, sql, {owner, state, cursor, limit}))
-        return;
+    Query query(m_db, sql, {owner, state, cursor, limit});
     while (query.next()) {
-        if (!query.value(0).isNull() &&
-            !visit({query.value(0).toString(), query.value(1).toString(), query.value(2).toString(),
-                    query.value(3).toInt() != 0}))
+        if (!query.isNull(0) &&
+            !visit({query.text(0), query.text(1), query.text(2), query.integer(3) != 0}))
             return;
     }
 }
 
 QStringList DevStore::friendsOf(const QString &jid)
 {
-    QSqlQuery query(m_db);
+    Query query(m_db,
+                QStringLiteral("SELECT %1 FROM friends WHERE owner = ? AND state = 'friend' ORDER BY friend")
+                    .arg(bounded("friend")),
+                {jid});
     QStringList found;
-    if (!run(query,
-             QStringLiteral("SELECT %1 FROM friends WHERE owner = ? AND state = 'friend' ORDER BY friend")
-                 .arg(bounded("friend")),
-             {jid}))
-        return found;
     while (query.next()) {
-        if (!query.value(0).isNull())
-            found << query.value(0).toString();
+        if (!query.isNull(0))
+            found << query.text(0);
     }
     return found;
 }
 
 void DevStore::saveRoom(const QString &jid, const QByteArray &json, const QStringList &members)
 {
-    m_db.transaction();
-    QSqlQuery query(m_db);
-    run(query, QStringLiteral("INSERT OR REPLACE INTO rooms (jid, json) VALUES (?, ?)"),
-        {jid, QString::fromUtf8(json)});
-    run(query, QStringLiteral("DELETE FROM members WHERE room = ?"), {jid});
+    Query(m_db, QStringLiteral("BEGIN")).exec();
+    Query(m_db, QStringLiteral("INSERT OR REPLACE INTO rooms (jid, json) VALUES (?, ?)"),
+          {jid, QString::fromUtf8(json)})
+        .exec();
+    Query(m_db, QStringLiteral("DELETE FROM members WHERE room = ?"), {jid}).exec();
     for (const QString &member : members)
-        run(query, QStringLiteral("INSERT OR IGNORE INTO members (room, member) VALUES (?, ?)"), {jid, member});
-    m_db.commit();
+        Query(m_db, QStringLiteral("INSERT OR IGNORE INTO members (room, member) VALUES (?, ?)"), {jid, member})
+            .exec();
+    Query(m_db, QStringLiteral("COMMIT")).exec();
 }
 
 void DevStore::dropRoom(const QString &jid)
 {
-    QSqlQuery query(m_db);
-    run(query, QStringLiteral("DELETE FROM rooms WHERE jid = ?"), {jid});
-    run(query, QStringLiteral("DELETE FROM members WHERE room = ?"), {jid});
+    Query(m_db, QStringLiteral("DELETE FROM rooms WHERE jid = ?"), {jid}).exec();
+    Query(m_db, QStringLiteral("DELETE FROM members WHERE room = ?"), {jid}).exec();
 }
 
 std::vector<QByteArray> DevStore::rooms()
 {
-    QSqlQuery query(m_db);
+    Query query(m_db,
+                QStringLiteral("SELECT %1, %2 FROM rooms ORDER BY jid")
+                    .arg(bounded("jid"), bounded("json", InputLimits::BODY_BYTES)));
     std::vector<QByteArray> found;
-    if (!run(query,
-             QStringLiteral("SELECT %1, %2 FROM rooms ORDER BY jid")
-                 .arg(bounded("jid"), bounded("json", InputLimits::BODY_BYTES)),
-             {}))
-        return found;
     while (query.next()) {
-        if (query.value(1).isNull())
-            qCWarning(lcDevServer).noquote() << "store: room" << query.value(0).toString()
+        if (query.isNull(1))
+            qCWarning(lcDevServer).noquote() << "store: room" << query.text(0)
                                              << "not loaded: its JSON is over" << InputLimits::BODY_BYTES << "bytes";
         else
-            found.push_back(query.value(1).toString().toUtf8());
+            found.push_back(query.text(1).toUtf8());
     }
     return found;
 }

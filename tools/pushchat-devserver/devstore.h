@@ -1,15 +1,17 @@
 #ifndef PUSHCHAT_DEVSERVER_DEVSTORE_H
 #define PUSHCHAT_DEVSERVER_DEVSTORE_H
 
-// Everything the development server keeps, in one SQLite database through
-// Qt SQL: the chat and room messages it saw cross the broker, with their
-// status; who is online; friendships and friend requests; and the rooms
-// (as their JSON, with a member table for the history queries).
+// Everything the development server keeps, in one SQLite database
+// (SqliteDatabase): the chat and room messages it saw cross the broker,
+// with their status; who is online; friendships and friend requests; and
+// the rooms (as their JSON, with a member table for the history queries).
 //
 // An empty path keeps the database in memory (gone with the object); a
-// file path creates the file or reopens it with what it holds. Every call
-// runs on the thread that created the object. Failing statements are
-// logged and reported as empty results or false.
+// file path creates the file (mode 0600) or reopens it with what it holds,
+// and holds it locked from open() until the object goes, so that a second
+// server on the same file is refused. Every call runs on the thread that
+// created the object. Failing statements are logged and reported as empty
+// results or false.
 //
 // What is read back is bounded, whatever the database holds (an older
 // version stored whatever it received): SQLite measures each text before
@@ -22,8 +24,9 @@
 // empty texts, the room not loaded); a message or friend whose uuid, JIDs,
 // stamp or modifier are over kMaxFieldBytes is left out of the results.
 
+#include "sqlitedatabase.h"
+
 #include <QJsonObject>
-#include <QSqlDatabase>
 #include <QString>
 #include <QStringList>
 
@@ -124,8 +127,8 @@ public:
     std::vector<QByteArray> rooms();
 
 private:
-    QSqlDatabase m_db;
     QString m_path;
+    SqliteDatabase m_db;
 };
 
 #endif // PUSHCHAT_DEVSERVER_DEVSTORE_H

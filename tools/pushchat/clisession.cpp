@@ -48,7 +48,7 @@ CliSession::CliSession(const CliOptions &options, TerminationSignals &terminatio
 
 CliSession::~CliSession() { logout(); }
 
-CliSession::Outcome CliSession::login()
+CliSession::Outcome CliSession::login(const std::function<void()> &started)
 {
     if (!m_options.serverJid().isEmpty())
         m_library.setServerJid(m_options.serverJid());
@@ -57,6 +57,8 @@ CliSession::Outcome CliSession::login()
     m_library.registerToImServer(m_options.host(), m_options.port(), m_options.user(), QString(), m_options.level(),
                                  m_options.domain(), QString());
     m_loggedIn = true;
+    if (started)
+        started();
 
     // Until connected, refused, interrupted or out of time: an attempt that
     // failed and will be retried just waits on.

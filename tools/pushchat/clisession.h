@@ -18,6 +18,7 @@
 #include <pushchat/message_lib.h>
 
 #include <chrono>
+#include <functional>
 
 class AwaitedEvent;
 class CliOptions;
@@ -40,7 +41,9 @@ public:
 
     /// False if the session could not set up its wake-up descriptor.
     bool valid() const { return m_connected.valid(); }
-    Outcome login();
+    /// `started`, if given, runs once the login has started, before the
+    /// wait (the library accepts sends then, which wait for the link).
+    Outcome login(const std::function<void()> &started = {});
     /// Waits until `flag` is raised (and lowers it), a termination signal
     /// arrives (and is consumed), or `timeout` passes.
     Wait wait(EventFlag &flag, std::chrono::milliseconds timeout);

@@ -88,7 +88,7 @@ ExitCode CommandRunner::run()
     return ExitCode::Usage;
 }
 
-ExitCode CommandRunner::connect(CliSession &session)
+ExitCode CommandRunner::connect(CliSession &session, const std::function<void()> &started)
 {
     if (!session.valid()) {
         fail(QStringLiteral("cannot create an event descriptor."));
@@ -96,7 +96,7 @@ ExitCode CommandRunner::connect(CliSession &session)
     }
     if (!openStore(session.library()))
         return ExitCode::Failure;
-    switch (session.login()) {
+    switch (session.login(started)) {
     case CliSession::Outcome::Connected:
         return ExitCode::Ok;
     case CliSession::Outcome::Interrupted:
@@ -183,11 +183,17 @@ ExitCode CommandRunner::listen()
 ExitCode CommandRunner::sendOnce(const char *what, const std::function<int(Message_lib &)> &call, bool stored)
 {
     CliSession session(m_options, m_termination, nullptr);
-    const ExitCode connected = connect(session);
-    // With the store a message is kept for the next login, connected or not.
+    // With the store a message is written first and kept for the next
+    // login, whether a connection comes or not.
+    int result = 0;
+    const ExitCode connected = connect(session, [&] {
+        if (stored)
+            result = call(session.library());
+    });
     if (connected != ExitCode::Ok && !(stored && connected == ExitCode::NotConnected))
         return connected;
-    const int result = call(session.library());
+    if (!stored)
+        result = call(session.library());
     if (result != 1) {
         session.logout();
         fail(stored ? QStringLiteral("the %1 was not stored: %2.").arg(QLatin1String(what), session.library().lastStoreError())

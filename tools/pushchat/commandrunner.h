@@ -54,8 +54,9 @@ private:
     /// Opens --store, if given; false (reported) when it cannot.
     bool openStore(Message_lib &library) const;
     ExitCode awaitStored(Message_lib &library) const;
-    /// Logs in and waits; anything but Ok has been reported.
-    ExitCode connect(CliSession &session);
+    /// Logs in and waits; anything but Ok has been reported. `started` runs
+    /// once the login has started (see CliSession::login).
+    ExitCode connect(CliSession &session, const std::function<void()> &started = {});
     void fail(const QString &message) const;
 
     const CliOptions &m_options;

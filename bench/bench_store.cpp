@@ -1,0 +1,186 @@
+// The message store on a store the benchmark builds: 1 000 000 messages in
+// 1 000 conversations (20 000 in a smoke run), bodies of Latin words and of
+// Chinese text. Recording (batched by the store's thread), opening and
+// listing the conversations with unread counts, a page of 50, searches for
+// a Latin word, a four- and a two-character Chinese word, the file's size
+// per message; then chat between two façades through mosquitto with the
+// store off and on, in alternating rounds of one run.
+
+#include "facadeside.h"
+#include "messagestore.h"
+#include "mosquittobroker.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QTemporaryDir>
+
+#include <random>
+
+namespace {
+
+constexpr int kConversations = 1000;
+
+int storeSize() { return benchmqtt::smoke() ? 20000 : 1000000; }
+
+QTemporaryDir &folder()
+{
+    static QTemporaryDir dir;
+    return dir;
+}
+QString storePath() { return folder().filePath("bench.db"); }
+
+// Bodies: 6 to 14 words of a 5 000-word vocabulary, or 6 to 20 characters
+// from 600 common Han characters; one message in 1 000 holds "kangaroo"
+// and one in 1 000 "北京天气".
+QString body(std::mt19937 &random, int i)
+{
+    static const QString han = QString::fromUtf8(
+        "的一是不了人我在有他这为之大来以个中上们到说国和地也子时道出而要于就下得可你年生自会那后能对着事其里所去行过家"
+        "十用发天如然作方成者多日都三小军二无同么经法当起与好看学进种将还分此心前面又定见只主没公从知民东西南北春夏秋冬"
+        "山水火土金木风云雨雪花草鸟鱼马牛羊猪狗猫车船路桥门窗房屋城市村镇街道商店银行学校医院工厂公司朋友老师学生父母兄弟");
+    std::uniform_int_distribution<int> pick(0, 1 << 30);
+    QString out;
+    if (i % 1000 == 7)
+        out += "kangaroo ";
+    if (i % 1000 == 500)
+        out += QString::fromUtf8("北京天气");
+    if (i % 2) {
+        for (int w = 0, n = 6 + pick(random) % 9; w < n; ++w)
+            out += QString("w%1 ").arg(pick(random) % 5000, 0, 36);
+    } else {
+        for (int c = 0, n = 6 + pick(random) % 15; c < n; ++c)
+            out += han.at(pick(random) % han.size());
+    }
+    return out;
+}
+
+StoredMessage message(std::mt19937 &random, int i)
+{
+    StoredMessage m;
+    m.conversation = QString("peer%1@im.test").arg(i % kConversations);
+    m.key = QString("key%1").arg(i);
+    m.sender = i % 3 ? m.conversation : QString("me@im.test");
+    m.outgoing = i % 3 == 0;
+    m.state = m.outgoing ? StoredState::Sent : (i % 7 ? StoredState::Read : StoredState::Received);
+    m.time = 1700000000000 + i;
+    m.body = body(random, i);
+    return m;
+}
+
+void record(benchmark::State &state)
+{
+    for (auto _ : state) {
+        QFile::remove(storePath());
+        MessageStore store(false);
+        store.open(storePath());
+        std::mt19937 random(7);
+        const auto start = benchmqtt::Clock::now();
+        for (int i = 0; i < storeSize(); ++i)
+            store.recordReceived(message(random, i));
+        store.flush();
+        const double seconds = std::chrono::duration<double>(benchmqtt::Clock::now() - start).count();
+        state.SetIterationTime(seconds);
+        state.counters["messages/s"] = storeSize() / seconds;
+        state.counters["bytes/message"] = double(store.fileBytes()) / storeSize();
+    }
+}
+
+// The store built by record, opened for the reads.
+MessageStore &built()
+{
+    static MessageStore store(false);
+    static const bool opened = store.open(storePath());
+    (void)opened;
+    return store;
+}
+
+void openAndList(benchmark::State &state)
+{
+    int conversations = 0;
+    for (auto _ : state) {
+        MessageStore store(false);
+        store.open(storePath());
+        conversations = store.conversations().size();
+    }
+    state.counters["conversations"] = conversations;
+}
+
+void page(benchmark::State &state)
+{
+    std::mt19937 random(3);
+    for (auto _ : state) {
+        const int i = int(random() % unsigned(storeSize() - 100 * kConversations)) + 100 * kConversations;
+        benchmark::DoNotOptimize(built().messages(QString("peer%1@im.test").arg(i % kConversations),
+                                                  QString("key%1").arg(i), 50));
+    }
+}
+
+void search(benchmark::State &state, const char *text)
+{
+    int found = 0;
+    for (auto _ : state)
+        found = built().search(QString::fromUtf8(text), {}, 50).size();
+    state.counters["found"] = found;
+}
+
+// --- chat through the broker, store off and on ----------------------------------
+
+struct Pair {
+    Side aliceSide, bobSide;
+    Message_lib alice{ &aliceSide, nullptr, "a", "a" }, bob{ &bobSide, nullptr, "b", "b" };
+    Pair(int port, const QString &stores, int store) // 0 off, 1 synced commits, 2 not
+    {
+        if (store && store != 4)
+            alice.openMessageStore(stores + "/alice.db", store == 1);
+        if (store && store != 3)
+            bob.openMessageStore(stores + "/bob.db", store == 1);
+        alice.registerToImServer("127.0.0.1", port, "alice", {}, 5, "im.test", {});
+        bob.registerToImServer("127.0.0.1", port, "bob", {}, 5, "im.test", {});
+        benchmqtt::until([&] { return aliceSide.connects > 0 && bobSide.connects > 0; });
+    }
+};
+
+void chat(benchmark::State &state)
+{
+    MosquittoBroker broker;
+    broker.start();
+    const int count = int(benchmqtt::messageCount());
+    const int rounds = benchmqtt::smoke() ? 1 : 3;
+    std::vector<double> rates[5], ratioSynced, ratioUnsynced;
+    for (auto _ : state) {
+        for (int round = 0; round < rounds; ++round) {
+            double rate[5];
+            for (int store = 0; store < 5; ++store) {
+                QTemporaryDir stores;
+                Pair pair(broker.port(), stores.path(), store);
+                const auto start = benchmqtt::Clock::now();
+                if (!sendWindowed(pair.alice, pair.bobSide.messages, count, 64, [](int i) { return QString("n %1").arg(i); },
+                                  [](int i) { return QString("k%1").arg(i); }))
+                    state.SkipWithError("messages missing");
+                rate[store] = count / std::chrono::duration<double>(benchmqtt::Clock::now() - start).count();
+                rates[store].push_back(rate[store]);
+            }
+            ratioSynced.push_back(rate[1] / rate[0]);
+            ratioUnsynced.push_back(rate[2] / rate[0]);
+        }
+    }
+    state.counters["off msg/s"] = benchmqtt::median(rates[0]);
+    state.counters["on msg/s"] = benchmqtt::median(rates[1]);
+    state.counters["on, unsynced msg/s"] = benchmqtt::median(rates[2]);
+    state.counters["alice"] = benchmqtt::median(rates[3]);
+    state.counters["bob"] = benchmqtt::median(rates[4]);
+    state.counters["on/off"] = benchmqtt::median(ratioSynced);
+    state.counters["on, unsynced/off"] = benchmqtt::median(ratioUnsynced);
+}
+
+} // namespace
+
+BENCHMARK(record)->Name("store/record")->Unit(benchmark::kSecond)->Iterations(1)->UseManualTime();
+BENCHMARK(openAndList)->Name("store/openAndList")->Unit(benchmark::kMillisecond);
+BENCHMARK(page)->Name("store/page50")->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(search, latin, "kangaroo")->Name("store/search/latin")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(search, cjk4, "北京天气")->Name("store/search/cjk4")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(search, cjk2, "北京")->Name("store/search/cjk2")->Unit(benchmark::kMillisecond);
+BENCHMARK(chat)->Name("chat/storeOffOn")->Unit(benchmark::kSecond)->Iterations(1);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,227 @@
+// The message store on real files: search in every script, pages, unread
+// counts and keys across a reopening, retention, the first version's
+// migration, and files it must refuse without harming them.
+
+#include "messagestore.h"
+#include "sqlitedatabase.h"
+#include "storeschema.h"
+
+#include "eventlog.h"
+
+#include <gtest/gtest.h>
+
+#include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <atomic>
+#include <csignal>
+#include <memory>
+#include <sys/resource.h>
+
+namespace {
+
+StoredMessage message(const QString &conv, const QString &key, const QString &body, const QString &sender = "bob@x",
+                      StoredState state = StoredState::Received)
+{
+    StoredMessage m{ 0, conv, key, sender, QDateTime::currentMSecsSinceEpoch(), "st", body, 0, 1, 0, false, state };
+    m.outgoing = state == StoredState::Pending || state == StoredState::Sent;
+    return m;
+}
+
+QStringList keys(const QList<StoredMessage> &messages)
+{
+    QStringList out;
+    for (const StoredMessage &m : messages)
+        out << m.key;
+    return out;
+}
+
+// A store in a folder of its own, reopened at will.
+struct Folder {
+    QTemporaryDir dir;
+    QString path = dir.filePath("s.db");
+    std::unique_ptr<MessageStore> store;
+    MessageStore &open()
+    {
+        store.reset();
+        store = std::make_unique<MessageStore>(false);
+        EXPECT_TRUE(store->open(path)) << store->error().toStdString();
+        return *store;
+    }
+};
+
+} // namespace
+
+TEST(MessageStore, SearchFindsWordsInEveryScript)
+{
+    Folder folder;
+    MessageStore &store = folder.open();
+    const std::pair<const char *, const char *> bodies[] = {
+        { "latin", "Hello there, Café society" }, { "zh", "我们明天在北京见面" },   { "ja", "東京の天気はいいですね" },
+        { "ko", "한국어 공부를 합니다" },         { "mixed", "meet 北京 friends" }, { "one", "猫" },
+    };
+    for (const auto &[key, body] : bodies)
+        ASSERT_TRUE(store.recordReceived(message("bob@x", key, QString::fromUtf8(body))));
+    ASSERT_TRUE(store.flush());
+    const std::pair<const char *, QStringList> searches[] = {
+        { "hello", { "latin" } },     { "CAFE", { "latin" } }, { "北京", { "mixed", "zh" } }, { "明天", { "zh" } },
+        { "京见", { "zh" } },         { "我们明天在北京", { "zh" } }, { "東京", { "ja" } }, { "天気", { "ja" } },
+        { "한국", { "ko" } },         { "공부", { "ko" } },    { "猫", { "one" } },   { "京", { "mixed", "ja", "zh" } },
+        { "meet 北京", { "mixed" } }, { "hello 北京", {} },    { "北明", {} },        { "\" OR *", {} },
+        { "", {} },
+    };
+    for (const auto &[text, expected] : searches)
+        EXPECT_EQ(keys(store.search(QString::fromUtf8(text), {}, 10)), expected) << text;
+    EXPECT_EQ(keys(store.search("北京", "carol@x", 10)), QStringList());
+    EXPECT_EQ(keys(store.search("北京", "bob@x", 1)), QStringList{ "mixed" });
+}
+
+TEST(MessageStore, PagesUnreadCountsAndKeysOutliveAReopening)
+{
+    Folder folder;
+    MessageStore *store = &folder.open();
+    for (int i = 0; i < 5; ++i)
+        ASSERT_GT(store->recordSent(message("bob@x", QString("s%1").arg(i), "to bob", "me@x")), 0);
+    EXPECT_EQ(store->recordSent(message("bob@x", "s0", "again", "me@x")), -1); // a key is sent once
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(store->recordReceived(message("room@x", QString("r%1").arg(i), "in the room")));
+    EXPECT_FALSE(store->recordReceived(message("room@x", "r1", "repeated"))); // queued or stored: once
+    EXPECT_TRUE(store->recordReceived(message("room@x", "r1", "other sender", "carol@x")));
+    EXPECT_TRUE(store->recordReceived(message("room@x", "", "no key")));
+    EXPECT_TRUE(store->recordReceived(message("room@x", "", "no key")));
+    store->markSent(2);
+    ASSERT_TRUE(store->flush());
+    store = &folder.open();
+    EXPECT_FALSE(store->recordReceived(message("room@x", "r2", "after the reopening")));
+    const QList<StoredConversation> list = store->conversations();
+    ASSERT_EQ(list.size(), 2);
+    EXPECT_EQ(std::make_tuple(list[0].conversation, list[0].unread, list[1].conversation, list[1].unread),
+              std::make_tuple(QString("room@x"), 6, QString("bob@x"), 0));
+    EXPECT_EQ(keys(store->messages("bob@x", {}, 2)), (QStringList{ "s3", "s4" }));
+    EXPECT_EQ(keys(store->messages("bob@x", "s3", 2)), (QStringList{ "s1", "s2" }));
+    EXPECT_EQ(keys(store->messages("bob@x", "s1", 5)), QStringList{ "s0" });
+    EXPECT_EQ(keys(store->messages("bob@x", "nonesuch", 5)), QStringList());
+    EXPECT_EQ(keys(store->pending()), (QStringList{ "s0", "s2", "s3", "s4" })); // id 2 is s1: sent
+    std::atomic<int> told{ 0 }; // changes to Read
+    store->onChanged = [&](const StoredMessage &m) { told += m.state == StoredState::Read; };
+    store->markReadByPeer("s1");
+    EXPECT_EQ(store->markConversationRead("room@x"), (QStringList{ "r0", "r1", "r2", "r1" }));
+    EXPECT_TRUE(eventually([&] { return told == 7; }));
+    EXPECT_EQ(store->conversations()[0].unread, 0);
+    EXPECT_EQ(store->messages("bob@x", "s2", 1)[0].state, StoredState::Read);
+    EXPECT_EQ(store->newestReceivedKey(), "r1");
+}
+
+TEST(MessageStore, RetentionKeepsTheNewestAndThePending)
+{
+    Folder folder;
+    MessageStore &store = folder.open();
+    for (int i = 0; i < 30; ++i)
+        store.recordReceived(message(i % 2 ? "odd@x" : "even@x", QString("k%1").arg(i), QString("word%1").arg(i)));
+    StoredMessage old = message("old@x", "ancient", "word");
+    old.time = QDateTime::currentMSecsSinceEpoch() - 3600 * 1000;
+    store.recordReceived(old);
+    ASSERT_GT(store.recordSent(message("even@x", "unsent", "word", "me@x")), 0);
+    ASSERT_TRUE(store.flush());
+    const qint64 before = store.fileBytes();
+    store.setRetention(60 * 1000, 4);
+    EXPECT_TRUE(eventually([&] { return store.messages("even@x", {}, 50).size() == 5; }));
+    EXPECT_EQ(keys(store.messages("even@x", {}, 50)), (QStringList{ "k22", "k24", "k26", "k28", "unsent" }));
+    EXPECT_EQ(keys(store.messages("odd@x", {}, 50)), (QStringList{ "k23", "k25", "k27", "k29" }));
+    EXPECT_EQ(store.conversations().size(), 2); // old@x is gone with its message
+    EXPECT_EQ(store.conversations()[1].unread, 4);
+    EXPECT_EQ(keys(store.search("word3", {}, 5)), QStringList());
+    EXPECT_GT(before, 0);
+}
+
+TEST(MessageStore, TheFirstVersionIsBroughtUp)
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("v1.db");
+    {
+        SqliteDatabase db;
+        ASSERT_TRUE(db.open(path));
+        ASSERT_TRUE(db.exec(std::string(StoreSchema::step(1)) + "PRAGMA user_version=1;"
+                            "INSERT INTO messages VALUES(1,'bob@x','k','bob@x',1,'','kept from before 北京',0,1,0,0,2);"
+                            "INSERT INTO conversations VALUES('bob@x',1,1,1);"));
+    }
+    MessageStore store;
+    ASSERT_TRUE(store.open(path)) << store.error().toStdString();
+    EXPECT_EQ(keys(store.search("北京", {}, 5)), QStringList{ "k" });
+    EXPECT_EQ(keys(store.search("before", {}, 5)), QStringList{ "k" });
+    EXPECT_EQ(store.conversations().size(), 1);
+}
+
+// Each file is refused with a reason naming it, and left as it was.
+TEST(MessageStore, FilesThatAreNotStoresAreRefusedUnharmed)
+{
+    QTemporaryDir dir;
+    const auto file = [&](const char *name, const QByteArray &bytes) {
+        QFile f(dir.filePath(name));
+        f.open(QIODevice::WriteOnly);
+        f.write(bytes);
+        return f.fileName();
+    };
+    QByteArray damaged;
+    {
+        Folder folder;
+        folder.open().recordSent(message("bob@x", "k", QString(5000, 'x'), "me@x"));
+        folder.store.reset();
+        QFile f(folder.path);
+        f.open(QIODevice::ReadOnly);
+        damaged = f.readAll();
+        damaged.replace(0, 100, QByteArray(100, '\x5a')); // the header
+    }
+    SqliteDatabase other;
+    other.open(dir.filePath("other.db"));
+    other.exec("CREATE TABLE t(x)");
+    other.close();
+    SqliteDatabase newer;
+    newer.open(dir.filePath("newer.db"));
+    newer.exec("PRAGMA user_version=99");
+    newer.close();
+    MessageStore holder;
+    ASSERT_TRUE(holder.open(dir.filePath("held.db")));
+    const std::pair<QString, const char *> cases[] = {
+        { file("text.db", QByteArray(8192, 'a')), "is not a message store: file is not a database" },
+        { file("damaged.db", damaged), "is not a message store" },
+        { dir.filePath("other.db"), "is not a message store: it is a database with other tables" },
+        { dir.filePath("newer.db"), "newer pushchat (store version 99" },
+        { dir.filePath("held.db"), "is in use by another process or another open store (locked)" },
+        { dir.filePath("missing/s.db"), "cannot open" },
+    };
+    for (const auto &[path, reason] : cases) {
+        const QByteArray bytes = [&] { QFile f(path); f.open(QIODevice::ReadOnly); return f.readAll(); }();
+        MessageStore store;
+        EXPECT_FALSE(store.open(path)) << path.toStdString();
+        EXPECT_TRUE(store.error().contains(path) && store.error().contains(reason)) << store.error().toStdString();
+        EXPECT_EQ(store.recordSent(message("bob@x", "k", "x", "me@x")), 0);
+        QFile f(path);
+        f.open(QIODevice::ReadOnly);
+        EXPECT_EQ(f.readAll(), bytes) << path.toStdString();
+    }
+    EXPECT_EQ(QFileInfo(dir.filePath("held.db")).permissions() & 0x0077, 0) << "mode 0600";
+}
+
+// A write the disk does not take fails, is reported, and costs nothing else.
+TEST(MessageStore, AFullDiskRefusesTheSendAndKeepsTheRest)
+{
+    Folder folder;
+    MessageStore &store = folder.open();
+    ASSERT_GT(store.recordSent(message("bob@x", "before", "small", "me@x")), 0);
+    QString told;
+    store.onFailed = [&](const QString &text) { told = text; };
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit full{ rlim_t(store.fileBytes()), limit.rlim_max };
+    setrlimit(RLIMIT_FSIZE, &full);
+    const qint64 refused = store.recordSent(message("bob@x", "big", QString(1 << 20, 'x'), "me@x"));
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(refused, 0);
+    EXPECT_TRUE(told.contains("cannot write to " + folder.path)) << told.toStdString();
+    EXPECT_GT(store.recordSent(message("bob@x", "after", "small", "me@x")), 0);
+    EXPECT_EQ(keys(store.messages("bob@x", {}, 5)), (QStringList{ "before", "after" }));
+}

@@ -16,6 +16,7 @@ public:
     // The login the callbacks belong to: a state change queued by an
     // earlier login is not applied to a later one.
     std::atomic<unsigned> session{0};
+    std::atomic<unsigned> storeErrors{0}; // onStoreError calls so far
 
     // The emitters wait here (the mutex orders the hand-over between the
     // threads); one queued call per emitter takes them out in order.
@@ -139,6 +140,15 @@ public:
     {
         post([c = q, text] { emit c->ownerVCard(text); });
     }
+    void onStoredMessageChanged(const StoredMessage &message) override
+    {
+        post([c = q, message] { emit c->storedMessageChanged(message); });
+    }
+    void onStoreError(QString text) override
+    {
+        ++storeErrors;
+        post([c = q, text] { emit c->storeError(text); });
+    }
 
 private:
     MessageClient *q;
@@ -153,6 +163,8 @@ MessageClient::MessageClient(const QString &deviceId, const QString &deviceName,
 {
     m_receiver->library = m_library.get();
     m_library->setContactEventReciever(m_receiver.get());
+    qRegisterMetaType<StoredMessage>();
+    qRegisterMetaType<StoredConversation>();
 }
 
 MessageClient::~MessageClient()
@@ -319,3 +331,34 @@ int MessageClient::remoteDesktopBeControlReply(const QString &jid, const QString
 {
     return m_library->remoteDesktopBeControlReply(QString(), jid, text);
 }
+
+bool MessageClient::openMessageStore(const QString &path, bool syncEachCommit)
+{
+    const unsigned told = m_receiver->storeErrors;
+    if (m_library->openMessageStore(path, syncEachCommit) == 1)
+        return true;
+    if (m_receiver->storeErrors == told) // refused before the file was tried
+        m_receiver->onStoreError(m_library->lastStoreError());
+    return false;
+}
+
+QString MessageClient::lastStoreError() const { return m_library->lastStoreError(); }
+
+QList<StoredConversation> MessageClient::storedConversations() const { return m_library->storedConversations(); }
+
+QList<StoredMessage> MessageClient::storedMessages(const QString &peer, const QString &beforeKey, int limit) const
+{
+    return m_library->storedMessages(peer, beforeKey, limit);
+}
+
+QList<StoredMessage> MessageClient::searchStoredMessages(const QString &text, const QString &peer, int limit) const
+{
+    return m_library->searchStoredMessages(text, peer, limit);
+}
+
+int MessageClient::markConversationRead(const QString &peer, bool tellPeer)
+{
+    return m_library->markConversationRead(peer, tellPeer);
+}
+
+int MessageClient::storedPendingCount() const { return m_library->storedPendingCount(); }

@@ -6,9 +6,12 @@
 
 #include <pushchat/message_lib.h>
 #include <pushchat/pushchat_export.h>
+#include <pushchat/storedmessage.h>
 
 #include <QByteArray>
 #include <QJsonObject>
+#include <QList>
+#include <QMetaType>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -38,6 +41,10 @@ class MessageClientReceiver;
 /// Destroying the object logs out in order first; callbacks still under
 /// way finish, and signals queued for it and not yet delivered are
 /// dropped. Qt Core only.
+///
+/// With the local message store (openMessageStore, before login) every
+/// message recorded or changed arrives as storedMessageChanged, and
+/// StoredConversationModel and StoredMessageModel show the store to views.
 class PUSHCHAT_EXPORT MessageClient : public QObject {
     Q_OBJECT
     /// Where the login stands; connectionStateChanged tells each change.
@@ -140,6 +147,33 @@ public:
     Q_INVOKABLE int remoteDesktopBeControlReply(const QString &jid, const QString &text);
     ///@}
 
+    /// \name Local message store
+    /// The façade's store (see Message_lib): open it before logging in.
+    /// The reads work offline and return copies; what the store records
+    /// or changes afterwards comes as storedMessageChanged.
+    ///@{
+
+    /// Message_lib::openMessageStore. False when it cannot be opened (or a
+    /// login is under way): storeError follows with the reason, which
+    /// lastStoreError() also gives.
+    Q_INVOKABLE bool openMessageStore(const QString &path, bool syncEachCommit = true);
+    /// Message_lib::lastStoreError.
+    Q_INVOKABLE QString lastStoreError() const;
+    /// Message_lib::storedConversations: the most recent first.
+    QList<StoredConversation> storedConversations() const;
+    /// Message_lib::storedMessages: oldest first, the newest ones or those
+    /// before the message with key `beforeKey`.
+    QList<StoredMessage> storedMessages(const QString &peer, const QString &beforeKey = QString(),
+                                        int limit = 50) const;
+    /// Message_lib::searchStoredMessages: newest first.
+    QList<StoredMessage> searchStoredMessages(const QString &text, const QString &peer = QString(),
+                                              int limit = 50) const;
+    /// Message_lib::markConversationRead.
+    Q_INVOKABLE int markConversationRead(const QString &peer, bool tellPeer = false);
+    /// Message_lib::storedPendingCount.
+    Q_INVOKABLE int storedPendingCount() const;
+    ///@}
+
 signals:
     /// The login's state changed.
     void connectionStateChanged(MessageClient::ConnectionState state);
@@ -192,6 +226,11 @@ signals:
     void contactInfo(const QString &jid, const QString &text7, bool flag1, bool flag2, const QStringList &callers);
     /// ImContactEventReciever::onOwnerVCard.
     void ownerVCard(const QString &text);
+    /// ImEventReciever::onStoredMessageChanged: a message was recorded or
+    /// its state changed, as it now stands in the store.
+    void storedMessageChanged(const StoredMessage &message);
+    /// ImEventReciever::onStoreError, and a failed openMessageStore.
+    void storeError(const QString &text);
     ///@}
 
 private:
@@ -206,5 +245,8 @@ private:
     std::unique_ptr<MessageClientReceiver> m_receiver;
     std::unique_ptr<Message_lib> m_library; // after the receiver: destroyed first
 };
+
+Q_DECLARE_METATYPE(StoredMessage)
+Q_DECLARE_METATYPE(StoredConversation)
 
 #endif // PUSHCHAT_MESSAGECLIENT_H

@@ -20,6 +20,7 @@ constexpr const char *kColumns =
     "m.id, m.conv, m.msg_key, m.sender, m.at, m.stamp, m.body, m.body_type, m.msg_type, m.sec_level, m.outgoing, "
     "m.state";
 constexpr std::int64_t kRetentionEveryMs = 10 * 60 * 1000;
+constexpr std::int64_t kGatherMs = 10; // writes nobody waits for are committed within this
 
 std::int64_t steadyMs()
 {
@@ -54,7 +55,8 @@ QString dedupKey(const StoredMessage &m)
 
 struct MessageStore::Job {
     Work work;
-    QString dedupKey; // a received message's, while queued
+    bool awaited = false; // a caller waits for its commit
+    QString dedupKey;     // a received message's, while queued
     qint64 id = 0;
     std::vector<StoredMessage> recorded; // told after the commit
     std::vector<qint64> touched;         // changed: read back and told after the commit
@@ -97,6 +99,8 @@ bool MessageStore::open(const QString &path)
         "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages WHERE id > ?1 AND id <= ?2");
     SqliteStatement indexed = writer_.prepare("SELECT rowid FROM search ORDER BY rowid DESC LIMIT 1");
     indexedUpTo_ = indexed.next() ? qint64(indexed.integer(0)) : 0;
+    SqliteStatement newest = writer_.prepare("SELECT max(id) FROM messages");
+    newestId_ = newest.next() ? qint64(newest.integer(0)) : 0;
     indexDue_ = true; // what a run that ended early wrote and did not index
     markSent_ = writer_.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
     upsertConversation_ = writer_.prepare(
@@ -132,15 +136,19 @@ void MessageStore::fail(const QString &what) const
 
 // --- the store's thread -------------------------------------------------------
 
-std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work)
+std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work, bool awaited)
 {
     auto job = std::make_shared<Job>();
     job->work = std::move(work);
+    job->awaited = awaited;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!thread_.joinable() || stopping_)
             return nullptr;
+        if (jobs_.empty() && !indexDue_)
+            gatherSinceMs_ = steadyMs();
         jobs_.push_back(job);
+        awaited_ += awaited;
     }
     wake_.notify_one();
     return job;
@@ -165,6 +173,10 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
         batch.push_back(std::move(jobs_.front()));
         jobs_.pop_front();
     }
+    awaited_ = 0; // a waiter's job is taken, or one behind it waits for the next commit anyway
+    for (const auto &job : jobs_)
+        awaited_ += job->awaited;
+    gatherSinceMs_ = steadyMs();
     return batch;
 }
 
@@ -181,6 +193,13 @@ void MessageStore::run()
                 else
                     wake_.wait_for(lock, std::chrono::milliseconds(retentionDueMs_ - steadyMs()));
             }
+            // Writes nobody waits for gather for a while: one commit for many.
+            const auto gathered = [&] {
+                return stopping_ || awaited_ > 0 || jobs_.size() >= std::size_t(kBatch) ||
+                       steadyMs() >= gatherSinceMs_ + kGatherMs;
+            };
+            while ((!jobs_.empty() || indexDue_) && !gathered())
+                wake_.wait_for(lock, std::chrono::milliseconds(gatherSinceMs_ + kGatherMs - steadyMs()));
             if (jobs_.empty() && stopping_)
                 return;
             retention = jobs_.empty() && !indexDue_;
@@ -276,6 +295,7 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
     if (writer_.changes() == 0)
         return true; // already stored
     *id = sqlite3_int64(sqlite3_last_insert_rowid(writer_.handle()));
+    newestId_ = std::max<qint64>(newestId_, *id);
     upsertConversation_.reset();
     return upsertConversation_.bind(1, m.conversation).bind(2, std::int64_t(*id))
         .bind(3, m.state == StoredState::Received ? 1 : 0)
@@ -399,6 +419,8 @@ qint64 MessageStore::recordSent(StoredMessage message)
     }
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        if (jobs_.empty() && !indexDue_)
+            gatherSinceMs_ = steadyMs();
         indexDue_ = true;
     }
     wake_.notify_one();
@@ -466,7 +488,8 @@ void MessageStore::markReadByPeer(const QString &key)
 
 QStringList MessageStore::markConversationRead(const QString &conversation)
 {
-    auto job = queue([this, conversation](Job &job) {
+    auto job = queue(
+        [this, conversation](Job &job) {
         SqliteStatement unread = writer_.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
         unread.bind(1, conversation);
         while (unread.next()) {
@@ -478,7 +501,8 @@ QStringList MessageStore::markConversationRead(const QString &conversation)
                    .bind(1, conversation)
                    .run() &&
                writer_.prepare("UPDATE conversations SET unread = 0 WHERE conv = ?1").bind(1, conversation).run();
-    });
+        },
+        true);
     return waitFor(job) ? job->keys : QStringList();
 }
 
@@ -495,7 +519,7 @@ void MessageStore::setRetention(qint64 maxAgeMs, int maxPerConversation)
 
 bool MessageStore::flush()
 {
-    return waitFor(queue([](Job &) { return true; }));
+    return waitFor(queue([](Job &) { return true; }, true));
 }
 
 // --- reads ------------------------------------------------------------------
@@ -554,8 +578,10 @@ QList<StoredMessage> MessageStore::messages(const QString &conversation, const Q
                   [&](SqliteStatement &s) { s.bind(1, conversation).bind(2, beforeKey).bind(3, limit); });
 }
 
-QList<StoredMessage> MessageStore::search(const QString &text, const QString &conversation, int limit) const
+QList<StoredMessage> MessageStore::search(const QString &text, const QString &conversation, int limit)
 {
+    if (newestId_ > indexedUpTo_)
+        flush(); // indexes what is written
     QStringList lone;
     const QString match = SearchText::query(text, &lone);
     if (match.isEmpty() && lone.isEmpty())

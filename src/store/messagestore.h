@@ -27,6 +27,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -102,8 +103,9 @@ public:
     QList<StoredMessage> messages(const QString &conversation, const QString &beforeKey, int limit) const;
     /// At most `limit` messages whose bodies hold every word of `text`
     /// (see searchtext.h), in one conversation or (empty) all, the most
-    /// recently recorded first.
-    QList<StoredMessage> search(const QString &text, const QString &conversation, int limit) const;
+    /// recently recorded first. Messages written and not yet indexed are
+    /// indexed first.
+    QList<StoredMessage> search(const QString &text, const QString &conversation, int limit);
     /// The key of the newest received message with a key ("" when none).
     QString newestReceivedKey() const;
     /// The store's size on disk (the file, its write-ahead log and index).
@@ -112,7 +114,8 @@ public:
 private:
     struct Job;
     using Work = std::function<bool(Job &)>;
-    std::shared_ptr<Job> queue(Work work);
+    /// Queues a write; `awaited`: a caller will wait for its commit.
+    std::shared_ptr<Job> queue(Work work, bool awaited = false);
     bool waitFor(const std::shared_ptr<Job> &job);
     void run();
     std::deque<std::shared_ptr<Job>> takeJobs(std::size_t most);
@@ -136,7 +139,8 @@ private:
     std::mutex writerMutex_; // guards writer_ and its statements; taken before mutex_
     SqliteDatabase writer_;
     SqliteStatement insertMessage_, indexWords_, upsertConversation_, markSent_;
-    qint64 indexedUpTo_ = 0; // every message up to this id is in the search index
+    std::atomic<qint64> indexedUpTo_{ 0 }; // every message up to this id is in the search index
+    std::atomic<qint64> newestId_{ 0 };    // the newest message written
     mutable SqliteDatabase reader_;
     mutable std::mutex readerMutex_;
 
@@ -150,7 +154,9 @@ private:
     int maxPerConversation_ = 0;
     std::int64_t retentionDueMs_ = -1; // steady ms; -1: none set
     bool stopping_ = false;
-    bool indexDue_ = false; // messages were written that are not indexed yet
+    bool indexDue_ = false;          // messages were written that are not indexed yet
+    int awaited_ = 0;                // queued writes a caller waits for
+    std::int64_t gatherSinceMs_ = 0; // steady ms: since when queued writes wait
     std::thread thread_;
 };
 

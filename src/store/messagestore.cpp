@@ -93,22 +93,31 @@ bool MessageStore::open(const QString &path)
     }
     writer_.exec(syncEachCommit_ ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
     insertMessage_ = writer_.prepare(
-        "INSERT OR IGNORE INTO messages(conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
-        " outgoing, state) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
-    indexWords_ = writer_.prepare(
-        "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages WHERE id > ?1 AND id <= ?2");
-    SqliteStatement indexed = writer_.prepare("SELECT rowid FROM search ORDER BY rowid DESC LIMIT 1");
-    indexedUpTo_ = indexed.next() ? qint64(indexed.integer(0)) : 0;
-    SqliteStatement newest = writer_.prepare("SELECT max(id) FROM messages");
-    newestId_ = newest.next() ? qint64(newest.integer(0)) : 0;
-    indexDue_ = true; // what a run that ended early wrote and did not index
+        "INSERT OR IGNORE INTO messages(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
+        " outgoing, state) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
+    insertWords_ = writer_.prepare("INSERT INTO search(rowid, words) VALUES(?1, search_words(?2))");
+    insertOutbox_ = writer_.prepare(
+        "INSERT INTO outbox(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level)"
+        " VALUES(?10, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+    knownKey_ = writer_.prepare(
+        "SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3 AND msg_key <> ''");
+    SqliteStatement newest = writer_.prepare(
+        "SELECT max(coalesce((SELECT max(id) FROM messages), 0), coalesce((SELECT max(id) FROM outbox), 0))");
+    nextId_ = newest.next() ? qint64(newest.integer(0)) : 0;
+    SqliteStatement outboxRows = writer_.prepare("SELECT count(*) FROM outbox");
+    outboxRows_ = outboxRows.next() ? int(outboxRows.integer(0)) : 0;
+    moveDue_ = outboxRows_ > 0; // what a run that ended early did not move
     markSent_ = writer_.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
     upsertConversation_ = writer_.prepare(
         "INSERT INTO conversations(conv, last_id, last_at, unread) VALUES(?1, ?2, ?4, ?3) ON CONFLICT(conv) DO UPDATE"
         " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
         " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
-    if (!insertMessage_.valid() || !indexWords_.valid() || !upsertConversation_.valid() || !markSent_.valid() ||
-        !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1")) {
+    if (!insertMessage_.valid() || !insertWords_.valid() || !insertOutbox_.valid() || !knownKey_.valid() ||
+        !upsertConversation_.valid() || !markSent_.valid() ||
+        !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1") ||
+        !(readerKnownKey_ = reader_.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
+                                            " AND msg_key <> ''"))
+             .valid()) {
         fail(QStringLiteral("cannot use %1: %2").arg(path, reader_.isOpen() ? writer_.error() : reader_.error()));
         writer_.close();
         return false;
@@ -145,7 +154,7 @@ std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work, bool awaited)
         std::lock_guard<std::mutex> lock(mutex_);
         if (!thread_.joinable() || stopping_)
             return nullptr;
-        if (jobs_.empty() && !indexDue_)
+        if (jobs_.empty() && !moveDue_)
             gatherSinceMs_ = steadyMs();
         jobs_.push_back(job);
         awaited_ += awaited;
@@ -187,7 +196,7 @@ void MessageStore::run()
         {
             std::unique_lock<std::mutex> lock(mutex_);
             const auto due = [&] { return retentionDueMs_ >= 0 && steadyMs() >= retentionDueMs_; };
-            while (!stopping_ && jobs_.empty() && !indexDue_ && !due()) {
+            while (!stopping_ && jobs_.empty() && !moveDue_ && !due()) {
                 if (retentionDueMs_ < 0)
                     wake_.wait(lock);
                 else
@@ -198,19 +207,19 @@ void MessageStore::run()
                 return stopping_ || awaited_ > 0 || jobs_.size() >= std::size_t(kBatch) ||
                        steadyMs() >= gatherSinceMs_ + kGatherMs;
             };
-            while ((!jobs_.empty() || indexDue_) && !gathered())
+            while ((!jobs_.empty() || moveDue_) && !gathered())
                 wake_.wait_for(lock, std::chrono::milliseconds(gatherSinceMs_ + kGatherMs - steadyMs()));
             if (jobs_.empty() && stopping_)
                 return;
-            retention = jobs_.empty() && !indexDue_;
-            indexDue_ = false;
+            retention = jobs_.empty() && !moveDue_;
+            moveDue_ = false;
         }
         if (!retention) {
             std::vector<StoredMessage> changed;
             {
                 std::lock_guard<std::mutex> lock(writerMutex_);
                 std::deque<std::shared_ptr<Job>> batch = takeJobs(kBatch);
-                commitBatch(batch, &changed, true);
+                commitBatch(batch, &changed);
             }
             tell(changed);
             continue;
@@ -226,18 +235,20 @@ void MessageStore::run()
     }
 }
 
-bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed,
-                               bool index)
+bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed)
 {
-    bool ok = writer_.exec("BEGIN IMMEDIATE");
+    std::vector<QString> moving; // the keys of the outbox's rows
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        moving.swap(outboxKeys_);
+    }
+    int moved = 0;
+    bool ok = writer_.exec("BEGIN IMMEDIATE") && moveOutbox(&moved);
     for (const auto &job : batch) {
         job->ok = ok && job->work(*job);
         ok = ok && job->ok;
     }
-    qint64 indexed = indexedUpTo_;
-    ok = ok && (!index || indexNew(&indexed)) && writer_.exec("COMMIT");
-    if (ok)
-        indexedUpTo_ = indexed;
+    ok = ok && writer_.exec("COMMIT");
     if (!ok) {
         fail(QStringLiteral("cannot write to %1: %2").arg(path_, writer_.error()));
         writer_.exec("ROLLBACK");
@@ -249,6 +260,13 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
             job->done = true;
             if (!job->dedupKey.isEmpty())
                 queuedKeys_.erase(job->dedupKey);
+        }
+        if (ok) {
+            outboxRows_ -= moved;
+            for (const QString &key : moving)
+                queuedKeys_.erase(key);
+        } else {
+            outboxKeys_.insert(outboxKeys_.begin(), moving.begin(), moving.end());
         }
     }
     done_.notify_all();
@@ -288,43 +306,47 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
     s.reset();
     s.bind(1, m.conversation).bind(2, m.key).bind(3, m.sender).bind(4, std::int64_t(m.time)).bind(5, m.stamp);
     s.bind(6, m.body).bind(7, m.bodyType).bind(8, m.messageType).bind(9, m.securityLevel);
-    s.bind(10, m.outgoing ? 1 : 0).bind(11, int(m.state));
+    s.bind(10, m.outgoing ? 1 : 0).bind(11, int(m.state)).bind(12, std::int64_t(m.id));
     if (!s.run())
         return false;
     *id = 0;
     if (writer_.changes() == 0)
         return true; // already stored
-    *id = sqlite3_int64(sqlite3_last_insert_rowid(writer_.handle()));
-    newestId_ = std::max<qint64>(newestId_, *id);
+    *id = m.id;
+    insertWords_.reset();
     upsertConversation_.reset();
-    return upsertConversation_.bind(1, m.conversation).bind(2, std::int64_t(*id))
+    return insertWords_.bind(1, std::int64_t(*id)).bind(2, m.body).run() &&
+           upsertConversation_.bind(1, m.conversation).bind(2, std::int64_t(*id))
         .bind(3, m.state == StoredState::Received ? 1 : 0)
         .bind(4, std::int64_t(m.time))
         .run();
 }
 
-// Messages are indexed for search after they are written, by the store's
-// thread, many per transaction: a full-text index writes a segment of its
-// own per transaction, which would cost every send more than its message.
-bool MessageStore::indexNew(qint64 *indexed)
+// The sent messages written to the outbox, into messages (Pending).
+bool MessageStore::moveOutbox(int *moved)
 {
-    SqliteStatement newest = writer_.prepare("SELECT max(id) FROM messages");
-    const qint64 top = newest.next() ? qint64(newest.integer(0)) : 0;
-    if (top <= *indexed)
+    if (outboxRows_ == 0)
         return true;
-    indexWords_.reset();
-    if (!indexWords_.bind(1, std::int64_t(*indexed)).bind(2, std::int64_t(top)).run())
-        return false;
-    *indexed = top;
-    return true;
+    SqliteStatement rows = writer_.prepare("SELECT id, conv, msg_key, sender, at, stamp, body, body_type, msg_type,"
+                                           " sec_level FROM outbox ORDER BY id");
+    while (rows.next()) {
+        StoredMessage m{ rows.integer(0), rows.text(1), rows.text(2), rows.text(3), rows.integer(4), rows.text(5),
+                         rows.text(6), int(rows.integer(7)), int(rows.integer(8)), int(rows.integer(9)), true,
+                         StoredState::Pending };
+        qint64 id = 0;
+        if (!insert(m, &id))
+            return false;
+        ++*moved;
+    }
+    return rows.result() == SQLITE_DONE && writer_.exec("DELETE FROM outbox");
 }
 
 bool MessageStore::forget(qint64 id)
 {
-    return (id > indexedUpTo_ || writer_.prepare("INSERT INTO search(search, rowid, words)"
-                                                 " SELECT 'delete', id, search_words(body) FROM messages WHERE id = ?1")
-                                     .bind(1, std::int64_t(id))
-                                     .run()) &&
+    return writer_.prepare("INSERT INTO search(search, rowid, words)"
+                           " SELECT 'delete', id, search_words(body) FROM messages WHERE id = ?1")
+               .bind(1, std::int64_t(id))
+               .run() &&
            writer_.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
 }
 
@@ -397,35 +419,51 @@ qint64 MessageStore::recordSent(StoredMessage message)
 {
     message.outgoing = true;
     message.state = StoredState::Pending;
-    auto job = std::make_shared<Job>();
-    job->work = [this, message](Job &job) {
-        const bool ok = insert(message, &job.id);
-        if (job.id > 0) {
-            job.recorded.push_back(message);
-            job.recorded.back().id = job.id;
-        }
-        return ok;
-    };
-    // Written on the caller's thread: a sender waits for its own commit,
-    // not for the store's thread to be scheduled.
-    std::vector<StoredMessage> changed;
-    {
-        std::lock_guard<std::mutex> lock(writerMutex_);
-        if (!writer_.isOpen())
-            return 0;
-        std::deque<std::shared_ptr<Job>> batch = takeJobs(SIZE_MAX); // what was queued before it goes first
-        batch.push_back(job);
-        commitBatch(batch, &changed, false);
-    }
+    const QString key = dedupKey(message);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (jobs_.empty() && !indexDue_)
-            gatherSinceMs_ = steadyMs();
-        indexDue_ = true;
+        if (!thread_.joinable() || stopping_)
+            return 0;
+        if (queuedKeys_.count(key) != 0)
+            return -1;
+        queuedKeys_.insert(key); // reserved while it is written
+        message.id = ++nextId_;
     }
+    // Written on the caller's thread, into the outbox alone: a send waits
+    // for one row's commit, not for the store's thread nor the indexes.
+    bool known = false, ok = false;
+    {
+        std::lock_guard<std::mutex> lock(writerMutex_);
+        knownKey_.reset();
+        known = knownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
+        knownKey_.reset(); // ends its read
+        SqliteStatement &s = insertOutbox_;
+        s.reset();
+        s.bind(1, message.conversation).bind(2, message.key).bind(3, message.sender).bind(4, std::int64_t(message.time));
+        s.bind(5, message.stamp).bind(6, message.body).bind(7, message.bodyType).bind(8, message.messageType);
+        s.bind(9, message.securityLevel).bind(10, std::int64_t(message.id));
+        ok = !known && writer_.exec("BEGIN IMMEDIATE") && s.run() && writer_.exec("COMMIT");
+        if (!known && !ok) {
+            fail(QStringLiteral("cannot write to %1: %2").arg(path_, writer_.error()));
+            writer_.exec("ROLLBACK");
+        }
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (ok) {
+            outboxKeys_.push_back(key);
+            ++outboxRows_;
+            if (jobs_.empty() && !moveDue_)
+                gatherSinceMs_ = steadyMs();
+            moveDue_ = true;
+        } else {
+            queuedKeys_.erase(key);
+        }
+    }
+    if (!ok)
+        return known ? -1 : 0;
     wake_.notify_one();
-    tell(changed);
-    return !job->ok ? 0 : job->id == 0 ? -1 : job->id;
+    if (onChanged)
+        onChanged(message);
+    return message.id;
 }
 
 bool MessageStore::recordReceived(const StoredMessage &message)
@@ -438,14 +476,16 @@ bool MessageStore::recordReceived(const StoredMessage &message)
                 return false;
         }
         std::lock_guard<std::mutex> lock(readerMutex_);
-        SqliteStatement known = reader_.prepare(
-            "SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3 AND msg_key <> ''");
-        if (known.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next())
+        const bool known =
+            readerKnownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
+        readerKnownKey_.reset(); // ends its read: the reader sees later commits
+        if (known)
             return false;
     }
     auto job = std::make_shared<Job>();
     job->dedupKey = key;
-    job->work = [this, message](Job &job) {
+    job->work = [this, message = message](Job &job) mutable {
+        message.id = job.id;
         const bool ok = insert(message, &job.id);
         if (job.id > 0) {
             job.recorded.push_back(message);
@@ -459,6 +499,9 @@ bool MessageStore::recordReceived(const StoredMessage &message)
             return false;
         if (!thread_.joinable() || stopping_)
             return true;
+        job->id = ++nextId_; // the order of arrival
+        if (jobs_.empty() && !moveDue_)
+            gatherSinceMs_ = steadyMs();
         jobs_.push_back(job);
     }
     wake_.notify_one();
@@ -539,20 +582,34 @@ QList<StoredMessage> MessageStore::select(const char *sql, const std::function<v
     return out;
 }
 
-QList<StoredMessage> MessageStore::pending() const
+void MessageStore::settle()
 {
+    bool outbox = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        outbox = outboxRows_ > 0;
+    }
+    if (outbox)
+        flush();
+}
+
+QList<StoredMessage> MessageStore::pending()
+{
+    settle();
     return select("SELECT $COLUMNS FROM messages m WHERE m.state = 0 ORDER BY m.id", [](SqliteStatement &) {});
 }
 
 int MessageStore::pendingCount() const
 {
     std::lock_guard<std::mutex> lock(readerMutex_);
-    SqliteStatement count = reader_.prepare("SELECT count(*) FROM messages WHERE state = 0");
+    SqliteStatement count = reader_.prepare(
+        "SELECT (SELECT count(*) FROM messages WHERE state = 0) + (SELECT count(*) FROM outbox)");
     return count.next() ? int(count.integer(0)) : 0;
 }
 
-QList<StoredConversation> MessageStore::conversations() const
+QList<StoredConversation> MessageStore::conversations()
 {
+    settle();
     QList<StoredConversation> out;
     std::lock_guard<std::mutex> lock(readerMutex_);
     SqliteStatement rows = reader_.prepare(
@@ -570,8 +627,9 @@ QList<StoredConversation> MessageStore::conversations() const
     return out;
 }
 
-QList<StoredMessage> MessageStore::messages(const QString &conversation, const QString &beforeKey, int limit) const
+QList<StoredMessage> MessageStore::messages(const QString &conversation, const QString &beforeKey, int limit)
 {
+    settle();
     return select("SELECT * FROM (SELECT $COLUMNS FROM messages m WHERE m.conv = ?1 AND (?2 = '' OR (m.at, m.id) <"
                   " (SELECT at, id FROM messages WHERE conv = ?1 AND msg_key = ?2 ORDER BY id LIMIT 1))"
                   " ORDER BY m.at DESC, m.id DESC LIMIT ?3) ORDER BY at, id",
@@ -580,8 +638,7 @@ QList<StoredMessage> MessageStore::messages(const QString &conversation, const Q
 
 QList<StoredMessage> MessageStore::search(const QString &text, const QString &conversation, int limit)
 {
-    if (newestId_ > indexedUpTo_)
-        flush(); // indexes what is written
+    settle();
     QStringList lone;
     const QString match = SearchText::query(text, &lone);
     if (match.isEmpty() && lone.isEmpty())

@@ -93,14 +93,14 @@ public:
 
     // --- reads, any thread --------------------------------------------------
     /// The Pending messages, oldest first.
-    QList<StoredMessage> pending() const;
+    QList<StoredMessage> pending();
     int pendingCount() const;
     /// Every conversation, the one with the newest message first.
-    QList<StoredConversation> conversations() const;
+    QList<StoredConversation> conversations();
     /// At most `limit` messages of the conversation in the order of their
     /// times (then of recording), oldest first: the newest ones, or with
     /// `beforeKey` those before the message with that key.
-    QList<StoredMessage> messages(const QString &conversation, const QString &beforeKey, int limit) const;
+    QList<StoredMessage> messages(const QString &conversation, const QString &beforeKey, int limit);
     /// At most `limit` messages whose bodies hold every word of `text`
     /// (see searchtext.h), in one conversation or (empty) all, the most
     /// recently recorded first. Messages written and not yet indexed are
@@ -119,10 +119,12 @@ private:
     bool waitFor(const std::shared_ptr<Job> &job);
     void run();
     std::deque<std::shared_ptr<Job>> takeJobs(std::size_t most);
-    /// With writerMutex_ held; what changed goes to `changed` (for tell).
-    /// With `index`, what is not indexed yet is indexed in the same commit.
-    bool commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed, bool index);
-    bool indexNew(qint64 *indexed);
+    /// With writerMutex_ held: moves the outbox into messages, runs the
+    /// batch, commits; what changed goes to `changed` (for tell).
+    bool commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed);
+    bool moveOutbox(int *moved);
+    /// Before a read that shows sent messages: the outbox moved first.
+    void settle();
     bool retentionPass();
     void fail(const QString &what) const;
     bool insert(const StoredMessage &message, qint64 *id);
@@ -138,9 +140,8 @@ private:
     QString path_;
     std::mutex writerMutex_; // guards writer_ and its statements; taken before mutex_
     SqliteDatabase writer_;
-    SqliteStatement insertMessage_, indexWords_, upsertConversation_, markSent_;
-    std::atomic<qint64> indexedUpTo_{ 0 }; // every message up to this id is in the search index
-    std::atomic<qint64> newestId_{ 0 };    // the newest message written
+    SqliteStatement insertMessage_, insertWords_, insertOutbox_, knownKey_, upsertConversation_, markSent_;
+    SqliteStatement readerKnownKey_; // under readerMutex_
     mutable SqliteDatabase reader_;
     mutable std::mutex readerMutex_;
 
@@ -148,13 +149,16 @@ private:
     std::condition_variable wake_;
     std::condition_variable done_;
     std::deque<std::shared_ptr<Job>> jobs_;
-    std::set<QString> queuedKeys_; // received messages queued, not yet committed
+    std::set<QString> queuedKeys_; // messages queued or in the outbox, not yet in messages
     mutable QString error_;
     qint64 maxAgeMs_ = 0;
     int maxPerConversation_ = 0;
     std::int64_t retentionDueMs_ = -1; // steady ms; -1: none set
     bool stopping_ = false;
-    bool indexDue_ = false;          // messages were written that are not indexed yet
+    qint64 nextId_ = 0;               // the last id given: ids follow the order of the calls
+    std::vector<QString> outboxKeys_; // the keys of the outbox's rows (also in queuedKeys_)
+    int outboxRows_ = 0;              // rows in the outbox
+    bool moveDue_ = false;            // the outbox waits to be moved
     int awaited_ = 0;                // queued writes a caller waits for
     std::int64_t gatherSinceMs_ = 0; // steady ms: since when queued writes wait
     std::thread thread_;

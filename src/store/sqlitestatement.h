@@ -39,7 +39,8 @@ public:
     bool run();
     /// The result code of the last step (SQLITE_ROW, SQLITE_DONE, an error).
     int result() const { return rc_; }
-    /// Clears bindings and rewinds, for the next use.
+    /// Clears bindings and rewinds, for the next use; a statement kept
+    /// between uses must be reset after it, or its read stays open.
     void reset();
 
     std::int64_t integer(int column) const;

@@ -376,6 +376,8 @@ private:
     std::deque<StoredMessage> unsent;
     QString storeError;
     QString catchUpAnchor; // the last sync asked for by the catch-up
+    int catchUpPages = 0;  // answers of this login's catch-up so far
+    static constexpr int kMaxCatchUpPages = 1000;
 };
 
 #endif // PUSHCHAT_MESSAGEPRIVATE_H

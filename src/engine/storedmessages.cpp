@@ -185,12 +185,15 @@ void MessagePrivate::catchUp()
     {
         std::lock_guard<std::mutex> lock(outboxMutex);
         catchUpAnchor = anchor;
+        catchUpPages = 0;
     }
     startSyncMessage(anchor);
 }
 
 // A history answer: its messages are recorded (each key once). An answer
-// to the catch-up that says more follow asks for the next part.
+// to the catch-up that says more follow asks for the next part, up to
+// kMaxCatchUpPages parts a login (a server that always has more does not
+// keep the client asking).
 void MessagePrivate::recordHistory(const std::string &body)
 {
     if (store == nullptr)
@@ -223,7 +226,8 @@ void MessagePrivate::recordHistory(const std::string &body)
     {
         std::lock_guard<std::mutex> lock(outboxMutex);
         next = answer.value(QLatin1String("more")).toBool() && !last.isEmpty() &&
-               answer.value(QLatin1String("msg_uuid")).toString() == catchUpAnchor;
+               answer.value(QLatin1String("msg_uuid")).toString() == catchUpAnchor &&
+               ++catchUpPages < kMaxCatchUpPages;
         if (next)
             catchUpAnchor = last;
     }

@@ -74,6 +74,7 @@ MessageStore::~MessageStore()
         stopping_ = true;
     }
     wake_.notify_all();
+    room_.notify_all();
     if (thread_.joinable())
         thread_.join();
 }
@@ -92,6 +93,7 @@ bool MessageStore::open(const QString &path)
         return false;
     }
     writer_.exec(syncEachCommit_ ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+    writer_.exec("PRAGMA cache_size=-16384"); // 16 MiB: the indexes' pages of a large store stay at hand
     insertMessage_ = writer_.prepare(
         "INSERT OR IGNORE INTO messages(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
         " outgoing, state) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
@@ -182,10 +184,10 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
         batch.push_back(std::move(jobs_.front()));
         jobs_.pop_front();
     }
-    awaited_ = 0; // a waiter's job is taken, or one behind it waits for the next commit anyway
-    for (const auto &job : jobs_)
-        awaited_ += job->awaited;
+    for (const auto &job : batch)
+        awaited_ -= job->awaited;
     gatherSinceMs_ = steadyMs();
+    room_.notify_all();
     return batch;
 }
 
@@ -503,6 +505,12 @@ bool MessageStore::recordReceived(const StoredMessage &message)
         if (jobs_.empty() && !moveDue_)
             gatherSinceMs_ = steadyMs();
         jobs_.push_back(job);
+    }
+    wake_.notify_one();
+    {
+        // Back-pressure: arrivals faster than the disk wait here, not in memory.
+        std::unique_lock<std::mutex> lock(mutex_);
+        room_.wait(lock, [&] { return stopping_ || jobs_.size() < std::size_t(kMaxQueued); });
     }
     wake_.notify_one();
     return true;

@@ -42,6 +42,8 @@ class MessageStore {
 public:
     /// Most writes in one transaction.
     static constexpr int kBatch = 512;
+    /// Most writes queued: a caller recording more waits for the commits.
+    static constexpr int kMaxQueued = 8 * kBatch;
     /// Most rows one retention pass deletes in one transaction.
     static constexpr int kRetentionBatch = 1000;
 
@@ -74,6 +76,7 @@ public:
     /// its direction and state as given) unless its key is already stored
     /// or queued for the same conversation and sender: false then, and
     /// nothing is written. A message without a key is always recorded.
+    /// Waits while kMaxQueued writes are queued.
     bool recordReceived(const StoredMessage &message);
     /// A sent message the broker acknowledged: Pending becomes Sent.
     void markSent(qint64 id);
@@ -148,6 +151,7 @@ private:
     mutable std::mutex mutex_; // guards what follows
     std::condition_variable wake_;
     std::condition_variable done_;
+    std::condition_variable room_; // the queue took a batch
     std::deque<std::shared_ptr<Job>> jobs_;
     std::set<QString> queuedKeys_; // messages queued or in the outbox, not yet in messages
     mutable QString error_;

@@ -638,10 +638,21 @@ QList<StoredConversation> MessageStore::conversations()
 QList<StoredMessage> MessageStore::messages(const QString &conversation, const QString &beforeKey, int limit)
 {
     settle();
-    return select("SELECT * FROM (SELECT $COLUMNS FROM messages m WHERE m.conv = ?1 AND (?2 = '' OR (m.at, m.id) <"
-                  " (SELECT at, id FROM messages WHERE conv = ?1 AND msg_key = ?2 ORDER BY id LIMIT 1))"
-                  " ORDER BY m.at DESC, m.id DESC LIMIT ?3) ORDER BY at, id",
-                  [&](SqliteStatement &s) { s.bind(1, conversation).bind(2, beforeKey).bind(3, limit); });
+    // Keyset paging on the conversation's index (conv, at, id): the anchor
+    // first, then the page below it.
+    std::int64_t at = INT64_MAX, id = INT64_MAX;
+    if (!beforeKey.isEmpty()) {
+        std::lock_guard<std::mutex> lock(readerMutex_);
+        SqliteStatement anchor =
+            reader_.prepare("SELECT at, id FROM messages WHERE conv = ?1 AND msg_key = ?2 AND msg_key <> '' LIMIT 1");
+        if (!anchor.bind(1, conversation).bind(2, beforeKey).next())
+            return {};
+        at = anchor.integer(0);
+        id = anchor.integer(1);
+    }
+    return select("SELECT * FROM (SELECT $COLUMNS FROM messages m WHERE m.conv = ?1 AND (m.at, m.id) < (?2, ?3)"
+                  " ORDER BY m.at DESC, m.id DESC LIMIT ?4) ORDER BY at, id",
+                  [&](SqliteStatement &s) { s.bind(1, conversation).bind(2, at).bind(3, id).bind(4, limit); });
 }
 
 QList<StoredMessage> MessageStore::search(const QString &text, const QString &conversation, int limit)

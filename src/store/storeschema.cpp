@@ -15,7 +15,7 @@ const char *const kSteps[] = {
     " msg_type INTEGER NOT NULL, sec_level INTEGER NOT NULL, outgoing INTEGER NOT NULL,"
     " state INTEGER NOT NULL);"
     "CREATE INDEX messages_by_conv ON messages(conv, at, id);"
-    "CREATE UNIQUE INDEX messages_by_key ON messages(conv, sender, msg_key) WHERE msg_key <> '';"
+    "CREATE UNIQUE INDEX messages_by_key ON messages(conv, msg_key, sender) WHERE msg_key <> '';"
     "CREATE INDEX messages_pending ON messages(id) WHERE state = 0;"
     "CREATE INDEX messages_sent_by_key ON messages(msg_key) WHERE outgoing = 1;"
     // Sent messages as just written, before the store's thread moves them

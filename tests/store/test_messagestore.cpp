@@ -17,7 +17,9 @@
 
 #include <atomic>
 #include <csignal>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <sys/resource.h>
 
 namespace {
@@ -43,10 +45,11 @@ struct Folder {
     QTemporaryDir dir;
     QString path = dir.filePath("s.db");
     std::unique_ptr<MessageStore> store;
-    MessageStore &open()
+    MessageStore &open(std::function<void(const StoredMessage &)> changed = {})
     {
         store.reset();
         store = std::make_unique<MessageStore>(false);
+        store->onChanged = std::move(changed);
         EXPECT_TRUE(store->open(path)) << store->error().toStdString();
         return *store;
     }
@@ -93,7 +96,8 @@ TEST(MessageStore, PagesUnreadCountsAndKeysOutliveAReopening)
     EXPECT_TRUE(store->recordReceived(message("room@x", "", "no key")));
     store->markSent(2);
     ASSERT_TRUE(store->flush());
-    store = &folder.open();
+    std::atomic<int> told{ 0 }; // changes to Read
+    store = &folder.open([&](const StoredMessage &m) { told += m.state == StoredState::Read; });
     EXPECT_FALSE(store->recordReceived(message("room@x", "r2", "after the reopening")));
     const QList<StoredConversation> list = store->conversations();
     ASSERT_EQ(list.size(), 2);
@@ -104,8 +108,6 @@ TEST(MessageStore, PagesUnreadCountsAndKeysOutliveAReopening)
     EXPECT_EQ(keys(store->messages("bob@x", "s1", 5)), QStringList{ "s0" });
     EXPECT_EQ(keys(store->messages("bob@x", "nonesuch", 5)), QStringList());
     EXPECT_EQ(keys(store->pending()), (QStringList{ "s0", "s2", "s3", "s4" })); // id 2 is s1: sent
-    std::atomic<int> told{ 0 }; // changes to Read
-    store->onChanged = [&](const StoredMessage &m) { told += m.state == StoredState::Read; };
     store->markReadByPeer("s1");
     EXPECT_EQ(store->markConversationRead("room@x"), (QStringList{ "r0", "r1", "r2", "r1" }));
     EXPECT_TRUE(eventually([&] { return told == 7; }));
@@ -208,11 +210,17 @@ TEST(MessageStore, FilesThatAreNotStoresAreRefusedUnharmed)
 // A write the disk does not take fails, is reported, and costs nothing else.
 TEST(MessageStore, AFullDiskRefusesTheSendAndKeepsTheRest)
 {
-    Folder folder;
-    MessageStore &store = folder.open();
-    ASSERT_GT(store.recordSent(message("bob@x", "before", "small", "me@x")), 0);
+    QTemporaryDir dir;
+    MessageStore store(false);
+    std::mutex mutex;
     QString told;
-    store.onFailed = [&](const QString &text) { told = text; };
+    store.onFailed = [&](const QString &text) {
+        std::lock_guard<std::mutex> lock(mutex);
+        told = text;
+    };
+    ASSERT_TRUE(store.open(dir.filePath("s.db")));
+    ASSERT_GT(store.recordSent(message("bob@x", "before", "small", "me@x")), 0);
+    ASSERT_TRUE(store.flush());
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
@@ -221,7 +229,10 @@ TEST(MessageStore, AFullDiskRefusesTheSendAndKeepsTheRest)
     const qint64 refused = store.recordSent(message("bob@x", "big", QString(1 << 20, 'x'), "me@x"));
     setrlimit(RLIMIT_FSIZE, &limit);
     EXPECT_EQ(refused, 0);
-    EXPECT_TRUE(told.contains("cannot write to " + folder.path)) << told.toStdString();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_TRUE(told.contains("cannot write to " + dir.filePath("s.db"))) << told.toStdString();
+    }
     EXPECT_GT(store.recordSent(message("bob@x", "after", "small", "me@x")), 0);
     EXPECT_EQ(keys(store.messages("bob@x", {}, 5)), (QStringList{ "before", "after" }));
 }

@@ -152,17 +152,29 @@ std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work, bool awaited)
     auto job = std::make_shared<Job>();
     job->work = std::move(work);
     job->awaited = awaited;
+    bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!thread_.joinable() || stopping_)
             return nullptr;
-        if (jobs_.empty() && !moveDue_)
-            gatherSinceMs_ = steadyMs();
-        jobs_.push_back(job);
-        awaited_ += awaited;
+        wake = enqueueLocked(job);
     }
-    wake_.notify_one();
+    if (wake)
+        wake_.notify_one();
     return job;
+}
+
+// Only what changes the thread's plan wakes it: the first write of a
+// gathering (which starts its clock), a write somebody waits for, a full
+// batch. A wake-up for every write would cost a thread switch each.
+bool MessageStore::enqueueLocked(const std::shared_ptr<Job> &job)
+{
+    const bool idle = jobs_.empty() && !moveDue_;
+    if (idle)
+        gatherSinceMs_ = steadyMs();
+    jobs_.push_back(job);
+    awaited_ += job->awaited;
+    return idle || job->awaited || jobs_.size() == std::size_t(kBatch);
 }
 
 bool MessageStore::waitFor(const std::shared_ptr<Job> &job)
@@ -433,7 +445,7 @@ qint64 MessageStore::recordSent(StoredMessage message)
     }
     // Written on the caller's thread, into the outbox alone: a send waits
     // for one row's commit, not for the store's thread nor the indexes.
-    bool known = false, ok = false;
+    bool known = false, ok = false, wake = false;
     {
         std::lock_guard<std::mutex> lock(writerMutex_);
         knownKey_.reset();
@@ -453,7 +465,8 @@ qint64 MessageStore::recordSent(StoredMessage message)
         if (ok) {
             outboxKeys_.push_back(key);
             ++outboxRows_;
-            if (jobs_.empty() && !moveDue_)
+            wake = jobs_.empty() && !moveDue_;
+            if (wake)
                 gatherSinceMs_ = steadyMs();
             moveDue_ = true;
         } else {
@@ -462,7 +475,8 @@ qint64 MessageStore::recordSent(StoredMessage message)
     }
     if (!ok)
         return known ? -1 : 0;
-    wake_.notify_one();
+    if (wake)
+        wake_.notify_one();
     if (onChanged)
         onChanged(message);
     return message.id;
@@ -485,6 +499,7 @@ bool MessageStore::recordReceived(const StoredMessage &message)
             return false;
     }
     auto job = std::make_shared<Job>();
+    bool wake = false;
     job->dedupKey = key;
     job->work = [this, message = message](Job &job) mutable {
         message.id = job.id;
@@ -502,17 +517,13 @@ bool MessageStore::recordReceived(const StoredMessage &message)
         if (!thread_.joinable() || stopping_)
             return true;
         job->id = ++nextId_; // the order of arrival
-        if (jobs_.empty() && !moveDue_)
-            gatherSinceMs_ = steadyMs();
-        jobs_.push_back(job);
+        wake = enqueueLocked(job);
     }
-    wake_.notify_one();
-    {
-        // Back-pressure: arrivals faster than the disk wait here, not in memory.
-        std::unique_lock<std::mutex> lock(mutex_);
-        room_.wait(lock, [&] { return stopping_ || jobs_.size() < std::size_t(kMaxQueued); });
-    }
-    wake_.notify_one();
+    if (wake)
+        wake_.notify_one();
+    // Back-pressure: arrivals faster than the disk wait here, not in memory.
+    std::unique_lock<std::mutex> lock(mutex_);
+    room_.wait(lock, [&] { return stopping_ || jobs_.size() < std::size_t(kMaxQueued); });
     return true;
 }
 

@@ -119,6 +119,8 @@ private:
     using Work = std::function<bool(Job &)>;
     /// Queues a write; `awaited`: a caller will wait for its commit.
     std::shared_ptr<Job> queue(Work work, bool awaited = false);
+    /// With mutex_ held: queues `job`; true when the thread must be woken.
+    bool enqueueLocked(const std::shared_ptr<Job> &job);
     bool waitFor(const std::shared_ptr<Job> &job);
     void run();
     std::deque<std::shared_ptr<Job>> takeJobs(std::size_t most);

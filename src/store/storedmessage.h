@@ -25,12 +25,12 @@ struct StoredMessage {
     QString sender;       ///< the sender's JID
     qint64 time = 0;      ///< milliseconds since the epoch: when it was sent or received here
     QString stamp;        ///< the sender's stamp, as sent
-    QString body;
+    QString body;         ///< the text (what the user's level may not read: a placeholder)
     int bodyType = 0;      ///< MESSAGE_BODY_TYPE
     int messageType = 0;   ///< MediaInfo::MessageType (chat or room)
     int securityLevel = 0; ///< the message's level
     bool outgoing = false; ///< sent by this user
-    StoredState state = StoredState::Received;
+    StoredState state = StoredState::Received; ///< where it stands
 };
 
 /// One conversation: its newest message and how many received ones are unread.

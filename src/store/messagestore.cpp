@@ -9,6 +9,11 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <map>
 
@@ -98,23 +103,24 @@ bool MessageStore::open(const QString &path)
         "INSERT OR IGNORE INTO messages(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
         " outgoing, state) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
     insertWords_ = writer_.prepare("INSERT INTO search(rowid, words) VALUES(?1, search_words(?2))");
-    insertOutbox_ = writer_.prepare(
+    if (!openOutbox())
+        return false;
+    insertOutbox_ = outbox_.prepare(
         "INSERT INTO outbox(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level)"
         " VALUES(?10, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
-    knownKey_ = writer_.prepare(
-        "SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3 AND msg_key <> ''");
-    SqliteStatement newest = writer_.prepare(
-        "SELECT max(coalesce((SELECT max(id) FROM messages), 0), coalesce((SELECT max(id) FROM outbox), 0))");
-    nextId_ = newest.next() ? qint64(newest.integer(0)) : 0;
-    SqliteStatement outboxRows = writer_.prepare("SELECT count(*) FROM outbox");
-    outboxRows_ = outboxRows.next() ? int(outboxRows.integer(0)) : 0;
+    SqliteStatement newest = writer_.prepare("SELECT coalesce(max(id), 0) FROM messages");
+    SqliteStatement newestOut = outbox_.prepare("SELECT coalesce(max(id), 0), count(*) FROM outbox");
+    nextId_ = std::max(newest.next() ? qint64(newest.integer(0)) : 0,
+                       newestOut.next() ? qint64(newestOut.integer(0)) : 0);
+    outboxRows_ = int(newestOut.integer(1));
+    newestOut.reset();
     moveDue_ = outboxRows_ > 0; // what a run that ended early did not move
     markSent_ = writer_.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
     upsertConversation_ = writer_.prepare(
         "INSERT INTO conversations(conv, last_id, last_at, unread) VALUES(?1, ?2, ?4, ?3) ON CONFLICT(conv) DO UPDATE"
         " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
         " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
-    if (!insertMessage_.valid() || !insertWords_.valid() || !insertOutbox_.valid() || !knownKey_.valid() ||
+    if (!insertMessage_.valid() || !insertWords_.valid() || !insertOutbox_.valid() ||
         !upsertConversation_.valid() || !markSent_.valid() ||
         !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1") ||
         !(readerKnownKey_ = reader_.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
@@ -125,6 +131,28 @@ bool MessageStore::open(const QString &path)
         return false;
     }
     thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+// The outbox's file, created with mode 0600 beside the store and covered
+// by the store's lock.
+bool MessageStore::openOutbox()
+{
+    const QString path = path_ + QLatin1String("-outbox");
+    const int fd = ::open(path.toLocal8Bit().constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0)
+        ::close(fd);
+    // One connection only: exclusive locking spares each send the file
+    // locks and the shared-memory index of a file others read.
+    if (fd < 0 || !outbox_.open(path, false) || !outbox_.exec("PRAGMA locking_mode=EXCLUSIVE") ||
+        !outbox_.exec("PRAGMA journal_mode=WAL") ||
+        !outbox_.exec(syncEachCommit_ ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") ||
+        !outbox_.exec(StoreSchema::kOutbox)) {
+        fail(QStringLiteral("cannot use %1: %2").arg(path, fd < 0 ? QString::fromLocal8Bit(std::strerror(errno))
+                                                                   : outbox_.error()));
+        writer_.close();
+        return false;
+    }
     return true;
 }
 
@@ -251,13 +279,9 @@ void MessageStore::run()
 
 bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed)
 {
-    std::vector<QString> moving; // the keys of the outbox's rows
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        moving.swap(outboxKeys_);
-    }
-    int moved = 0;
-    bool ok = writer_.exec("BEGIN IMMEDIATE") && moveOutbox(&moved);
+    std::vector<QString> moving; // the keys of the outbox's rows moved
+    std::vector<qint64> moved;   // and their ids
+    bool ok = writer_.exec("BEGIN IMMEDIATE") && moveOutbox(&moved, &moving);
     for (const auto &job : batch) {
         job->ok = ok && job->work(*job);
         ok = ok && job->ok;
@@ -276,7 +300,7 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
                 queuedKeys_.erase(job->dedupKey);
         }
         if (ok) {
-            outboxRows_ -= moved;
+            outboxRows_ -= int(moved.size());
             for (const QString &key : moving)
                 queuedKeys_.erase(key);
         } else {
@@ -284,6 +308,8 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
         }
     }
     done_.notify_all();
+    if (ok && !moved.empty())
+        dropFromOutbox(moved);
     if (!ok || !onChanged)
         return ok;
     SqliteStatement row = writer_.prepare(QByteArray("SELECT $COLUMNS FROM messages m WHERE m.id = ?1")
@@ -336,23 +362,54 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
         .run();
 }
 
-// The sent messages written to the outbox, into messages (Pending).
-bool MessageStore::moveOutbox(int *moved)
+// The sent messages written to the outbox, into messages (Pending), in
+// the store's transaction; dropFromOutbox removes them once it is
+// committed. Should the process die in between, they are moved again at
+// the next opening, and ignored then (their ids are there already).
+bool MessageStore::moveOutbox(std::vector<qint64> *ids, std::vector<QString> *keys)
 {
-    if (outboxRows_ == 0)
-        return true;
-    SqliteStatement rows = writer_.prepare("SELECT id, conv, msg_key, sender, at, stamp, body, body_type, msg_type,"
-                                           " sec_level FROM outbox ORDER BY id");
-    while (rows.next()) {
-        StoredMessage m{ rows.integer(0), rows.text(1), rows.text(2), rows.text(3), rows.integer(4), rows.text(5),
-                         rows.text(6), int(rows.integer(7)), int(rows.integer(8)), int(rows.integer(9)), true,
-                         StoredState::Pending };
+    std::vector<StoredMessage> rows;
+    {
+        std::lock_guard<std::mutex> lock(outboxMutex_);
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (outboxRows_ == 0)
+                return true;
+            keys->swap(outboxKeys_);
+        }
+        SqliteStatement row = outbox_.prepare("SELECT id, conv, msg_key, sender, at, stamp, body, body_type,"
+                                              " msg_type, sec_level FROM outbox ORDER BY id");
+        while (row.next())
+            rows.push_back({ row.integer(0), row.text(1), row.text(2), row.text(3), row.integer(4), row.text(5),
+                             row.text(6), int(row.integer(7)), int(row.integer(8)), int(row.integer(9)), true,
+                             StoredState::Pending });
+        if (row.result() != SQLITE_DONE) {
+            fail(QStringLiteral("cannot read %1-outbox: %2").arg(path_, outbox_.error()));
+            return false;
+        }
+    }
+    for (const StoredMessage &m : rows) {
         qint64 id = 0;
         if (!insert(m, &id))
             return false;
-        ++*moved;
+        ids->push_back(m.id);
     }
-    return rows.result() == SQLITE_DONE && writer_.exec("DELETE FROM outbox");
+    return true;
+}
+
+void MessageStore::dropFromOutbox(const std::vector<qint64> &ids)
+{
+    std::lock_guard<std::mutex> lock(outboxMutex_);
+    SqliteStatement drop = outbox_.prepare("DELETE FROM outbox WHERE id = ?1");
+    bool ok = outbox_.exec("BEGIN IMMEDIATE");
+    for (const qint64 id : ids) {
+        drop.reset();
+        ok = ok && drop.bind(1, std::int64_t(id)).run();
+    }
+    if (!(ok && outbox_.exec("COMMIT"))) {
+        outbox_.exec("ROLLBACK"); // moved again later, and ignored then
+        fail(QStringLiteral("cannot write to %1-outbox: %2").arg(path_, outbox_.error()));
+    }
 }
 
 bool MessageStore::forget(qint64 id)
@@ -443,24 +500,24 @@ qint64 MessageStore::recordSent(StoredMessage message)
         queuedKeys_.insert(key); // reserved while it is written
         message.id = ++nextId_;
     }
-    // Written on the caller's thread, into the outbox alone: a send waits
-    // for one row's commit, not for the store's thread nor the indexes.
+    // Written on the caller's thread, into the outbox alone, a file of its
+    // own: a send waits for one row's commit, never for the store's thread.
     bool known = false, ok = false, wake = false;
     {
-        std::lock_guard<std::mutex> lock(writerMutex_);
-        knownKey_.reset();
-        known = knownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
-        knownKey_.reset(); // ends its read
+        std::lock_guard<std::mutex> lock(readerMutex_);
+        known = readerKnownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
+        readerKnownKey_.reset(); // ends its read
+    }
+    {
+        std::lock_guard<std::mutex> lock(outboxMutex_);
         SqliteStatement &s = insertOutbox_;
         s.reset();
         s.bind(1, message.conversation).bind(2, message.key).bind(3, message.sender).bind(4, std::int64_t(message.time));
         s.bind(5, message.stamp).bind(6, message.body).bind(7, message.bodyType).bind(8, message.messageType);
         s.bind(9, message.securityLevel).bind(10, std::int64_t(message.id));
-        ok = !known && writer_.exec("BEGIN IMMEDIATE") && s.run() && writer_.exec("COMMIT");
-        if (!known && !ok) {
-            fail(QStringLiteral("cannot write to %1: %2").arg(path_, writer_.error()));
-            writer_.exec("ROLLBACK");
-        }
+        ok = !known && s.run();
+        if (!known && !ok)
+            fail(QStringLiteral("cannot write to %1-outbox: %2").arg(path_, outbox_.error()));
         std::lock_guard<std::mutex> guard(mutex_);
         if (ok) {
             outboxKeys_.push_back(key);
@@ -621,9 +678,10 @@ QList<StoredMessage> MessageStore::pending()
 int MessageStore::pendingCount() const
 {
     std::lock_guard<std::mutex> lock(readerMutex_);
-    SqliteStatement count = reader_.prepare(
-        "SELECT (SELECT count(*) FROM messages WHERE state = 0) + (SELECT count(*) FROM outbox)");
-    return count.next() ? int(count.integer(0)) : 0;
+    SqliteStatement count = reader_.prepare("SELECT count(*) FROM messages WHERE state = 0");
+    const int stored = count.next() ? int(count.integer(0)) : 0;
+    std::lock_guard<std::mutex> guard(mutex_);
+    return stored + outboxRows_;
 }
 
 QList<StoredConversation> MessageStore::conversations()
@@ -704,7 +762,7 @@ QString MessageStore::newestReceivedKey() const
 qint64 MessageStore::fileBytes() const
 {
     qint64 bytes = 0;
-    for (const char *suffix : { "", "-wal", "-shm" })
+    for (const char *suffix : { "", "-wal", "-shm", "-outbox", "-outbox-wal", "-outbox-shm" })
         bytes += QFileInfo(path_ + QLatin1String(suffix)).size();
     return bytes;
 }

@@ -127,7 +127,9 @@ private:
     /// With writerMutex_ held: moves the outbox into messages, runs the
     /// batch, commits; what changed goes to `changed` (for tell).
     bool commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed);
-    bool moveOutbox(int *moved);
+    bool openOutbox();
+    bool moveOutbox(std::vector<qint64> *ids, std::vector<QString> *keys);
+    void dropFromOutbox(const std::vector<qint64> &ids);
     /// Before a read that shows sent messages: the outbox moved first.
     void settle();
     bool retentionPass();
@@ -145,7 +147,10 @@ private:
     QString path_;
     std::mutex writerMutex_; // guards writer_ and its statements; taken before mutex_
     SqliteDatabase writer_;
-    SqliteStatement insertMessage_, insertWords_, insertOutbox_, knownKey_, upsertConversation_, markSent_;
+    SqliteStatement insertMessage_, insertWords_, upsertConversation_, markSent_;
+    std::mutex outboxMutex_; // guards outbox_ and its statement; taken before mutex_
+    SqliteDatabase outbox_;
+    SqliteStatement insertOutbox_;
     SqliteStatement readerKnownKey_; // under readerMutex_
     mutable SqliteDatabase reader_;
     mutable std::mutex readerMutex_;

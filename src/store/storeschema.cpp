@@ -18,12 +18,6 @@ const char *const kSteps[] = {
     "CREATE UNIQUE INDEX messages_by_key ON messages(conv, msg_key, sender) WHERE msg_key <> '';"
     "CREATE INDEX messages_pending ON messages(id) WHERE state = 0;"
     "CREATE INDEX messages_sent_by_key ON messages(msg_key) WHERE outgoing = 1;"
-    // Sent messages as just written, before the store's thread moves them
-    // into messages: one row, no index, the cheapest write a send waits for.
-    "CREATE TABLE outbox("
-    " id INTEGER PRIMARY KEY, conv TEXT NOT NULL, msg_key TEXT NOT NULL, sender TEXT NOT NULL,"
-    " at INTEGER NOT NULL, stamp TEXT NOT NULL, body TEXT NOT NULL, body_type INTEGER NOT NULL,"
-    " msg_type INTEGER NOT NULL, sec_level INTEGER NOT NULL);"
     "CREATE TABLE conversations("
     " conv TEXT PRIMARY KEY, last_id INTEGER NOT NULL, last_at INTEGER NOT NULL, unread INTEGER NOT NULL)"
     " WITHOUT ROWID;",
@@ -47,6 +41,12 @@ int integerOf(SqliteDatabase &db, const char *sql)
 }
 
 } // namespace
+
+const char *const StoreSchema::kOutbox =
+    "CREATE TABLE IF NOT EXISTS outbox("
+    " id INTEGER PRIMARY KEY, conv TEXT NOT NULL, msg_key TEXT NOT NULL, sender TEXT NOT NULL,"
+    " at INTEGER NOT NULL, stamp TEXT NOT NULL, body TEXT NOT NULL, body_type INTEGER NOT NULL,"
+    " msg_type INTEGER NOT NULL, sec_level INTEGER NOT NULL)";
 
 const char *StoreSchema::step(int to)
 {

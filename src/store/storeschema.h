@@ -17,6 +17,11 @@ namespace StoreSchema {
 
 constexpr int kVersion = 2;
 
+/// The outbox, a file of its own beside the store (PATH-outbox): sent
+/// messages as just written, one row each without an index, until the
+/// store's thread moves them into the store.
+extern const char *const kOutbox;
+
 /// The statements that take a store from version `to` - 1 to `to`.
 const char *step(int to);
 

@@ -370,10 +370,13 @@ private:
     // constructor; destroyed after the destructor has disconnected.
     std::unique_ptr<ContactManager> contactManager; // never null
     // The message store and its outbox: the written messages not yet handed
-    // to the connection, oldest first.
+    // to the connection, oldest first (some of them; see handOverStored).
     std::unique_ptr<MessageStore> store;
-    mutable std::mutex outboxMutex; // guards unsent, storeError, catchUpAnchor
+    mutable std::mutex outboxMutex; // guards unsent and what follows
     std::deque<StoredMessage> unsent;
+    static constexpr std::size_t kUnsentHeld = 256;
+    qint64 unsentAfter = 0;     // the newest written message taken into unsent
+    bool unsentInStore = false; // written messages after unsentAfter wait in the store
     QString storeError;
     QString catchUpAnchor; // the last sync asked for by the catch-up
     int catchUpPages = 0;  // answers of this login's catch-up so far

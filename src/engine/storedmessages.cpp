@@ -87,18 +87,34 @@ int MessagePrivate::sendStored(const QString &target, int secLevel, const QStrin
     {
         std::lock_guard<std::mutex> lock(outboxMutex);
         storeError.clear();
-        unsent.push_back(std::move(message));
+        // Held in memory while few wait; beyond that read back in order.
+        if (!unsentInStore && unsent.size() < kUnsentHeld) {
+            unsentAfter = message.id;
+            unsent.push_back(std::move(message));
+        } else {
+            unsentInStore = true;
+        }
     }
     handOverStored();
     return 1;
 }
 
 // Oldest first, as long as the connection's outbox takes them; the rest go
-// when acknowledgements make room (published).
+// when acknowledgements make room (published). At most kUnsentHeld wait in
+// memory; the others are read back from the store in their order.
 void MessagePrivate::handOverStored()
 {
     std::lock_guard<std::mutex> lock(outboxMutex);
-    while (!unsent.empty() && pushClient != nullptr && !closing) {
+    for (;;) {
+        if (unsent.empty() && unsentInStore && pushClient != nullptr && !closing) {
+            for (StoredMessage &m : store->pending(unsentAfter, int(kUnsentHeld)))
+                unsent.push_back(std::move(m));
+            unsentInStore = unsent.size() == kUnsentHeld;
+            if (!unsent.empty())
+                unsentAfter = unsent.back().id;
+        }
+        if (unsent.empty() || pushClient == nullptr || closing)
+            break;
         const StoredMessage &m = unsent.front();
         const bool notice = m.bodyType == BODY_TYPE_NOTICE;
         MQTTMessage msg(pushClient, true);
@@ -131,8 +147,8 @@ void MessagePrivate::reloadUnsent()
     {
         std::lock_guard<std::mutex> lock(outboxMutex);
         unsent.clear();
-        for (StoredMessage &m : store->pending())
-            unsent.push_back(std::move(m));
+        unsentAfter = 0;
+        unsentInStore = true;
     }
     handOverStored();
 }

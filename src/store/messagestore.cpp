@@ -669,10 +669,11 @@ void MessageStore::settle()
         flush();
 }
 
-QList<StoredMessage> MessageStore::pending()
+QList<StoredMessage> MessageStore::pending(qint64 afterId, int limit)
 {
     settle();
-    return select("SELECT $COLUMNS FROM messages m WHERE m.state = 0 ORDER BY m.id", [](SqliteStatement &) {});
+    return select("SELECT $COLUMNS FROM messages m WHERE m.state = 0 AND m.id > ?1 ORDER BY m.id LIMIT ?2",
+                  [&](SqliteStatement &s) { s.bind(1, std::int64_t(afterId)).bind(2, limit); });
 }
 
 int MessageStore::pendingCount() const

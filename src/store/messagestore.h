@@ -28,6 +28,7 @@
 #include <QStringList>
 
 #include <atomic>
+#include <climits>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -95,8 +96,9 @@ public:
     bool flush();
 
     // --- reads, any thread --------------------------------------------------
-    /// The Pending messages, oldest first.
-    QList<StoredMessage> pending();
+    /// At most `limit` Pending messages after the one with id `afterId`,
+    /// oldest first.
+    QList<StoredMessage> pending(qint64 afterId = 0, int limit = INT_MAX);
     int pendingCount() const;
     /// Every conversation, the one with the newest message first.
     QList<StoredConversation> conversations();

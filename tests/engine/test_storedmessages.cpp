@@ -23,7 +23,7 @@ namespace {
 struct StoredUser {
     Counter side;
     Message_lib lib;
-    StoredUser(const char *name, const QString &path, int port, const char *device = "d", int size = 100)
+    StoredUser(const char *name, const QString &path, int port, const char *device = "d", int size = 400)
         : side(size), lib(&side, nullptr, device, name)
     {
         lib.setPushClientOptions(fast());
@@ -38,7 +38,7 @@ struct StoredUser {
     QStringList states(const char *peer)
     {
         QStringList out;
-        for (const StoredMessage &m : lib.storedMessages(peer, {}, 200))
+        for (const StoredMessage &m : lib.storedMessages(peer, {}, 1000))
             out << QString("%1:%2").arg(m.body).arg(int(m.state));
         return out;
     }
@@ -81,19 +81,21 @@ TEST(StoredMessages, AcceptedMessagesArriveOnceAcrossRestartsKillsAndGaps)
     auto bob = std::make_unique<StoredUser>("bob", b, broker.port());
     ASSERT_TRUE(eventually([&] { return bob->side.connects == 1 && bob->lib.engine()->pendingCount() == 0; }));
 
-    // Offline: 50 accepted, then the application ends before any broker.
+    // Offline: more accepted than the engine holds in memory, then the
+    // application ends before any broker.
+    constexpr int kOffline = 300;
     {
         StoredUser offline("alice", a, MosquittoBroker::freePort());
-        for (int i = 0; i < 50; ++i)
+        for (int i = 0; i < kOffline; ++i)
             ASSERT_EQ(offline.send("bob", i), 1);
-        EXPECT_EQ(offline.lib.storedPendingCount(), 50);
+        EXPECT_EQ(offline.lib.storedPendingCount(), kOffline);
     }
     StoredUser alice("alice", a, broker.port());
-    bob->side.waitFor(50);
-    EXPECT_EQ(bob->side.tally("offline, then restarted", 50), kNoneLost);
-    EXPECT_TRUE(eventually([&] { return bob->states("alice") == expected(0, 50, int(StoredState::Received)); }))
+    bob->side.waitFor(kOffline);
+    EXPECT_EQ(bob->side.tally("offline, then restarted", kOffline), kNoneLost);
+    EXPECT_TRUE(eventually([&] { return bob->states("alice") == expected(0, kOffline, int(StoredState::Received)); }))
         << bob->states("alice").join(' ').toStdString(); // in order
-    EXPECT_TRUE(eventually([&] { return alice.states("bob") == expected(0, 50, int(StoredState::Sent)); }));
+    EXPECT_TRUE(eventually([&] { return alice.states("bob") == expected(0, kOffline, int(StoredState::Sent)); }));
 
     // A client killed after accepting, before any acknowledgement: sent once at the next flush.
     const QString at = QString("--port %1 --domain im.test --user alice --level 5 --device c --store %2 ")
@@ -121,21 +123,23 @@ TEST(StoredMessages, AcceptedMessagesArriveOnceAcrossRestartsKillsAndGaps)
 
     // The same key again, enciphered anew (as a run that did not see the
     // broker's acknowledgement sends it): delivered once.
-    ASSERT_EQ(alice.send("bob", 51, "once"), 1);
+    ASSERT_EQ(alice.send("bob", kOffline + 1, "once"), 1);
     User again("alice", 0, broker.port());
-    ASSERT_EQ(again.lib.sendTextMessageTo("", "bob", 5, "n 51", BODY_TYPE_DEFAULT, false, "once", "st"), 1);
+    ASSERT_EQ(again.lib.sendTextMessageTo("", "bob", 5, QString("n %1").arg(kOffline + 1), BODY_TYPE_DEFAULT, false,
+                                          "once", "st"),
+              1);
 
     // Away: what arrives meanwhile is recorded at the next login (from a
     // new device, so the broker keeps nothing for it).
     bob.reset();
-    for (int i = 52; i < 55; ++i)
+    for (int i = kOffline + 2; i < kOffline + 5; ++i)
         ASSERT_EQ(alice.send("bob", i), 1);
     EXPECT_TRUE(eventually([&] { return alice.lib.storedPendingCount() == 0; }));
     bob = std::make_unique<StoredUser>("bob", b, broker.port(), "new");
-    QStringList all = expected(0, 50, int(StoredState::Received));
-    all << "n_50:2" << "n 51:2" << expected(52, 55, int(StoredState::Received));
+    QStringList all = expected(0, kOffline, int(StoredState::Received));
+    all << "n_50:2" << QString("n %1:2").arg(kOffline + 1) << expected(kOffline + 2, kOffline + 5, 2);
     EXPECT_TRUE(eventually([&] { return bob->states("alice") == all; })) << bob->states("alice").join(' ').toStdString();
-    EXPECT_EQ(bob->lib.storedConversations().value(0).unread, 55);
+    EXPECT_EQ(bob->lib.storedConversations().value(0).unread, kOffline + 5);
 
     // Read at bob's end: read at alice's.
     EXPECT_EQ(bob->lib.markConversationRead("alice", true), 1);

@@ -1,21 +1,29 @@
 #ifndef DESKTOPCHAT_CHATWINDOW_H
 #define DESKTOPCHAT_CHATWINDOW_H
 
-// The chat window: conversations and rooms on the left (friends with their
-// presence, rooms, friend requests), the open conversation's messages with
-// sender and time on the right, a send box below (Enter sends). Everything
-// the library reports arrives as MessageClient signals on this thread.
+// The chat window over the user's message store. On the left a search box
+// and two tabs: the conversations the store keeps (the most recent first,
+// unread counts, friends' presence) and the contacts (friends, rooms,
+// friend requests). On the right the open conversation, its older messages
+// loaded as it scrolls up, or the messages a search found; a send box below
+// (Enter sends). The store works without the broker: the history shows, and
+// what is typed waits, pending, until the broker is back. Everything the
+// library reports arrives as MessageClient signals on this thread.
 
 #include "logindialog.h"
+#include "messageview.h"
 
 #include <pushchat/messageclient.h>
+#include <pushchat/storedconversationmodel.h>
+#include <pushchat/storedmessagemodel.h>
 
-#include <QHash>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListView>
 #include <QListWidget>
 #include <QMainWindow>
 #include <QSet>
+#include <QStackedWidget>
 
 class ChatWindow : public QMainWindow {
     Q_OBJECT
@@ -23,30 +31,26 @@ public:
     /// `deviceId` empty: the id the library keeps for this installation.
     explicit ChatWindow(const QString &deviceId = QString(), QWidget *parent = nullptr);
 
-    /// Logs in with `settings`; progress shows in the status bar.
+    /// Opens the message store (settings.store, or the user's file in the
+    /// data folder) and logs in with `settings`; progress shows in the
+    /// status bar.
     void login(const LoginSettings &settings);
-    /// Opens (and lists, if new) the conversation with a user or a room.
+    /// Opens the conversation with a user or a room.
     void openConversation(const QString &jid, bool room);
     /// Sends `text` into the open conversation, as the send box does.
     void sendText(const QString &text);
+    /// Shows the stored messages that hold every word of `text`, in all
+    /// conversations, where the conversation was (the search box's Enter).
+    void search(const QString &text);
     MessageClient &client() { return m_client; }
 
 private:
     enum Kind { Chat, RoomChat, Request };
-    struct Line {
-        QString key;
-        QString text;
-    };
 
-    QListWidgetItem *item(const QString &jid, Kind kind, const QString &label = QString());
-    void addLine(const QString &conversation, const QString &key, const QString &from, const QString &time,
-                 const QString &body);
-    void showConversation();
-    void send();
-    void onMessage(const QString &from, const QString &to, const QString &body, int msgType, const QString &key,
-                   const QString &stamp);
-    void onConversations(const QByteArray &json);
-    void onConversationDetail(const QByteArray &json);
+    QListWidgetItem *contact(const QString &jid, Kind kind, const QString &label = QString());
+    void selectOpenConversation();
+    void onStored(const StoredMessage &message);
+    void showStatus();
     void onFriendList(const QByteArray &json);
     void onRoomList(const QString &json);
     void onRoomChanged(const QJsonObject &room, int cmd);
@@ -57,19 +61,25 @@ private:
     void acceptRequest();
     void askForRoom();
     void askForInvite();
-    QString bare(const QString &jid) const;
     QString completed(const QString &id) const;
 
     MessageClient m_client;
+    StoredConversationModel m_conversationModel;
+    StoredMessageModel m_messageModel;
     LoginSettings m_settings;
     QString m_jid;
-    QListWidget *m_conversations;
-    QListWidget *m_messages;
+    bool m_room = false;  // the open conversation is a room's
+    QString m_linkError;  // why the link is down, until it is up again
+    QSet<QString> m_online;
+    QLineEdit *m_search;
+    QListView *m_conversations;
+    QListWidget *m_contacts;
+    QStackedWidget *m_pages; // the conversation, or what a search found
+    MessageView *m_messages;
+    QLabel *m_foundTitle;
+    QListWidget *m_found;
     QLineEdit *m_sendBox;
     QLabel *m_connection;
-    QHash<QString, QVector<Line>> m_lines; // by conversation
-    QHash<QString, QSet<QString>> m_keys;  // the message keys shown, by conversation
-    QSet<QString> m_online;
 };
 
 #endif // DESKTOPCHAT_CHATWINDOW_H

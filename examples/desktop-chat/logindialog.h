@@ -18,6 +18,7 @@ struct LoginSettings {
     QString domain;   // empty: the host
     int level = 0;    // the user's security level
     QString httpBase; // the HTTP history service; empty: port 5201 of the host
+    QString store;    // the message store's file; empty: the user's in the data folder
     PushClientOptions push;
 };
 

@@ -3,11 +3,13 @@
 //
 //   desktop-chat [--host H] [--port P] [--user U] [--domain D] [--level N]
 //                [--http-base URL] [--device ID] [--tls] [--cafile F]
-//                [--cert F --key F] [--insecure]
+//                [--cert F --key F] [--insecure] [--store FILE]
 //                [--chat JID [--say TEXT]] [--reply TEXT]
 //                [--screenshot FILE [--quit]]
 //
-// --chat opens a conversation once connected and --say sends TEXT into it;
+// --store names the message store's file (default: one per user in the
+// data folder); --chat opens a conversation and --say sends TEXT into it
+// (kept in the store until the broker takes it);
 // --reply answers the first message that arrives with TEXT;
 // --screenshot saves the window as PNG 4 s after the login (--quit then
 // ends the program), for demos without a person watching.
@@ -42,6 +44,7 @@ int main(int argc, char *argv[])
                device = option("device", "Device id.", "id"), tls = option("tls", "Connect with TLS."),
                cafile = option("cafile", "CA file (PEM).", "path"), cert = option("cert", "Client certificate.", "path"),
                key = option("key", "Client key.", "path"), insecure = option("insecure", "Do not verify the broker."),
+               store = option("store", "Message store file (default: one per user in the data folder).", "path"),
                chat = option("chat", "Open a conversation with JID.", "jid"),
                say = option("say", "Send TEXT into it.", "text"),
                reply = option("reply", "Answer the first message with TEXT.", "text"),
@@ -67,19 +70,15 @@ int main(int argc, char *argv[])
             return 0;
         settings = dialog.settings();
     }
+    settings.store = parser.value(store);
 
     ChatWindow window(parser.value(device));
     window.show();
     window.login(settings);
     if (parser.isSet(chat)) {
-        QObject::connect(&window.client(), &MessageClient::connectionStateChanged, &window, [&](int state) {
-            static bool done = false;
-            if (state != MessageClient::Connected || std::exchange(done, true))
-                return;
-            window.openConversation(parser.value(chat), false);
-            if (parser.isSet(say))
-                window.sendText(parser.value(say));
-        });
+        window.openConversation(parser.value(chat), false);
+        if (parser.isSet(say))
+            window.sendText(parser.value(say));
     }
     if (parser.isSet(reply)) {
         QObject::connect(&window.client(), &MessageClient::messageReceived, &window, [&] {

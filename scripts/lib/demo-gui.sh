@@ -2,7 +2,8 @@
 # processes.sh loaded and the build in build/): installs the library into a
 # temporary prefix, builds examples/desktop-chat against it as any
 # application would, starts a private broker and the development server,
-# and opens two chat windows: alice says hello to bob, bob's window answers.
+# and opens two chat windows, each on a message store of its own in the
+# temporary folder: alice says hello to bob, bob's window answers.
 # On the user's display the windows stay until both are closed (or Ctrl-C);
 # without a display they run under a private Xvfb and each saves a
 # screenshot in build/demo/, whose paths the demo prints.
@@ -16,7 +17,7 @@ cleanup() {
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
-export XDG_CONFIG_HOME="$work/config"
+export XDG_CONFIG_HOME="$work/config" XDG_DATA_HOME="$work/data"
 
 echo "== installing the library into a temporary prefix and building examples/desktop-chat against it"
 cmake --build build --target pushchat pushchat_devserver -j "$(nproc)" | tail -n 1
@@ -41,9 +42,10 @@ if [ -z "${DISPLAY:-}" ]; then
   echo "== no display: the windows run under Xvfb ($DISPLAY) and save screenshots"
 fi
 common=(--port "$broker_port" --level 5 --http-base "http://127.0.0.1:$http_port")
-bob=("$chat" "${common[@]}" --user bob --device gui-bob --reply "Hi Alice, nice to see you here." -geometry 620x420+650+0)
-alice=("$chat" "${common[@]}" --user alice --device gui-alice --chat bob --say "Hello Bob, this is Alice." \
-  -geometry 620x420+0+0)
+bob=("$chat" "${common[@]}" --user bob --device gui-bob --store "$work/bob.db" \
+  --reply "Hi Alice, nice to see you here." -geometry 620x420+650+0)
+alice=("$chat" "${common[@]}" --user alice --device gui-alice --store "$work/alice.db" \
+  --chat bob --say "Hello Bob, this is Alice." -geometry 620x420+0+0)
 if [ ${#shots[@]} -gt 0 ]; then
   bob+=(--screenshot "${shots[0]}" --quit)
   alice+=(--screenshot "${shots[1]}" --quit)

@@ -128,7 +128,13 @@ QVariant StoredConversationModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> StoredConversationModel::roleNames() const
 {
-    return {{PeerRole, "peer"},           {RoomRole, "room"},         {LastTextRole, "lastText"},
-            {LastTimeRole, "lastTime"},   {LastSenderRole, "lastSender"}, {LastOutgoingRole, "lastOutgoing"},
-            {LastStateRole, "lastState"}, {UnreadRole, "unread"},     {Qt::DisplayRole, "display"}};
+    return {{PeerRole, "peer"},
+            {RoomRole, "room"},
+            {LastTextRole, "lastText"},
+            {LastTimeRole, "lastTime"},
+            {LastSenderRole, "lastSender"},
+            {LastOutgoingRole, "lastOutgoing"},
+            {LastStateRole, "lastState"},
+            {UnreadRole, "unread"},
+            {Qt::DisplayRole, "display"}};
 }

@@ -55,8 +55,11 @@ public:
     /// Reads the store's conversations now and updates the rows to match.
     Q_INVOKABLE void refresh();
 
+    /// The number of conversations (none under a valid parent).
     int rowCount(const QModelIndex &parent = QModelIndex()) const override;
+    /// The conversation's `role` (see Role), or an invalid QVariant.
     QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    /// The roles' names, for QML delegates.
     QHash<int, QByteArray> roleNames() const override;
 
 private:

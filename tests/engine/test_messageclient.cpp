@@ -1,13 +1,17 @@
 // MessageClient over one broker: its signals arrive on the thread the
 // object lives in, in the order the library delivered them; connection
-// state and errors follow the link; and destroying it while deliveries
-// stream in is safe.
+// state and errors follow the link; destroying it while deliveries
+// stream in is safe; and its store's models follow a real store.
 
 #include "enginetestkit.h"
 #include "qttestapp.h"
 #include "messageclient.h"
+#include "storedconversationmodel.h"
+#include "storedmessagemodel.h"
 
 #include <QCoreApplication>
+#include <QSet>
+#include <QTemporaryDir>
 #include <QThread>
 
 namespace {
@@ -67,6 +71,56 @@ TEST(MessageClient, SignalsArriveOnItsThreadInOrderAndItMayGoWhileTheyStreamIn)
     const std::size_t atEnd = seen.size();
     QCoreApplication::processEvents();
     EXPECT_EQ(seen.size(), atEnd);
+}
+
+TEST(MessageClient, StoreModelsPageAppendAndFollowStatesAndUnreadCounts)
+{
+    using C = StoredConversationModel;
+    using M = StoredMessageModel;
+    const auto rows = [](const QAbstractItemModel &model, int role1, int role2) { // "value1:value2 ..."
+        QStringList out;
+        for (int row = 0; row < model.rowCount(); ++row)
+            out << model.index(row, 0).data(role1).toString() + ':' + model.index(row, 0).data(role2).toString();
+        return out.join(' ');
+    };
+    QtTestApp<QCoreApplication> qt;
+    MosquittoBroker broker;
+    Wire wire;
+    ASSERT_TRUE(broker.start() && wire.start(broker)) << broker.log();
+    QTemporaryDir dir;
+    MessageClient client("dev-s", "S");
+    ASSERT_TRUE(client.openMessageStore(dir.filePath("erin.db"), false)) << client.lastStoreError().toStdString();
+    C conversations(&client);
+    const auto peers = [&] { return rows(conversations, C::PeerRole, C::UnreadRole); };
+    client.login(broker.host(), broker.port(), "erin", 5, "im.test");
+    ASSERT_TRUE(pump([&] { return client.connectionState() == MessageClient::Connected; }));
+    wire.publish("m/i/erin@im.test/n", seal("dave@im.test", "erin@im.test", "hi", 5));
+    ASSERT_TRUE(pump([&] { return peers() == "dave@im.test:1"; }));
+    broker.stop(); // what is sent now stays pending
+    for (const char *body : {"b0", "b1", "b2", "b3", "b4"})
+        ASSERT_EQ(client.sendMessage("bob@im.test", body, 5), 1);
+    M bob(&client, "bob@im.test", 2);
+    const auto messages = [&] { return rows(bob, M::BodyRole, M::StateRole); };
+    QSet<int> toldSent; // rows whose change to Sent was signalled
+    QObject::connect(&bob, &M::dataChanged, [&](const QModelIndex &row) {
+        if (row.data(M::StateRole).toInt() == int(StoredState::Sent))
+            toldSent << row.row();
+    });
+    QStringList pages{messages()};
+    for (; bob.canFetchMore() && pages.size() < 5; pages << messages())
+        bob.fetchMore();
+    EXPECT_EQ(pages, QStringList({"b3:0 b4:0", "b1:0 b2:0 b3:0 b4:0", "b0:0 b1:0 b2:0 b3:0 b4:0"}));
+    ASSERT_EQ(client.sendMessage("bob@im.test", "b5", 5), 1);
+    EXPECT_TRUE(pump([&] { return messages() == "b0:0 b1:0 b2:0 b3:0 b4:0 b5:0"; }));
+    ASSERT_TRUE(broker.start());
+    EXPECT_TRUE(pump([&] { return messages() == "b0:1 b1:1 b2:1 b3:1 b4:1 b5:1"; }));
+    EXPECT_EQ(toldSent.size(), 6);
+    const QPersistentModelIndex dave = conversations.index(1); // below bob's; moves up (not reset), then is read
+    ASSERT_EQ(client.sendMessage("dave@im.test", "d", 5), 1);
+    EXPECT_TRUE(pump([&] { return rows(conversations, C::UnreadRole, C::LastStateRole) == "1:1 0:1"; }));
+    EXPECT_EQ(dave.row(), 0);
+    client.markConversationRead("dave@im.test");
+    EXPECT_TRUE(pump([&] { return peers() == "dave@im.test:0 bob@im.test:0"; }));
 }
 
 } // namespace

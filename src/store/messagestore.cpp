@@ -5,6 +5,7 @@
 #include "storeschema.h"
 
 #include <QDateTime>
+#include <QFile>
 #include <QFileInfo>
 
 #include <sqlite3.h>
@@ -139,7 +140,7 @@ bool MessageStore::open(const QString &path)
 bool MessageStore::openOutbox()
 {
     const QString path = path_ + QLatin1String("-outbox");
-    const int fd = ::open(path.toLocal8Bit().constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0)
         ::close(fd);
     // One connection only: exclusive locking spares each send the file

@@ -1,5 +1,7 @@
 #include "sqlitedatabase.h"
 
+#include <QFile>
+
 #include <sqlite3.h>
 
 #include <cerrno>
@@ -17,7 +19,7 @@ bool SqliteDatabase::open(const QString &path, bool lock)
 {
     close();
     error_.clear();
-    const QByteArray file = path.toLocal8Bit();
+    const QByteArray file = QFile::encodeName(path); // the system's encoding; SQLite takes UTF-8
     if (!path.isEmpty() && lock) {
         lockFd_ = ::open(file.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (lockFd_ < 0) {
@@ -30,7 +32,7 @@ bool SqliteDatabase::open(const QString &path, bool lock)
             return false;
         }
     }
-    const int rc = sqlite3_open_v2(path.isEmpty() ? ":memory:" : file.constData(), &db_,
+    const int rc = sqlite3_open_v2(path.isEmpty() ? ":memory:" : path.toUtf8().constData(), &db_,
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         error_ = QStringLiteral("cannot open %1: %2").arg(path, QString::fromUtf8(sqlite3_errstr(rc)));

@@ -115,6 +115,7 @@ TEST(MessageClient, StoreModelsPageAppendAndFollowStatesAndUnreadCounts)
     ASSERT_TRUE(broker.start());
     EXPECT_TRUE(pump([&] { return messages() == "b0:1 b1:1 b2:1 b3:1 b4:1 b5:1"; }));
     EXPECT_EQ(toldSent.size(), 6);
+    EXPECT_EQ(bob.message(5).body + bob.message(6).body + bob.message(-1).body, "b5"); // rows only
     const QPersistentModelIndex dave = conversations.index(1); // below bob's; moves up (not reset), then is read
     ASSERT_EQ(client.sendMessage("dave@im.test", "d", 5), 1);
     EXPECT_TRUE(pump([&] { return rows(conversations, C::UnreadRole, C::LastStateRole) == "1:1 0:1"; }));

@@ -14,15 +14,6 @@
 #include <QJsonObject>
 #include <QUuid>
 
-namespace {
-
-QString text(const std::string &utf8)
-{
-    return QString::fromStdString(utf8);
-}
-
-} // namespace
-
 bool MessagePrivate::openMessageStore(const QString &path, bool syncEachCommit)
 {
     if (pushClient != nullptr) {
@@ -68,7 +59,7 @@ int MessagePrivate::sendStored(const QString &target, int secLevel, const QStrin
     StoredMessage message;
     message.conversation = target;
     message.key = messageKey.isEmpty() ? QUuid::createUuid().toString(QUuid::WithoutBraces) : messageKey;
-    message.sender = text(jid);
+    message.sender = QString::fromStdString(jid);
     message.time = QDateTime::currentMSecsSinceEpoch();
     message.stamp = stamp;
     message.body = body;
@@ -119,7 +110,7 @@ void MessagePrivate::handOverStored()
         const bool notice = m.bodyType == BODY_TYPE_NOTICE;
         MQTTMessage msg(pushClient, true);
         msg.setSysProtocol(m.conversation.toUtf8().constData(), 2, MESSAGE_INFO, MESSAGE_NORMAL);
-        if (msg.fromText(text(jid), m.conversation, m.body, MediaInfo::MessageType(m.messageType),
+        if (msg.fromText(QString::fromStdString(jid), m.conversation, m.body, MediaInfo::MessageType(m.messageType),
                          m.securityLevel, MESSAGE_BODY_TYPE(m.bodyType), m.key, m.stamp)) {
             const std::string &topic = notice ? std::string(NOTICE_TOPIC) : msg.protocol.topic;
             const int rc = pushClient->publish(topic.c_str(), msg.payload.c_str(), 2, false, std::uint64_t(m.id));
@@ -159,12 +150,12 @@ bool MessagePrivate::recordDelivered(const MQTTMessage &msg, const QString &body
         return true;
     StoredMessage m;
     const bool room = msg.msgType == MediaInfo::MESSAGE_TYPE_GROUPCHAT;
-    m.sender = text(msg.from);
+    m.sender = QString::fromStdString(msg.from);
     m.outgoing = msg.from == jid;
-    m.conversation = room || m.outgoing ? text(msg.to) : m.sender;
-    m.key = text(msg.messageKey);
+    m.conversation = room || m.outgoing ? QString::fromStdString(msg.to) : m.sender;
+    m.key = QString::fromStdString(msg.messageKey);
     m.time = QDateTime::currentMSecsSinceEpoch();
-    m.stamp = text(msg.stamp);
+    m.stamp = QString::fromStdString(msg.stamp);
     m.body = body;
     m.bodyType = msg.bodyType;
     m.messageType = msg.msgType;
@@ -225,7 +216,7 @@ void MessagePrivate::recordHistory(const std::string &body)
         m.key = last = o.value(QLatin1String("uuid")).toString();
         m.sender = o.value(QLatin1String("from")).toString();
         m.conversation = o.value(QLatin1String("conv_id")).toString();
-        m.outgoing = m.sender == text(jid);
+        m.outgoing = m.sender == QString::fromStdString(jid);
         const QDateTime at = QDateTime::fromString(o.value(QLatin1String("time")).toString(), Qt::ISODateWithMs);
         m.time = at.isValid() ? at.toMSecsSinceEpoch() : QDateTime::currentMSecsSinceEpoch();
         m.stamp = o.value(QLatin1String("stamp")).toString();

@@ -2,6 +2,17 @@
 
 #include <algorithm>
 
+namespace {
+
+// A dotted filter as a broker that rewrites dots delivers it: '/' for '.'.
+std::string slashed(std::string literal)
+{
+    std::replace(literal.begin(), literal.end(), '.', '/');
+    return literal;
+}
+
+} // namespace
+
 bool PushTopicRestorer::split(const std::string& filter, Known& known)
 {
     known.tail = filter == "#" || (filter.size() >= 2 && filter.compare(filter.size() - 2, 2, "/#") == 0);
@@ -17,11 +28,8 @@ void PushTopicRestorer::hold(const std::vector<std::string>& filters)
         if (!split(filter, known))
             continue;
         held_[known.literal] = known.tail;
-        if (known.literal.find('.') != std::string::npos) {
-            std::string slashed = known.literal;
-            std::replace(slashed.begin(), slashed.end(), '.', '/');
-            dotted_[slashed] = known;
-        }
+        if (known.literal.find('.') != std::string::npos)
+            dotted_[slashed(known.literal)] = known;
     }
 }
 
@@ -33,8 +41,7 @@ void PushTopicRestorer::release(const std::vector<std::string>& filters)
         if (!split(filter, known))
             continue;
         held_.erase(known.literal);
-        std::replace(known.literal.begin(), known.literal.end(), '.', '/');
-        dotted_.erase(known.literal);
+        dotted_.erase(slashed(known.literal));
     }
 }
 

@@ -52,6 +52,15 @@ StoredMessage messageAt(const SqliteStatement &row, int first = 0)
     return m;
 }
 
+// Binds a message's own fields as ?1 to ?9: conversation, key, sender,
+// time, stamp, body, body type, message type, level.
+void bindFields(SqliteStatement &s, const StoredMessage &m)
+{
+    s.reset();
+    s.bind(1, m.conversation).bind(2, m.key).bind(3, m.sender).bind(4, std::int64_t(m.time)).bind(5, m.stamp);
+    s.bind(6, m.body).bind(7, m.bodyType).bind(8, m.messageType).bind(9, m.securityLevel);
+}
+
 QString dedupKey(const StoredMessage &m)
 {
     return m.conversation + QChar(0x1f) + m.sender + QChar(0x1f) + m.key;
@@ -193,14 +202,22 @@ std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work, bool awaited)
     return job;
 }
 
+// With mutex_ held, before more work is added: true, and the gathering's
+// clock started, when the thread has nothing to do.
+bool MessageStore::startGatheringLocked()
+{
+    const bool idle = jobs_.empty() && !moveDue_;
+    if (idle)
+        gatherSinceMs_ = steadyMs();
+    return idle;
+}
+
 // Only what changes the thread's plan wakes it: the first write of a
 // gathering (which starts its clock), a write somebody waits for, a full
 // batch. A wake-up for every write would cost a thread switch each.
 bool MessageStore::enqueueLocked(const std::shared_ptr<Job> &job)
 {
-    const bool idle = jobs_.empty() && !moveDue_;
-    if (idle)
-        gatherSinceMs_ = steadyMs();
+    const bool idle = startGatheringLocked();
     jobs_.push_back(job);
     awaited_ += job->awaited;
     return idle || job->awaited || jobs_.size() == std::size_t(kBatch);
@@ -344,9 +361,7 @@ void MessageStore::collect(const char *sql, const QString &value, std::vector<qi
 bool MessageStore::insert(const StoredMessage &m, qint64 *id)
 {
     SqliteStatement &s = insertMessage_;
-    s.reset();
-    s.bind(1, m.conversation).bind(2, m.key).bind(3, m.sender).bind(4, std::int64_t(m.time)).bind(5, m.stamp);
-    s.bind(6, m.body).bind(7, m.bodyType).bind(8, m.messageType).bind(9, m.securityLevel);
+    bindFields(s, m);
     s.bind(10, m.outgoing ? 1 : 0).bind(11, int(m.state)).bind(12, std::int64_t(m.id));
     if (!s.run())
         return false;
@@ -379,11 +394,9 @@ bool MessageStore::moveOutbox(std::vector<qint64> *ids, std::vector<QString> *ke
             keys->swap(outboxKeys_);
         }
         SqliteStatement row = outbox_.prepare("SELECT id, conv, msg_key, sender, at, stamp, body, body_type,"
-                                              " msg_type, sec_level FROM outbox ORDER BY id");
+                                              " msg_type, sec_level, 1, 0 FROM outbox ORDER BY id"); // sent, Pending
         while (row.next())
-            rows.push_back({ row.integer(0), row.text(1), row.text(2), row.text(3), row.integer(4), row.text(5),
-                             row.text(6), int(row.integer(7)), int(row.integer(8)), int(row.integer(9)), true,
-                             StoredState::Pending });
+            rows.push_back(messageAt(row));
         if (row.result() != SQLITE_DONE) {
             fail(QStringLiteral("cannot read %1-outbox: %2").arg(path_, outbox_.error()));
             return false;
@@ -503,29 +516,19 @@ qint64 MessageStore::recordSent(StoredMessage message)
     }
     // Written on the caller's thread, into the outbox alone, a file of its
     // own: a send waits for one row's commit, never for the store's thread.
-    bool known = false, ok = false, wake = false;
-    {
-        std::lock_guard<std::mutex> lock(readerMutex_);
-        known = readerKnownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
-        readerKnownKey_.reset(); // ends its read
-    }
+    const bool known = keyStored(message);
+    bool ok = false, wake = false;
     {
         std::lock_guard<std::mutex> lock(outboxMutex_);
-        SqliteStatement &s = insertOutbox_;
-        s.reset();
-        s.bind(1, message.conversation).bind(2, message.key).bind(3, message.sender).bind(4, std::int64_t(message.time));
-        s.bind(5, message.stamp).bind(6, message.body).bind(7, message.bodyType).bind(8, message.messageType);
-        s.bind(9, message.securityLevel).bind(10, std::int64_t(message.id));
-        ok = !known && s.run();
+        bindFields(insertOutbox_, message);
+        ok = !known && insertOutbox_.bind(10, std::int64_t(message.id)).run();
         if (!known && !ok)
             fail(QStringLiteral("cannot write to %1-outbox: %2").arg(path_, outbox_.error()));
         std::lock_guard<std::mutex> guard(mutex_);
         if (ok) {
             outboxKeys_.push_back(key);
             ++outboxRows_;
-            wake = jobs_.empty() && !moveDue_;
-            if (wake)
-                gatherSinceMs_ = steadyMs();
+            wake = startGatheringLocked();
             moveDue_ = true;
         } else {
             queuedKeys_.erase(key);
@@ -540,6 +543,15 @@ qint64 MessageStore::recordSent(StoredMessage message)
     return message.id;
 }
 
+bool MessageStore::keyStored(const StoredMessage &message)
+{
+    std::lock_guard<std::mutex> lock(readerMutex_);
+    const bool known =
+        readerKnownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
+    readerKnownKey_.reset(); // ends its read: the reader sees later commits
+    return known;
+}
+
 bool MessageStore::recordReceived(const StoredMessage &message)
 {
     const QString key = message.key.isEmpty() ? QString() : dedupKey(message);
@@ -549,11 +561,7 @@ bool MessageStore::recordReceived(const StoredMessage &message)
             if (queuedKeys_.count(key) != 0)
                 return false;
         }
-        std::lock_guard<std::mutex> lock(readerMutex_);
-        const bool known =
-            readerKnownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
-        readerKnownKey_.reset(); // ends its read: the reader sees later commits
-        if (known)
+        if (keyStored(message))
             return false;
     }
     auto job = std::make_shared<Job>();
@@ -562,10 +570,8 @@ bool MessageStore::recordReceived(const StoredMessage &message)
     job->work = [this, message = message](Job &job) mutable {
         message.id = job.id;
         const bool ok = insert(message, &job.id);
-        if (job.id > 0) {
+        if (job.id > 0)
             job.recorded.push_back(message);
-            job.recorded.back().id = job.id;
-        }
         return ok;
     };
     {

@@ -123,6 +123,9 @@ private:
     std::shared_ptr<Job> queue(Work work, bool awaited = false);
     /// With mutex_ held: queues `job`; true when the thread must be woken.
     bool enqueueLocked(const std::shared_ptr<Job> &job);
+    bool startGatheringLocked();
+    /// Whether the message's key is stored for its conversation and sender.
+    bool keyStored(const StoredMessage &message);
     bool waitFor(const std::shared_ptr<Job> &job);
     void run();
     std::deque<std::shared_ptr<Job>> takeJobs(std::size_t most);

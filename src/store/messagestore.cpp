@@ -1,20 +1,18 @@
 #include "messagestore.h"
 
+#include "keyfilter.h"
 #include "searchtext.h"
 #include "storelog.h"
 #include "storeschema.h"
 
 #include <QDateTime>
-#include <QFile>
 #include <QFileInfo>
 
 #include <sqlite3.h>
 
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
+#include <algorithm>
+#include <sys/resource.h>
 #include <unistd.h>
-
 #include <chrono>
 #include <map>
 
@@ -27,6 +25,7 @@ constexpr const char *kColumns =
     "m.state";
 constexpr std::int64_t kRetentionEveryMs = 10 * 60 * 1000;
 constexpr std::int64_t kGatherMs = 10; // writes nobody waits for are committed within this
+constexpr std::int64_t kIndexQuietMs = 200; // an index pass follows this long without writes
 
 std::int64_t steadyMs()
 {
@@ -80,7 +79,7 @@ struct MessageStore::Job {
     bool ok = false;
 };
 
-MessageStore::MessageStore(bool syncEachCommit) : syncEachCommit_(syncEachCommit) {}
+MessageStore::MessageStore(bool syncEachCommit) : syncEachCommit_(syncEachCommit), journal_(syncEachCommit) {}
 
 MessageStore::~MessageStore()
 {
@@ -92,6 +91,8 @@ MessageStore::~MessageStore()
     room_.notify_all();
     if (thread_.joinable())
         thread_.join();
+    if (filterThread_.joinable())
+        filterThread_.join();
 }
 
 bool MessageStore::open(const QString &path)
@@ -112,26 +113,21 @@ bool MessageStore::open(const QString &path)
     insertMessage_ = writer_.prepare(
         "INSERT OR IGNORE INTO messages(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
         " outgoing, state) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
-    insertWords_ = writer_.prepare("INSERT INTO search(rowid, words) VALUES(?1, search_words(?2))");
-    if (!openOutbox())
-        return false;
-    insertOutbox_ = outbox_.prepare(
-        "INSERT INTO outbox(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level)"
-        " VALUES(?10, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+    insertUnindexed_ = writer_.prepare("INSERT INTO unindexed(id) VALUES(?1)");
+    SqliteStatement unindexed = writer_.prepare("SELECT count(*) FROM unindexed");
+    unindexed_ = unindexed.next() ? unindexed.integer(0) : 0;
+    unindexed.reset();
     SqliteStatement newest = writer_.prepare("SELECT coalesce(max(id), 0) FROM messages");
-    SqliteStatement newestOut = outbox_.prepare("SELECT coalesce(max(id), 0), count(*) FROM outbox");
-    nextId_ = std::max(newest.next() ? qint64(newest.integer(0)) : 0,
-                       newestOut.next() ? qint64(newestOut.integer(0)) : 0);
-    outboxRows_ = int(newestOut.integer(1));
-    newestOut.reset();
-    moveDue_ = outboxRows_ > 0; // what a run that ended early did not move
+    nextId_ = newest.next() ? qint64(newest.integer(0)) : 0;
+    newest.reset();
     markSent_ = writer_.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
+    readBack_ = writer_.prepare(
+        QByteArray("SELECT $COLUMNS FROM messages m WHERE m.id = ?1").replace("$COLUMNS", kColumns).toStdString());
     upsertConversation_ = writer_.prepare(
         "INSERT INTO conversations(conv, last_id, last_at, unread) VALUES(?1, ?2, ?4, ?3) ON CONFLICT(conv) DO UPDATE"
         " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
         " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
-    if (!insertMessage_.valid() || !insertWords_.valid() || !insertOutbox_.valid() ||
-        !upsertConversation_.valid() || !markSent_.valid() ||
+    if (!insertMessage_.valid() || !insertUnindexed_.valid() || !upsertConversation_.valid() || !markSent_.valid() || !readBack_.valid() ||
         !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1") ||
         !(readerKnownKey_ = reader_.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
                                             " AND msg_key <> ''"))
@@ -140,26 +136,34 @@ bool MessageStore::open(const QString &path)
         writer_.close();
         return false;
     }
+    if (!recoverOutbox())
+        return false;
+    filter_ = KeyFilter(std::size_t(std::max<qint64>(2 * nextId_, 1 << 18)));
     thread_ = std::thread([this] { run(); });
+    filterThread_ = std::thread([this] { fillFilter(); });
     return true;
 }
 
-// The outbox's file, created with mode 0600 beside the store and covered
-// by the store's lock.
-bool MessageStore::openOutbox()
+// What the outbox's files hold after a run that ended before its store's
+// thread moved it (a crash, a power cut): into messages, as it was, then
+// the files emptied. Rows moved already are there by id, and ignored.
+bool MessageStore::recoverOutbox()
 {
-    const QString path = path_ + QLatin1String("-outbox");
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd >= 0)
-        ::close(fd);
-    // One connection only: exclusive locking spares each send the file
-    // locks and the shared-memory index of a file others read.
-    if (fd < 0 || !outbox_.open(path, false) || !outbox_.exec("PRAGMA locking_mode=EXCLUSIVE") ||
-        !outbox_.exec("PRAGMA journal_mode=WAL") ||
-        !outbox_.exec(syncEachCommit_ ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") ||
-        !outbox_.exec(StoreSchema::kOutbox)) {
-        fail(QStringLiteral("cannot use %1: %2").arg(path, fd < 0 ? QString::fromLocal8Bit(std::strerror(errno))
-                                                                   : outbox_.error()));
+    std::vector<StoredMessage> found;
+    bool ok = journal_.open(path_, &found);
+    if (ok && !found.empty()) {
+        ok = writer_.exec("BEGIN IMMEDIATE");
+        for (const StoredMessage &m : found) {
+            qint64 id = 0;
+            ok = ok && insert(m, &id);
+            nextId_ = std::max(nextId_, m.id);
+        }
+        ok = ok && commit();
+        qCInfo(lcStore) << "recovered" << found.size() << "messages from the outbox";
+    }
+    if (!(ok && journal_.clear(0) && journal_.clear(1))) {
+        fail(QStringLiteral("cannot use the outbox of %1: %2").arg(path_, journal_.error().isEmpty() ? writer_.error()
+                                                                                                      : journal_.error()));
         writer_.close();
         return false;
     }
@@ -251,16 +255,22 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
 
 void MessageStore::run()
 {
+
+    std::int64_t wroteMs = steadyMs(); // the last batch's commit
     for (;;) {
-        bool retention = false;
+        enum { Batch, Retention, Index } next = Batch;
         {
             std::unique_lock<std::mutex> lock(mutex_);
             const auto due = [&] { return retentionDueMs_ >= 0 && steadyMs() >= retentionDueMs_; };
-            while (!stopping_ && jobs_.empty() && !moveDue_ && !due()) {
-                if (retentionDueMs_ < 0)
+            const auto quiet = [&] { return unindexed_ > 0 && steadyMs() >= wroteMs + kIndexQuietMs; };
+            while (!stopping_ && jobs_.empty() && !moveDue_ && !due() && !quiet()) {
+                std::int64_t until = retentionDueMs_;
+                if (unindexed_ > 0 && (until < 0 || wroteMs + kIndexQuietMs < until))
+                    until = wroteMs + kIndexQuietMs;
+                if (until < 0)
                     wake_.wait(lock);
                 else
-                    wake_.wait_for(lock, std::chrono::milliseconds(retentionDueMs_ - steadyMs()));
+                    wake_.wait_for(lock, std::chrono::milliseconds(until - steadyMs()));
             }
             // Writes nobody waits for gather for a while: one commit for many.
             const auto gathered = [&] {
@@ -269,19 +279,31 @@ void MessageStore::run()
             };
             while ((!jobs_.empty() || moveDue_) && !gathered())
                 wake_.wait_for(lock, std::chrono::milliseconds(gatherSinceMs_ + kGatherMs - steadyMs()));
-            if (jobs_.empty() && stopping_)
+            if (jobs_.empty() && !moveDue_ && stopping_)
                 return;
-            retention = jobs_.empty() && !moveDue_;
+            if (jobs_.empty() && !moveDue_)
+                next = due() ? Retention : Index;
             moveDue_ = false;
         }
-        if (!retention) {
+        if (next == Batch) {
             std::vector<StoredMessage> changed;
             {
                 std::lock_guard<std::mutex> lock(writerMutex_);
                 std::deque<std::shared_ptr<Job>> batch = takeJobs(kBatch);
                 commitBatch(batch, &changed);
+                // A backlog that writes without a pause would let grow is
+                // indexed between batches.
+                if (unindexed_ >= kIndexBacklog)
+                    indexPass();
             }
+            wroteMs = steadyMs();
             tell(changed);
+            continue;
+        }
+        if (next == Index) {
+            std::lock_guard<std::mutex> lock(writerMutex_);
+            if (!indexPass())
+                wroteMs = steadyMs(); // tried again after the next quiet spell
             continue;
         }
         bool more = false;
@@ -297,18 +319,15 @@ void MessageStore::run()
 
 bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed)
 {
-    std::vector<QString> moving; // the keys of the outbox's rows moved
-    std::vector<qint64> moved;   // and their ids
-    bool ok = writer_.exec("BEGIN IMMEDIATE") && moveOutbox(&moved, &moving);
+    Moving moving;
+    bool ok = writer_.exec("BEGIN IMMEDIATE") && moveOutbox(&moving);
     for (const auto &job : batch) {
         job->ok = ok && job->work(*job);
         ok = ok && job->ok;
     }
-    ok = ok && writer_.exec("COMMIT");
-    if (!ok) {
+    ok = ok && commit();
+    if (!ok)
         fail(QStringLiteral("cannot write to %1: %2").arg(path_, writer_.error()));
-        writer_.exec("ROLLBACK");
-    }
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const auto &job : batch) {
@@ -317,35 +336,27 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
             if (!job->dedupKey.isEmpty())
                 queuedKeys_.erase(job->dedupKey);
         }
-        if (ok) {
-            outboxRows_ -= int(moved.size());
-            for (const QString &key : moving)
-                queuedKeys_.erase(key);
-        } else {
-            outboxKeys_.insert(outboxKeys_.begin(), moving.begin(), moving.end());
-        }
     }
+    settleOutbox(moving, ok, changed);
     done_.notify_all();
-    if (ok && !moved.empty())
-        dropFromOutbox(moved);
     if (!ok || !onChanged)
         return ok;
-    SqliteStatement row = writer_.prepare(QByteArray("SELECT $COLUMNS FROM messages m WHERE m.id = ?1")
-                                              .replace("$COLUMNS", kColumns)
-                                              .toStdString());
     for (const auto &job : batch) {
         changed->insert(changed->end(), job->recorded.begin(), job->recorded.end());
         for (const qint64 id : job->touched) {
-            row.reset();
-            if (row.bind(1, std::int64_t(id)).next())
-                changed->push_back(messageAt(row));
+            readBack_.reset();
+            if (readBack_.bind(1, std::int64_t(id)).next())
+                changed->push_back(messageAt(readBack_));
         }
     }
+    readBack_.reset();
     return ok;
 }
 
 void MessageStore::tell(const std::vector<StoredMessage> &changed) const
 {
+    if (!onChanged)
+        return;
     for (const StoredMessage &m : changed)
         onChanged(m);
 }
@@ -369,69 +380,118 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
     if (writer_.changes() == 0)
         return true; // already stored
     *id = m.id;
-    insertWords_.reset();
-    upsertConversation_.reset();
-    return insertWords_.bind(1, std::int64_t(*id)).bind(2, m.body).run() &&
-           upsertConversation_.bind(1, m.conversation).bind(2, std::int64_t(*id))
-        .bind(3, m.state == StoredState::Received ? 1 : 0)
-        .bind(4, std::int64_t(m.time))
-        .run();
+    ConversationDue &due = conversationsDue_[m.conversation];
+    if (due.lastId == 0 || m.time >= due.lastAt) {
+        due.lastId = m.id;
+        due.lastAt = m.time;
+    }
+    due.unread += m.state == StoredState::Received;
+    insertUnindexed_.reset();
+    if (!insertUnindexed_.bind(1, std::int64_t(*id)).run())
+        return false;
+    ++unindexed_;
+    return true;
 }
 
-// The sent messages written to the outbox, into messages (Pending), in
-// the store's transaction; dropFromOutbox removes them once it is
-// committed. Should the process die in between, they are moved again at
-// the next opening, and ignored then (their ids are there already).
-bool MessageStore::moveOutbox(std::vector<qint64> *ids, std::vector<QString> *keys)
+// The conversations' changes of the transaction, one row each, then the
+// commit; a failure rolls it back.
+bool MessageStore::commit()
 {
-    std::vector<StoredMessage> rows;
+    bool ok = true;
+    for (const auto &[conversation, due] : conversationsDue_) {
+        upsertConversation_.reset();
+        ok = ok && upsertConversation_.bind(1, conversation)
+                       .bind(2, std::int64_t(due.lastId))
+                       .bind(3, due.unread)
+                       .bind(4, std::int64_t(due.lastAt))
+                       .run();
+    }
+    conversationsDue_.clear();
+    if (ok && writer_.exec("COMMIT"))
+        return true;
+    writer_.exec("ROLLBACK");
+    return false;
+}
+
+// At most `most` of the messages not yet in the full-text index, oldest
+// first, into it, in the writer's open transaction.
+bool MessageStore::indexSome(int most)
+{
+    const char *const kSome = "(SELECT id FROM unindexed ORDER BY id LIMIT ?1)";
+    const bool ok = writer_.prepare(std::string("INSERT INTO search(rowid, words) SELECT id, search_words(body)"
+                                                " FROM messages WHERE id IN ") + kSome)
+                        .bind(1, most)
+                        .run() &&
+                    writer_.prepare(std::string("DELETE FROM unindexed WHERE id IN ") + kSome).bind(1, most).run();
+    if (ok)
+        unindexed_ = writer_.changes() < most ? 0 : std::max<qint64>(0, unindexed_ - writer_.changes());
+    return ok;
+}
+
+// One transaction of indexing.
+bool MessageStore::indexPass()
+{
+    if (writer_.exec("BEGIN IMMEDIATE") && indexSome(kIndexBatch) && commit())
+        return true;
+    fail(QStringLiteral("cannot index %1: %2").arg(path_, writer_.error()));
+    return false;
+}
+
+// The sent messages written to the outbox, into messages, in the store's
+// transaction; the outbox's file that held them is emptied once it is
+// committed (settleOutbox). Should the process die in between, they are
+// moved again at the next opening, and ignored then (their ids are there
+// already).
+bool MessageStore::moveOutbox(Moving *moving)
+{
     {
         std::lock_guard<std::mutex> lock(outboxMutex_);
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            if (outboxRows_ == 0)
-                return true;
-            keys->swap(outboxKeys_);
-        }
-        SqliteStatement row = outbox_.prepare("SELECT id, conv, msg_key, sender, at, stamp, body, body_type,"
-                                              " msg_type, sec_level, 1, 0 FROM outbox ORDER BY id"); // sent, Pending
-        while (row.next())
-            rows.push_back(messageAt(row));
-        if (row.result() != SQLITE_DONE) {
-            fail(QStringLiteral("cannot read %1-outbox: %2").arg(path_, outbox_.error()));
-            return false;
-        }
+        moving->rows.swap(unmoved_);
+        moving->file = journal_.rotate();
     }
-    for (const StoredMessage &m : rows) {
+    for (const StoredMessage &m : moving->rows) {
         qint64 id = 0;
         if (!insert(m, &id))
             return false;
-        ids->push_back(m.id);
     }
     return true;
 }
 
-void MessageStore::dropFromOutbox(const std::vector<qint64> &ids)
+// After the transaction: committed, the retired file is emptied and the
+// rows' keys are in the table; not committed, the rows wait for the next
+// one, before those sent since.
+void MessageStore::settleOutbox(Moving &moving, bool committed, std::vector<StoredMessage> *changed)
 {
     std::lock_guard<std::mutex> lock(outboxMutex_);
-    SqliteStatement drop = outbox_.prepare("DELETE FROM outbox WHERE id = ?1");
-    bool ok = outbox_.exec("BEGIN IMMEDIATE");
-    for (const qint64 id : ids) {
-        drop.reset();
-        ok = ok && drop.bind(1, std::int64_t(id)).run();
+    if (!committed) {
+        unmoved_.insert(unmoved_.begin(), std::make_move_iterator(moving.rows.begin()),
+                        std::make_move_iterator(moving.rows.end()));
+        return;
     }
-    if (!(ok && outbox_.exec("COMMIT"))) {
-        outbox_.exec("ROLLBACK"); // moved again later, and ignored then
-        fail(QStringLiteral("cannot write to %1-outbox: %2").arg(path_, outbox_.error()));
+    if (!journal_.clear(moving.file))
+        qCWarning(lcStore).noquote() << "message store:" << journal_.error(); // moved again at the next opening
+    std::lock_guard<std::mutex> guard(mutex_);
+    outboxRows_ -= int(moving.rows.size());
+    for (StoredMessage &m : moving.rows) {
+        queuedKeys_.erase(dedupKey(m));
+        if (m.state == StoredState::Sent) // acknowledged before it was moved
+            changed->push_back(std::move(m));
     }
 }
 
 bool MessageStore::forget(qint64 id)
 {
-    return writer_.prepare("INSERT INTO search(search, rowid, words)"
-                           " SELECT 'delete', id, search_words(body) FROM messages WHERE id = ?1")
-               .bind(1, std::int64_t(id))
-               .run() &&
+    // A message not yet indexed leaves the list; one indexed, the index
+    // (which must be told the words it was given).
+    if (!writer_.prepare("DELETE FROM unindexed WHERE id = ?1").bind(1, std::int64_t(id)).run())
+        return false;
+    if (writer_.changes() > 0)
+        --unindexed_;
+    return (writer_.changes() > 0 || writer_.prepare("INSERT INTO search(search, rowid, words)"
+                                                     " SELECT 'delete', id, search_words(body) FROM messages"
+                                                     " WHERE id = ?1")
+                                         .bind(1, std::int64_t(id))
+                                         .run()) &&
            writer_.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
 }
 
@@ -489,9 +549,8 @@ bool MessageStore::retentionPass()
     }
     for (const QString &conversation : touched)
         ok = ok && recount(conversation);
-    if (!(ok && writer_.exec("COMMIT"))) {
+    if (!(ok && commit())) {
         fail(QStringLiteral("cannot apply the retention to %1: %2").arg(path_, writer_.error()));
-        writer_.exec("ROLLBACK");
         return false;
     }
     qCDebug(lcStore) << "retention removed" << doomed.size() << "messages";
@@ -505,28 +564,31 @@ qint64 MessageStore::recordSent(StoredMessage message)
     message.outgoing = true;
     message.state = StoredState::Pending;
     const QString key = dedupKey(message);
+    const std::uint64_t digest = KeyFilter::digest(message.conversation, message.sender, message.key);
+    bool maybe = true;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!thread_.joinable() || stopping_)
             return 0;
-        if (queuedKeys_.count(key) != 0)
-            return -1;
-        queuedKeys_.insert(key); // reserved while it is written
+        if (!queuedKeys_.insert(key).second)
+            return -1; // reserved while it is written
+        maybe = mayBeStoredLocked(digest);
+        filter_.add(digest);
         message.id = ++nextId_;
     }
     // Written on the caller's thread, into the outbox alone, a file of its
-    // own: a send waits for one row's commit, never for the store's thread.
-    const bool known = keyStored(message);
+    // own: a send waits for one append, never for the store's thread.
+    const bool known = maybe && keyStored(message);
     bool ok = false, wake = false;
     {
         std::lock_guard<std::mutex> lock(outboxMutex_);
-        bindFields(insertOutbox_, message);
-        ok = !known && insertOutbox_.bind(10, std::int64_t(message.id)).run();
-        if (!known && !ok)
-            fail(QStringLiteral("cannot write to %1-outbox: %2").arg(path_, outbox_.error()));
+        ok = !known && journal_.append(message);
+        if (ok)
+            unmoved_.push_back(message);
+        else if (!known)
+            fail(journal_.error());
         std::lock_guard<std::mutex> guard(mutex_);
         if (ok) {
-            outboxKeys_.push_back(key);
             ++outboxRows_;
             wake = startGatheringLocked();
             moveDue_ = true;
@@ -543,6 +605,42 @@ qint64 MessageStore::recordSent(StoredMessage message)
     return message.id;
 }
 
+bool MessageStore::mayBeStoredLocked(std::uint64_t digest) const
+{
+    return !filterReady_ || filter_.mayContain(digest);
+}
+
+// The keys already stored, into the filter, a thousand at a time, on a
+// connection of its own, at the lowest priority (nobody waits for it); the
+// keys recorded meanwhile are added as they come. Until it is done every
+// key is looked up in the file.
+void MessageStore::fillFilter()
+{
+    ::setpriority(PRIO_PROCESS, ::gettid(), 19);
+    SqliteDatabase db;
+    if (!db.open(path_, false))
+        return;
+    SqliteStatement rows = db.prepare("SELECT conv, sender, msg_key FROM messages WHERE msg_key <> ''");
+    std::vector<std::uint64_t> digests;
+    for (;;) {
+        const bool more = rows.next();
+        if (more)
+            digests.push_back(KeyFilter::digest(rows.utf8(0), rows.utf8(1), rows.utf8(2)));
+        if (more && digests.size() < 1024)
+            continue;
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const std::uint64_t digest : digests)
+            filter_.add(digest);
+        digests.clear();
+        if (stopping_)
+            return;
+        if (!more) {
+            filterReady_ = rows.result() == SQLITE_DONE;
+            return;
+        }
+    }
+}
+
 bool MessageStore::keyStored(const StoredMessage &message)
 {
     std::lock_guard<std::mutex> lock(readerMutex_);
@@ -555,13 +653,17 @@ bool MessageStore::keyStored(const StoredMessage &message)
 bool MessageStore::recordReceived(const StoredMessage &message)
 {
     const QString key = message.key.isEmpty() ? QString() : dedupKey(message);
+    const std::uint64_t digest =
+        key.isEmpty() ? 0 : KeyFilter::digest(message.conversation, message.sender, message.key);
     if (!key.isEmpty()) {
+        bool maybe = true;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (queuedKeys_.count(key) != 0)
                 return false;
+            maybe = mayBeStoredLocked(digest);
         }
-        if (keyStored(message))
+        if (maybe && keyStored(message))
             return false;
     }
     auto job = std::make_shared<Job>();
@@ -578,6 +680,8 @@ bool MessageStore::recordReceived(const StoredMessage &message)
         std::lock_guard<std::mutex> lock(mutex_);
         if (!key.isEmpty() && !queuedKeys_.insert(key).second)
             return false;
+        if (!key.isEmpty())
+            filter_.add(digest);
         if (!thread_.joinable() || stopping_)
             return true;
         job->id = ++nextId_; // the order of arrival
@@ -593,6 +697,15 @@ bool MessageStore::recordReceived(const StoredMessage &message)
 
 void MessageStore::markSent(qint64 id)
 {
+    {
+        // Acknowledged before the store's thread moved it: moved as sent.
+        std::lock_guard<std::mutex> lock(outboxMutex_);
+        const auto m = std::find_if(unmoved_.begin(), unmoved_.end(), [id](const StoredMessage &m) { return m.id == id; });
+        if (m != unmoved_.end()) {
+            m->state = StoredState::Sent;
+            return;
+        }
+    }
     queue([this, id](Job &job) {
         markSent_.reset();
         const bool ok = markSent_.bind(1, std::int64_t(id)).run();
@@ -605,8 +718,8 @@ void MessageStore::markSent(qint64 id)
 void MessageStore::markReadByPeer(const QString &key)
 {
     queue([this, key](Job &job) {
-        collect("SELECT id FROM messages WHERE msg_key = ?1 AND outgoing = 1 AND state = 1", key, &job.touched);
-        return writer_.prepare("UPDATE messages SET state = 3 WHERE msg_key = ?1 AND outgoing = 1 AND state = 1")
+        collect("SELECT id FROM messages WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1", key, &job.touched);
+        return writer_.prepare("UPDATE messages SET state = 3 WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1")
             .bind(1, key)
             .run();
     });
@@ -667,12 +780,12 @@ QList<StoredMessage> MessageStore::select(const char *sql, const std::function<v
 
 void MessageStore::settle()
 {
-    bool outbox = false;
+    bool queued = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        outbox = outboxRows_ > 0;
+        queued = outboxRows_ > 0 || !jobs_.empty();
     }
-    if (outbox)
+    if (queued)
         flush();
 }
 
@@ -735,6 +848,8 @@ QList<StoredMessage> MessageStore::messages(const QString &conversation, const Q
 QList<StoredMessage> MessageStore::search(const QString &text, const QString &conversation, int limit)
 {
     settle();
+    if (unindexed_ > 0)
+        waitFor(queue([this](Job &) { return indexSome(INT_MAX); }, true));
     QStringList lone;
     const QString match = SearchText::query(text, &lone);
     if (match.isEmpty() && lone.isEmpty())
@@ -770,7 +885,8 @@ QString MessageStore::newestReceivedKey() const
 qint64 MessageStore::fileBytes() const
 {
     qint64 bytes = 0;
-    for (const char *suffix : { "", "-wal", "-shm", "-outbox", "-outbox-wal", "-outbox-shm" })
+    for (const char *suffix : { "", "-wal", "-shm" })
         bytes += QFileInfo(path_ + QLatin1String(suffix)).size();
-    return bytes;
+    std::lock_guard<std::mutex> lock(outboxMutex_);
+    return bytes + journal_.bytes();
 }

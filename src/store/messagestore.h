@@ -4,23 +4,29 @@
 // MessageStore: the user's messages in one SQLite file (internal header).
 //
 // What it keeps is described in storedmessage.h; it knows nothing of the
-// protocol. Writes run on the store's own thread, which commits what has
-// queued up in one transaction (at most kBatch writes) as soon as the
-// previous commit is done: one writer alone waits for its own commit only,
-// many share theirs. recordSent waits until its message is committed;
-// the other writes return at once and are committed in the order made.
-// Reads run on any thread, on a second connection (WAL: they see the last
-// commit and never wait for the writer).
+// protocol. recordSent appends its message to the outbox's journal (see
+// outboxjournal.h) on the caller's thread and returns once it is written.
+// Every other write is queued; the store's own thread commits what has
+// queued up, and the outbox's new rows, in one transaction (at most kBatch
+// writes) within kGatherMs, in the order made, or at once when a caller
+// waits. The full-text index follows in passes of its own: after a quiet
+// spell, between commits when kIndexBacklog messages wait, and before a
+// search. Reads run on any thread, on a second connection (WAL: they see
+// the last commit and never wait for the writer), after the writes made
+// before them are committed. Duplicate keys are caught by queuedKeys_, a
+// Bloom filter of every key, and a lookup for the keys the filter cannot
+// clear.
 //
-// Durability: with `syncEachCommit` (the default) each commit reaches the
-// disk before it is reported, so what recordSent accepted survives a power
-// cut; without it a commit survives the process's death (SIGKILL included)
-// but the last ones before a power cut may be lost, for about a tenth of
-// the cost per commit.
+// Durability: with `syncEachCommit` (the default) each append and commit
+// reaches the disk before it is reported, so what recordSent accepted
+// survives a power cut; without it they survive the process's death
+// (SIGKILL included) but the last ones before a power cut may be lost.
 //
 // Failures (a full disk, a damaged file) are reported by error() and make
 // the writes concerned fail; the file is never deleted or truncated.
 
+#include "keyfilter.h"
+#include "outboxjournal.h"
 #include "sqlitedatabase.h"
 #include "storedmessage.h"
 
@@ -33,6 +39,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -47,6 +54,10 @@ public:
     static constexpr int kMaxQueued = 8 * kBatch;
     /// Most rows one retention pass deletes in one transaction.
     static constexpr int kRetentionBatch = 1000;
+    /// Most messages one pass adds to the full-text index, in one
+    /// transaction; and the backlog that has passes run between writes.
+    static constexpr int kIndexBatch = 2000;
+    static constexpr int kIndexBacklog = 10000;
 
     explicit MessageStore(bool syncEachCommit = true);
     /// Commits what is queued, stops the thread, closes the file.
@@ -124,7 +135,11 @@ private:
     /// With mutex_ held: queues `job`; true when the thread must be woken.
     bool enqueueLocked(const std::shared_ptr<Job> &job);
     bool startGatheringLocked();
-    /// Whether the message's key is stored for its conversation and sender.
+    /// With mutex_ held: false when the filter knows the key is not stored.
+    bool mayBeStoredLocked(std::uint64_t digest) const;
+    void fillFilter();
+    /// Whether the message's key is stored for its conversation and sender
+    /// (queuedKeys_ and the filter consulted first, by the caller).
     bool keyStored(const StoredMessage &message);
     bool waitFor(const std::shared_ptr<Job> &job);
     void run();
@@ -132,14 +147,22 @@ private:
     /// With writerMutex_ held: moves the outbox into messages, runs the
     /// batch, commits; what changed goes to `changed` (for tell).
     bool commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed);
-    bool openOutbox();
-    bool moveOutbox(std::vector<qint64> *ids, std::vector<QString> *keys);
-    void dropFromOutbox(const std::vector<qint64> &ids);
-    /// Before a read that shows sent messages: the outbox moved first.
+    /// The outbox's rows one transaction moves, and the file they were in.
+    struct Moving {
+        std::vector<StoredMessage> rows;
+        int file = 0;
+    };
+    bool recoverOutbox();
+    bool moveOutbox(Moving *moving);
+    void settleOutbox(Moving &moving, bool committed, std::vector<StoredMessage> *changed);
+    /// Before a read: what was written before it is committed first.
     void settle();
     bool retentionPass();
     void fail(const QString &what) const;
     bool insert(const StoredMessage &message, qint64 *id);
+    bool commit();
+    bool indexSome(int most);
+    bool indexPass();
     /// The ids `sql` (bound to `value`) selects, added to `ids`.
     void collect(const char *sql, const QString &value, std::vector<qint64> *ids);
     /// Tells onChanged, with no lock held.
@@ -152,10 +175,18 @@ private:
     QString path_;
     std::mutex writerMutex_; // guards writer_ and its statements; taken before mutex_
     SqliteDatabase writer_;
-    SqliteStatement insertMessage_, insertWords_, upsertConversation_, markSent_;
-    std::mutex outboxMutex_; // guards outbox_ and its statement; taken before mutex_
-    SqliteDatabase outbox_;
-    SqliteStatement insertOutbox_;
+    SqliteStatement insertMessage_, insertUnindexed_, upsertConversation_, markSent_, readBack_;
+    // What the open transaction changes in each conversation, written
+    // once at its commit.
+    struct ConversationDue {
+        qint64 lastId = 0, lastAt = 0;
+        int unread = 0;
+    };
+    std::map<QString, ConversationDue> conversationsDue_;
+    std::atomic<qint64> unindexed_{ 0 }; // about how many messages the full-text index lacks
+    mutable std::mutex outboxMutex_; // guards journal_ and unmoved_; taken before mutex_
+    OutboxJournal journal_;
+    std::vector<StoredMessage> unmoved_; // in the journal, not yet moved into messages
     SqliteStatement readerKnownKey_; // under readerMutex_
     mutable SqliteDatabase reader_;
     mutable std::mutex readerMutex_;
@@ -166,18 +197,20 @@ private:
     std::condition_variable room_; // the queue took a batch
     std::deque<std::shared_ptr<Job>> jobs_;
     std::set<QString> queuedKeys_; // messages queued or in the outbox, not yet in messages
+    KeyFilter filter_;           // every key stored or reserved, once filterReady_
+    bool filterReady_ = false;
     mutable QString error_;
     qint64 maxAgeMs_ = 0;
     int maxPerConversation_ = 0;
     std::int64_t retentionDueMs_ = -1; // steady ms; -1: none set
     bool stopping_ = false;
     qint64 nextId_ = 0;               // the last id given: ids follow the order of the calls
-    std::vector<QString> outboxKeys_; // the keys of the outbox's rows (also in queuedKeys_)
     int outboxRows_ = 0;              // rows in the outbox
     bool moveDue_ = false;            // the outbox waits to be moved
     int awaited_ = 0;                // queued writes a caller waits for
     std::int64_t gatherSinceMs_ = 0; // steady ms: since when queued writes wait
     std::thread thread_;
+    std::thread filterThread_;
 };
 
 #endif // PUSHCHAT_MESSAGESTORE_H

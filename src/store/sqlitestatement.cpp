@@ -90,6 +90,12 @@ QString SqliteStatement::text(int column) const
     return QString::fromUtf8(utf8, sqlite3_column_bytes(stmt_, column));
 }
 
+std::string_view SqliteStatement::utf8(int column) const
+{
+    const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(stmt_, column));
+    return text == nullptr ? std::string_view() : std::string_view(text, std::size_t(sqlite3_column_bytes(stmt_, column)));
+}
+
 int SqliteStatement::bytes(int column) const
 {
     return sqlite3_column_bytes(stmt_, column);

@@ -45,6 +45,8 @@ public:
 
     std::int64_t integer(int column) const;
     QString text(int column) const;
+    /// A text column's UTF-8, valid until the next step or reset.
+    std::string_view utf8(int column) const;
     /// Bytes of a text or blob column, without reading it.
     int bytes(int column) const;
     bool isNull(int column) const;

@@ -24,6 +24,13 @@ const char *const kSteps[] = {
     // 2: the full-text index, of the bodies already there too.
     "CREATE VIRTUAL TABLE search USING fts5(words, content='', tokenize='unicode61 remove_diacritics 2');"
     "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages;",
+    // 3: messages recorded and not yet in the full-text index (indexed in
+    // passes, between and after the writes that recorded them); one index
+    // by key for both the duplicate check and the peer's read marks.
+    "CREATE TABLE unindexed(id INTEGER PRIMARY KEY);"
+    "DROP INDEX messages_sent_by_key;"
+    "DROP INDEX messages_by_key;"
+    "CREATE UNIQUE INDEX messages_by_key ON messages(msg_key, conv, sender) WHERE msg_key <> '';",
 };
 
 void searchWords(sqlite3_context *context, int, sqlite3_value **values)
@@ -41,12 +48,6 @@ int integerOf(SqliteDatabase &db, const char *sql)
 }
 
 } // namespace
-
-const char *const StoreSchema::kOutbox =
-    "CREATE TABLE IF NOT EXISTS outbox("
-    " id INTEGER PRIMARY KEY, conv TEXT NOT NULL, msg_key TEXT NOT NULL, sender TEXT NOT NULL,"
-    " at INTEGER NOT NULL, stamp TEXT NOT NULL, body TEXT NOT NULL, body_type INTEGER NOT NULL,"
-    " msg_type INTEGER NOT NULL, sec_level INTEGER NOT NULL)";
 
 const char *StoreSchema::step(int to)
 {

@@ -5,8 +5,9 @@
 //
 // Version 1: the messages, by conversation in the order of their times,
 // with their keys unique per conversation and sender, and the conversation
-// index (newest message, unread count). Version 2 adds the full-text index, built from the bodies
-// already there. A store is brought up to kVersion step by step when it is
+// index (newest message, unread count). Version 2 adds the full-text index,
+// built from the bodies already there; version 3 the list of messages not
+// yet in it. A store is brought up to kVersion step by step when it is
 // opened; the version is SQLite's user_version.
 
 #include <QString>
@@ -15,12 +16,7 @@ class SqliteDatabase;
 
 namespace StoreSchema {
 
-constexpr int kVersion = 2;
-
-/// The outbox, a file of its own beside the store (PATH-outbox): sent
-/// messages as just written, one row each without an index, until the
-/// store's thread moves them into the store.
-extern const char *const kOutbox;
+constexpr int kVersion = 3;
 
 /// The statements that take a store from version `to` - 1 to `to`.
 const char *step(int to);

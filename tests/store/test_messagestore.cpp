@@ -2,7 +2,9 @@
 // counts and keys across a reopening, retention, the first version's
 // migration, and files it must refuse without harming them.
 
+#include "keyfilter.h"
 #include "messagestore.h"
+#include "outboxjournal.h"
 #include "sqlitedatabase.h"
 #include "storeschema.h"
 
@@ -114,6 +116,55 @@ TEST(MessageStore, PagesUnreadCountsAndKeysOutliveAReopening)
     EXPECT_EQ(store->conversations()[0].unread, 0);
     EXPECT_EQ(store->messages("bob@x", "s2", 1)[0].state, StoredState::Read);
     EXPECT_EQ(store->newestReceivedKey(), "r1");
+    EXPECT_FALSE(store->recordReceived(message("room@x", "r0", "again, once the keys are all read")));
+}
+
+// Sends accepted by a run that died before its store's thread moved them:
+// back as pending after the next opening, in order, once, up to a record
+// the crash cut short.
+TEST(MessageStore, TheOutboxOutlivesACrashUpToATornRecord)
+{
+    Folder folder;
+    folder.open().recordSent(message("bob@x", "moved", "x", "me@x"));
+    folder.store.reset();
+    {
+        OutboxJournal journal(false);
+        std::vector<StoredMessage> found;
+        ASSERT_TRUE(journal.open(folder.path, &found));
+        EXPECT_TRUE(found.empty());
+        const std::pair<const char *, qint64> sent[] = { { "a", 10 }, { "b", 9 }, { "c", 11 }, { "torn", 12 } };
+        for (const auto &[key, id] : sent) {
+            StoredMessage m = message("bob@x", key, "x", "me@x", StoredState::Pending);
+            m.id = id;
+            if (id == 11)
+                journal.rotate();
+            ASSERT_TRUE(journal.append(m));
+        }
+    }
+    QFile tail(folder.path + "-outbox.1");
+    ASSERT_TRUE(tail.resize(tail.size() - 3));
+    MessageStore &store = folder.open();
+    EXPECT_EQ(keys(store.pending()), (QStringList{ "moved", "b", "a", "c" }));
+    EXPECT_EQ(store.recordSent(message("bob@x", "a", "again", "me@x")), -1);
+    EXPECT_GT(store.recordSent(message("bob@x", "d", "x", "me@x")), 11);
+    folder.store.reset();
+    EXPECT_EQ(keys(folder.open().pending()), (QStringList{ "moved", "b", "a", "c", "d" }));
+}
+
+TEST(MessageStore, TheKeyFilterClearsMostUnknownKeysAndNoKnownOne)
+{
+    KeyFilter filter(1000);
+    for (int i = 0; i < 1000; ++i)
+        filter.add(KeyFilter::digest("bob@x", "me@x", QString("k%1").arg(i)));
+    int passed = 0;
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_TRUE(filter.mayContain(KeyFilter::digest("bob@x", "me@x", QString("k%1").arg(i))));
+        passed += filter.mayContain(KeyFilter::digest("bob@x", "me@x", QString("n%1").arg(i)));
+    }
+    EXPECT_LT(passed, 30);
+    EXPECT_NE(KeyFilter::digest(QString("ab"), "c", "k"), KeyFilter::digest(QString("a"), "bc", "k"));
+    EXPECT_EQ(KeyFilter::digest(QString::fromUtf8("房间@x"), "bob@x", "k"), // as the store's rows give it
+              KeyFilter::digest(std::string_view("房间@x"), std::string_view("bob@x"), std::string_view("k")));
 }
 
 TEST(MessageStore, RetentionKeepsTheNewestAndThePending)

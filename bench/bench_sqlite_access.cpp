@@ -141,7 +141,8 @@ void pageC(benchmark::State &state)
     int i = 0;
     for (auto _ : state) {
         page.reset();
-        page.bind(1, conv(i)).bind(2, std::int64_t(rows() - (i++ % 1000)));
+        page.bind(1, conv(i)).bind(2, std::int64_t(rows() - (i % 1000)));
+        ++i;
         int n = 0;
         while (page.next())
             n += page.text(5).size() > 0;

@@ -5,6 +5,8 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+
 namespace {
 
 const char *const kSteps[] = {
@@ -36,8 +38,13 @@ const char *const kSteps[] = {
 void searchWords(sqlite3_context *context, int, sqlite3_value **values)
 {
     const auto *utf8 = reinterpret_cast<const char *>(sqlite3_value_text(values[0]));
+    const int bytes = sqlite3_value_bytes(values[0]);
+    if (std::all_of(utf8, utf8 + bytes, [](char c) { return (c & 0x80) == 0; })) {
+        sqlite3_result_value(context, values[0]); // no CJK: the words are the text's own
+        return;
+    }
     const QByteArray words =
-        SearchText::words(QString::fromUtf8(utf8, sqlite3_value_bytes(values[0]))).toUtf8();
+        SearchText::words(QString::fromUtf8(utf8, bytes)).toUtf8();
     sqlite3_result_text(context, words.constData(), words.size(), SQLITE_TRANSIENT);
 }
 

@@ -13,6 +13,8 @@
 #include <QToolBar>
 #include <QVBoxLayout>
 
+#include <utility>
+
 namespace {
 
 constexpr int kGroupChat = 4; // MediaInfo::MESSAGE_TYPE_GROUPCHAT
@@ -22,11 +24,13 @@ using Conversations = StoredConversationModel;
 
 QJsonObject objectOf(const QByteArray &json) { return QJsonDocument::fromJson(json).object(); }
 
-// A conversation in two lines: "○ bob  (2)" (a friend's presence, or # for
-// a room, and the unread messages, in bold), then the newest message.
+// A conversation in two lines: "● bob  (2)" (# for a room; a friend's
+// presence, ● online or ○ offline; nothing for others, whose presence is
+// not shared; the unread messages, in bold), then the newest message.
 class ConversationDelegate : public QStyledItemDelegate {
 public:
-    ConversationDelegate(const QSet<QString> *online, QObject *parent) : QStyledItemDelegate(parent), m_online(online)
+    ConversationDelegate(const QSet<QString> *friends, const QSet<QString> *online, QObject *parent)
+        : QStyledItemDelegate(parent), m_friends(friends), m_online(online)
     {
     }
 
@@ -37,6 +41,7 @@ protected:
         const QString peer = index.data(Conversations::PeerRole).toString();
         const int unread = index.data(Conversations::UnreadRole).toInt();
         const QString mark = index.data(Conversations::RoomRole).toBool() ? QStringLiteral("# ")
+                             : !m_friends->contains(peer)                 ? QString()
                              : m_online->contains(peer)                   ? QStringLiteral("● ")
                                                                           : QStringLiteral("○ ");
         option->text = mark + MessageView::nameOf(peer) +
@@ -47,6 +52,7 @@ protected:
     }
 
 private:
+    const QSet<QString> *m_friends;
     const QSet<QString> *m_online;
 };
 
@@ -73,7 +79,7 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
     m_conversations = new QListView(this);
     m_conversations->setObjectName(QStringLiteral("conversations"));
     m_conversations->setModel(&m_conversationModel);
-    m_conversations->setItemDelegate(new ConversationDelegate(&m_online, m_conversations));
+    m_conversations->setItemDelegate(new ConversationDelegate(&m_friends, &m_online, m_conversations));
     m_conversations->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     m_contacts = new QListWidget(this);
     m_contacts->setObjectName(QStringLiteral("contacts"));
@@ -86,7 +92,11 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
     m_foundTitle = new QLabel(this);
     m_found = new QListWidget(this);
     m_found->setObjectName(QStringLiteral("found"));
+    auto *welcome = new QLabel(tr("Pick a conversation on the left,\nor start one with “Chat with…”."), this);
+    welcome->setAlignment(Qt::AlignCenter);
+    welcome->setEnabled(false);
     m_pages = new QStackedWidget(this);
+    m_pages->addWidget(welcome);
     m_pages->addWidget(m_messages);
     m_pages->addWidget(column(this, {m_foundTitle, m_found}));
     m_sendBox = new QLineEdit(this);
@@ -95,19 +105,25 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
     auto *split = new QSplitter(this);
     split->addWidget(column(this, {m_search, tabs}));
     split->addWidget(column(this, {m_pages, m_sendBox}));
-    split->setSizes({200, 420});
+    split->setSizes({280, 620});
+    split->setStretchFactor(1, 1);
     setCentralWidget(split);
     m_connection = new QLabel(tr("Not logged in"), this);
     m_connection->setObjectName(QStringLiteral("connection"));
     statusBar()->addWidget(m_connection, 1);
 
     QToolBar *tools = addToolBar(tr("Actions"));
+    tools->setMovable(false);
     tools->addAction(tr("Chat with…"), this, &ChatWindow::askForChat);
-    tools->addAction(tr("Add friend…"), this, &ChatWindow::askForFriend);
-    tools->addAction(tr("Accept request"), this, &ChatWindow::acceptRequest);
-    tools->addAction(tr("New room…"), this, &ChatWindow::askForRoom);
-    tools->addAction(tr("Invite…"), this, &ChatWindow::askForInvite);
-    resize(620, 420);
+    m_addFriend = tools->addAction(tr("Add friend…"), this, &ChatWindow::askForFriend);
+    m_acceptRequest = tools->addAction(tr("Accept request"), this, &ChatWindow::acceptRequest);
+    m_newRoom = tools->addAction(tr("New room…"), this, &ChatWindow::askForRoom);
+    m_invite = tools->addAction(tr("Invite…"), this, &ChatWindow::askForInvite);
+    for (auto [action, name] : {std::pair{m_addFriend, "addFriend"}, {m_acceptRequest, "acceptRequest"},
+                                {m_newRoom, "newRoom"}, {m_invite, "invite"}})
+        action->setObjectName(QLatin1String(name));
+    updateActions();
+    resize(900, 600);
 
     connect(m_conversations->selectionModel(), &QItemSelectionModel::currentChanged, this,
             [this](const QModelIndex &current) {
@@ -117,6 +133,7 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
             });
     // The open conversation's row is selected once the store has it.
     connect(&m_conversationModel, &QAbstractItemModel::rowsInserted, this, &ChatWindow::selectOpenConversation);
+    connect(m_contacts, &QListWidget::currentItemChanged, this, &ChatWindow::updateActions);
     connect(m_contacts, &QListWidget::itemClicked, this, [this](QListWidgetItem *it) {
         if (it->data(kKindRole).toInt() != Request)
             openConversation(it->data(kJidRole).toString(), it->data(kKindRole).toInt() == RoomChat);
@@ -127,7 +144,7 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
     connect(m_search, &QLineEdit::returnPressed, this, [this] { search(m_search->text()); });
     connect(m_search, &QLineEdit::textChanged, this, [this](const QString &text) {
         if (text.isEmpty())
-            m_pages->setCurrentWidget(m_messages);
+            m_pages->setCurrentIndex(m_messageModel.peer().isEmpty() ? 0 : 1);
     });
     connect(m_sendBox, &QLineEdit::returnPressed, this, [this] { sendText(m_sendBox->text()); });
 
@@ -137,6 +154,7 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
             m_client.listFriends(1, 200);
         }
         showStatus();
+        updateActions();
     });
     connect(&m_client, &MessageClient::connectionError, this, [this](int, const QString &text) {
         m_linkError = text;
@@ -223,6 +241,19 @@ void ChatWindow::openConversation(const QString &jid, bool room)
         m_client.markConversationRead(peer, true);
     }
     selectOpenConversation();
+    updateActions();
+}
+
+// What needs the server is enabled while connected; inviting, in a room;
+// accepting, with a friend request selected.
+void ChatWindow::updateActions()
+{
+    const bool connected = m_client.connectionState() == MessageClient::Connected;
+    const QListWidgetItem *current = m_contacts->currentItem();
+    m_addFriend->setEnabled(connected);
+    m_newRoom->setEnabled(connected);
+    m_invite->setEnabled(connected && m_room && !m_messageModel.peer().isEmpty());
+    m_acceptRequest->setEnabled(connected && current != nullptr && current->data(kKindRole).toInt() == Request);
 }
 
 void ChatWindow::selectOpenConversation()
@@ -249,7 +280,7 @@ void ChatWindow::search(const QString &text)
 {
     m_found->clear();
     if (text.trimmed().isEmpty()) {
-        m_pages->setCurrentWidget(m_messages);
+        m_pages->setCurrentIndex(m_messageModel.peer().isEmpty() ? 0 : 1);
         return;
     }
     const QList<StoredMessage> hits = m_client.searchStoredMessages(text);
@@ -266,7 +297,7 @@ void ChatWindow::search(const QString &text)
                                            : tr("%1 messages hold “%2”; click one to open its conversation")
                                                  .arg(hits.size())
                                                  .arg(text));
-    m_pages->setCurrentIndex(1);
+    m_pages->setCurrentIndex(2);
 }
 
 // A message that arrives in the open conversation is read; how many wait
@@ -297,6 +328,7 @@ void ChatWindow::onFriendList(const QByteArray &json)
     for (const QJsonValue &f : objectOf(json).value(QLatin1String("friends")).toArray()) {
         const QJsonObject entry = f.toObject();
         const QString jid = entry.value(QLatin1String("jid")).toString();
+        m_friends.insert(jid);
         contact(jid, Chat);
         setOnline(jid, entry.value(QLatin1String("online")).toBool());
     }
@@ -366,6 +398,7 @@ void ChatWindow::acceptRequest()
     const QString jid = current->data(kJidRole).toString();
     m_client.acceptFriend(jid, tr("welcome"));
     delete current;
+    updateActions();
     openConversation(jid, false);
     m_client.listFriends(1, 200);
 }

@@ -6,7 +6,8 @@
 // unread counts, friends' presence) and the contacts (friends, rooms,
 // friend requests). On the right the open conversation, its older messages
 // loaded as it scrolls up, or the messages a search found; a send box below
-// (Enter sends). The store works without the broker: the history shows, and
+// (Enter sends). Actions that need the server are enabled while it is
+// there. The store works without the broker: the history shows, and
 // what is typed waits, pending, until the broker is back. Everything the
 // library reports arrives as MessageClient signals on this thread.
 
@@ -56,6 +57,7 @@ private:
     void onRoomChanged(const QJsonObject &room, int cmd);
     void onPresence(const QString &from, const QString &body);
     void setOnline(const QString &jid, bool online);
+    void updateActions();
     void askForChat();
     void askForFriend();
     void acceptRequest();
@@ -70,6 +72,7 @@ private:
     QString m_jid;
     bool m_room = false;  // the open conversation is a room's
     QString m_linkError;  // why the link is down, until it is up again
+    QSet<QString> m_friends; // whose presence is shared with this user
     QSet<QString> m_online;
     QLineEdit *m_search;
     QListView *m_conversations;
@@ -80,6 +83,7 @@ private:
     QListWidget *m_found;
     QLineEdit *m_sendBox;
     QLabel *m_connection;
+    QAction *m_addFriend, *m_acceptRequest, *m_newRoom, *m_invite;
 };
 
 #endif // DESKTOPCHAT_CHATWINDOW_H

@@ -1,8 +1,11 @@
 #include "messageview.h"
 
 #include <QIdentityProxyModel>
+#include <QPainter>
 #include <QScrollBar>
 #include <QStyledItemDelegate>
+
+#include <algorithm>
 
 namespace {
 
@@ -16,28 +19,75 @@ public:
     bool canFetchMore(const QModelIndex &) const override { return false; }
 };
 
+// A message as a bubble: the user's own on the right in blue, the peer's
+// on the left in grey; above the text, small, who and when (and, for the
+// user's own, "pending" until the broker has it, then ✓ sent, ✓✓ read).
 class MessageDelegate : public QStyledItemDelegate {
 public:
-    using QStyledItemDelegate::QStyledItemDelegate;
+    explicit MessageDelegate(QListView *view) : QStyledItemDelegate(view), m_view(view) {}
 
-protected:
-    void initStyleOption(QStyleOptionViewItem *option, const QModelIndex &index) const override
+    void paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override
     {
-        QStyledItemDelegate::initStyleOption(option, index);
-        const auto state = StoredState(index.data(Messages::StateRole).toInt());
-        option->text = QStringLiteral("%1  %2: %3")
-                           .arg(MessageView::shortTime(index.data(Messages::TimeRole).toDateTime()),
-                                MessageView::nameOf(index.data(Messages::SenderRole).toString()),
-                                index.data(Messages::BodyRole).toString());
-        if (!index.data(Messages::OutgoingRole).toBool())
-            return;
-        if (state == StoredState::Pending) {
-            option->text += MessageView::tr("  · pending");
-            option->palette.setColor(QPalette::Text, QColor(Qt::gray));
-        } else {
-            option->text += state == StoredState::Read ? QStringLiteral("  ✓✓") : QStringLiteral("  ✓");
-        }
+        const Bubble b = layout(option, index);
+        painter->save();
+        painter->setRenderHint(QPainter::Antialiasing);
+        painter->setPen(Qt::NoPen);
+        painter->setBrush(b.own ? QColor(0xd6, 0xe9, 0xff) : QColor(0xee, 0xee, 0xee));
+        painter->drawRoundedRect(b.frame, 8, 8);
+        painter->setFont(small(option.font));
+        painter->setPen(b.pending ? QColor(0xb0, 0x60, 0x00) : QColor(0x70, 0x70, 0x70));
+        painter->drawText(b.head, Qt::AlignLeft | Qt::TextSingleLine, b.headText);
+        painter->setFont(option.font);
+        painter->setPen(b.pending ? QColor(0x80, 0x80, 0x80) : option.palette.color(QPalette::Text));
+        painter->drawText(b.body, Qt::TextWordWrap, b.bodyText);
+        painter->restore();
     }
+
+    QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override
+    {
+        const Bubble b = layout(option, index);
+        return QSize(m_view->viewport()->width(), b.frame.height() + 2 * kGap);
+    }
+
+private:
+    static constexpr int kGap = 3, kPad = 7;
+    struct Bubble {
+        bool own, pending;
+        QString headText, bodyText;
+        QRect frame, head, body;
+    };
+
+    static QFont small(QFont font)
+    {
+        font.setPointSizeF(font.pointSizeF() * 0.85);
+        return font;
+    }
+
+    Bubble layout(const QStyleOptionViewItem &option, const QModelIndex &index) const
+    {
+        Bubble b;
+        const auto state = StoredState(index.data(Messages::StateRole).toInt());
+        b.own = index.data(Messages::OutgoingRole).toBool();
+        b.pending = b.own && state == StoredState::Pending;
+        const QString when = MessageView::shortTime(index.data(Messages::TimeRole).toDateTime());
+        b.headText = b.own ? when + (b.pending ? MessageView::tr("  · pending")
+                                               : state == StoredState::Read ? QStringLiteral("  ✓✓") : QStringLiteral("  ✓"))
+                           : MessageView::nameOf(index.data(Messages::SenderRole).toString()) + QStringLiteral("  ") + when;
+        b.bodyText = index.data(Messages::BodyRole).toString();
+        const int width = m_view->viewport()->width();
+        const int most = std::max(120, width * 7 / 10) - 2 * kPad;
+        const QFontMetrics body(option.font), head(small(option.font));
+        const QRect text = body.boundingRect(QRect(0, 0, most, 1 << 20), Qt::TextWordWrap, b.bodyText);
+        const int inner = std::min(most, std::max(text.width(), head.horizontalAdvance(b.headText)));
+        const int left = b.own ? width - inner - 2 * kPad - 6 : 6;
+        const int top = option.rect.top() + kGap;
+        b.frame = QRect(left, top, inner + 2 * kPad, head.height() + text.height() + 2 * kPad);
+        b.head = QRect(left + kPad, top + kPad, inner, head.height());
+        b.body = QRect(left + kPad, b.head.bottom() + 1, inner, text.height());
+        return b;
+    }
+
+    QListView *m_view;
 };
 
 } // namespace
@@ -49,7 +99,8 @@ MessageView::MessageView(StoredMessageModel *messages, QWidget *parent) : QListV
     setModel(rows);
     setItemDelegate(new MessageDelegate(this));
     setSelectionMode(NoSelection);
-    setWordWrap(true);
+    setResizeMode(Adjust); // bubbles follow the width
+    setVerticalScrollMode(ScrollPerPixel);
 }
 
 QString MessageView::shortTime(const QDateTime &at)

@@ -1,8 +1,9 @@
 #ifndef DESKTOPCHAT_MESSAGEVIEW_H
 #define DESKTOPCHAT_MESSAGEVIEW_H
 
-// The open conversation's messages, the newest at the bottom, one line each
-// with time, sender and text; the user's own are grey and marked "pending"
+// The open conversation's messages, the newest at the bottom, as bubbles:
+// the user's own on the right, the peer's on the left with the sender's
+// name, each with its time; the user's own are grey and marked "pending"
 // until the broker has them, then ✓ (sent) and ✓✓ (read). The view stays
 // at the bottom as messages come in and loads older pages from the store
 // when scrolled to the top.

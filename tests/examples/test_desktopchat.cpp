@@ -13,6 +13,7 @@
 #include "mosquittobroker.h"
 #include "qttestapp.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QDir>
 #include <QScreen>
@@ -51,7 +52,7 @@ QImage shoot(WId window, const QString &name)
 TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
 {
     QProcess xvfb, server;
-    xvfb.start("Xvfb", {"-displayfd", "1", "-screen", "0", "1300x440x24", "-nolisten", "tcp"});
+    xvfb.start("Xvfb", {"-displayfd", "1", "-screen", "0", "1820x620x24", "-nolisten", "tcp"});
     ASSERT_TRUE(xvfb.waitForReadyRead(10000)) << "Xvfb did not start";
     qputenv("DISPLAY", ":" + xvfb.readLine().trimmed());
     qputenv("QT_QPA_PLATFORM", "xcb");
@@ -75,13 +76,18 @@ TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
         QObject::connect(&window->client(), &MessageClient::roomListRefreshed, [&, window] { online << window; });
         login.user = window == &bob ? "bob" : "alice";
         login.store = dir.filePath(login.user + ".db");
-        window->move(window == &bob ? 650 : 0, 0);
+        window->move(window == &bob ? 910 : 0, 0);
         window->show();
         window->login(login);
     }
     ASSERT_TRUE(pump([&] { return online.size() == 2; })); // the server answered: subscriptions in place
 
+    const auto enabled = [](ChatWindow *window, const char *action) {
+        return window->findChild<QAction *>(action)->isEnabled();
+    };
     alice->openConversation("bob", false);
+    EXPECT_TRUE(enabled(alice.get(), "addFriend") && enabled(alice.get(), "newRoom"));
+    EXPECT_FALSE(enabled(alice.get(), "invite") || enabled(alice.get(), "acceptRequest")); // not a room, no request
     QTest::keyClicks(alice->findChild<QLineEdit *>("sendBox"), "Hello Bob!");
     QTest::keyClick(alice->findChild<QLineEdit *>("sendBox"), Qt::Key_Return);
     const auto *bobMessages = bob.findChild<QListView *>("messages");
@@ -96,7 +102,7 @@ TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
     EXPECT_TRUE(pump([&] { return texts(aliceMessages) == both; })) << texts(aliceMessages).join('\n').toStdString();
     // Both windows as a person would see them.
     const QImage screen = shoot(0, QFileInfo(SCREENSHOT).fileName());
-    EXPECT_NE(screen.pixel(100, 200), screen.pixel(1290, 430)); // windows on a black screen
+    EXPECT_NE(screen.pixel(100, 200), screen.pixel(1815, 615)); // windows on a black screen
 
     login.user = "bob";
     login.store = dir.filePath("bob2.db");
@@ -125,6 +131,7 @@ TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
     const auto lastState = [&] { return messages->model()->index(2, 0).data(Messages::StateRole).toInt(); };
     ASSERT_TRUE(pump([&] { return texts(messages).size() == 3; })) << texts(messages).join('\n').toStdString();
     EXPECT_EQ(lastState(), int(StoredState::Pending));
+    EXPECT_FALSE(enabled(&again, "addFriend")); // nobody to ask without the broker
     shoot(again.winId(), "desktop-chat-offline.png");
     ASSERT_TRUE(broker.start());
     EXPECT_TRUE(pump([&] { return lastState() == int(StoredState::Sent); }));

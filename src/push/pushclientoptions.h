@@ -53,7 +53,10 @@ enum class PushConnectionError : int {
     NotAuthorised = 7,       ///< the broker refuses this client (e.g. anonymous); not retried
     Refused = 8,             ///< protocol version or client id refused; not retried
     ServerUnavailable = 9,   ///< the broker is unavailable for now; retried
-    InvalidSettings = 10     ///< the options cannot be used (e.g. an unreadable CA file); not tried
+    InvalidSettings = 10,    ///< the options cannot be used (e.g. an unreadable CA file); not tried
+    /// Every broker (the login's and each failover broker) refused the TCP
+    /// connection in turn: nothing listens on their ports; retried
+    NothingListening = 11
 };
 
 /// True for the errors after which the client tries again on its own; after
@@ -61,7 +64,8 @@ enum class PushConnectionError : int {
 inline bool isRetried(PushConnectionError error)
 {
     return error == PushConnectionError::Unreachable || error == PushConnectionError::ConnectionLost ||
-           error == PushConnectionError::TlsFailed || error == PushConnectionError::ServerUnavailable;
+           error == PushConnectionError::TlsFailed || error == PushConnectionError::ServerUnavailable ||
+           error == PushConnectionError::NothingListening;
 }
 
 /// Connection settings. Defaults: plain TCP, anonymous, one broker.

@@ -169,6 +169,10 @@ void PushConnection::configureSecurity()
     const bool ownCa = !tls.caFile.empty() || !tls.caPath.empty();
     if (!ownCa)
         mosquitto_int_option(mosq_, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
+    // The TLS context made by the first attempt serves every later one:
+    // libmosquitto would otherwise refuse to remake it for the system's
+    // trust store ("MOSQ_OPT_SSL_CTX_WITH_DEFAULTS used without ...").
+    mosquitto_int_option(mosq_, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
     if ((ownCa || !tls.certFile.empty() || !tls.keyFile.empty()) &&
         mosquitto_tls_set(mosq_, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
                           nullptr) != MOSQ_ERR_SUCCESS)
@@ -236,6 +240,7 @@ int PushConnection::start(const char* host, int port, int keepalive)
             brokers_.push_back(broker);
     }
     brokerIndex_ = 0;
+    refusedInTurn_ = 0;
     if (link_ == Link::Idle || link_ == Link::Refused) {
         backoff_.reset();
         link_ = Link::Waiting;
@@ -503,7 +508,7 @@ void PushConnection::run()
                     handleLinkDown(rc, "nothing heard from the broker for " +
                                            std::to_string(keepalive_ * kSilenceLimitTenths / 10) + " s");
                 else
-                    handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string());
+                    handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string(), error);
                 lock.lock();
             }
             break;
@@ -605,7 +610,7 @@ void PushConnection::attemptConnection()
     const int rc = mosquitto_connect_async(mosq_, target.host.c_str(), target.port, keepalive);
     const int error = errno;
     if (rc != MOSQ_ERR_SUCCESS)
-        handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string());
+        handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string(), error);
 }
 
 void PushConnection::processEvents()
@@ -677,6 +682,7 @@ void PushConnection::handleConnack(int code)
                 ++connections_;
                 link_ = Link::Online;
                 connectedAt_ = Clock::now();
+                refusedInTurn_ = 0;
                 error_ = PushConnectionError::None;
                 errorText_.clear();
                 mosquitto_log_callback_set(mosq_, nullptr);
@@ -745,7 +751,7 @@ bool PushConnection::drainOutboxLocked()
     return true;
 }
 
-void PushConnection::handleLinkDown(int rc, std::string detail)
+void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
 {
     std::string logged;
     {
@@ -782,6 +788,12 @@ void PushConnection::handleLinkDown(int rc, std::string detail)
         if (link_ == Link::Online && now - connectedAt_ >= kStableLink)
             backoff_.reset();
         outbox_.forgetRequests();
+        // Refused by every broker in turn: nothing listens, which the
+        // application may want to tell apart from a broker out of reach.
+        const bool refused = link_ == Link::Connecting && rc == MOSQ_ERR_ERRNO && systemError == ECONNREFUSED;
+        refusedInTurn_ = refused ? refusedInTurn_ + 1 : 0;
+        if (refusedInTurn_ >= brokers_.size())
+            error = PushConnectionError::NothingListening;
         error_ = error;
         errorText_ = brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
         brokerIndex_ = (brokerIndex_ + 1) % brokers_.size(); // failover: the next broker, if any

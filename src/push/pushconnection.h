@@ -110,8 +110,9 @@ private:
     void processEvents();
     void handleConnack(int code);
     // The link is down or the attempt failed: `rc` is libmosquitto's
-    // reason, `detail` a text for people (empty: from `rc`).
-    void handleLinkDown(int rc, std::string detail = std::string());
+    // reason, `detail` a text for people (empty: from `rc`), `systemError`
+    // the errno of MOSQ_ERR_ERRNO.
+    void handleLinkDown(int rc, std::string detail = std::string(), int systemError = 0);
     void refuse(PushConnectionError error, std::string text);
     bool drainOutboxLocked();
     int sendLocked(const PushOutbox::Request& request);
@@ -139,6 +140,7 @@ private:
     std::vector<PushBrokerAddress> brokers_;
     int keepalive_ = 0;
     std::size_t brokerIndex_ = 0;
+    std::size_t refusedInTurn_ = 0; // attempts in a row whose TCP connection was refused
     PushConnectionError error_ = PushConnectionError::None;
     std::string errorText_;
     std::string settingsError_; // set by the constructor only

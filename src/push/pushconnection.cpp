@@ -417,7 +417,9 @@ void PushConnection::onConnect(mosquitto*, void* self, int code)
 
 void PushConnection::onDisconnect(mosquitto*, void* self, int reason)
 {
-    static_cast<PushConnection*>(self)->record({Event::Kind::Disconnected, reason, {}, {}});
+    Event event{Event::Kind::Disconnected, reason, {}, {}};
+    event.systemError = errno;
+    static_cast<PushConnection*>(self)->record(std::move(event));
 }
 
 void PushConnection::onPublish(mosquitto*, void* self, int mid)
@@ -656,7 +658,10 @@ void PushConnection::processEvents()
             handleConnack(event.code);
             break;
         case Event::Kind::Disconnected:
-            handleLinkDown(event.code);
+            handleLinkDown(event.code,
+                           event.code == MOSQ_ERR_ERRNO && event.systemError != 0 ? std::strerror(event.systemError)
+                                                                                  : std::string(),
+                           event.systemError);
             break;
         case Event::Kind::Message:
             deliver(event);

@@ -78,6 +78,7 @@ private:
         int qos = 0;
         bool retain = false;
         std::size_t length = 0; // of a payload over the incoming limit, left out
+        int systemError = 0;    // of a disconnection: errno as libmosquitto left it
     };
 
     struct Will

@@ -5,6 +5,8 @@
 #   dev     -> libpushchat-dev   headers, CMake and pkg-config files, link name
 #   tools   -> pushchat-tools    the command-line client and its man page,
 #                                and the development server
+#   python  -> python3-pushchat  the Python package (pure Python, over the
+#                                C interface of the runtime package)
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -32,7 +34,7 @@ set(CPACK_PACKAGE_CONTACT "pushchat developers <pushchat@localhost>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime dev tools)
+set(CPACK_COMPONENTS_ALL runtime dev tools python)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
@@ -65,5 +67,14 @@ The pushchat command-line client: log in, send and receive messages,
 manage rooms and friends and fetch history from a shell. And
 pushchat-devserver, a server for development and demos (not for
 production) that answers every command of the library from SQLite.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-pushchat)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libpushchat${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), python3 (>= 3.8)")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "Instant messaging over an MQTT broker (Python 3)
+The Python package pushchat: a Client with the library's operations as
+methods and its events as objects, to iterate or to await in asyncio.
+Pure Python over the library's C interface.")
 
 include(CPack)

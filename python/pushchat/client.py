@@ -55,12 +55,14 @@ class Client:
                  password: Optional[str] = None, max_qos: Optional[int] = None,
                  server_jid: Optional[str] = None, history_base: Optional[str] = None,
                  history_deadline_ms: Optional[int] = None, store: Optional[str] = None,
-                 store_sync: Optional[bool] = None, queue_size: Optional[int] = None) -> None:
+                 store_sync: Optional[bool] = None, queue_size: Optional[int] = None,
+                 max_pending_messages: Optional[int] = None, max_pending_bytes: Optional[int] = None) -> None:
         config = {"user": user, "domain": domain, "level": level, "device": device, "device_name": device_name,
                   "brokers": list(brokers), "tls": tls, "username": username, "password": password,
                   "max_qos": max_qos, "server_jid": server_jid, "history_base": history_base,
                   "history_deadline_ms": history_deadline_ms, "store": store, "store_sync": store_sync,
-                  "queue_size": queue_size}
+                  "queue_size": queue_size, "max_pending_messages": max_pending_messages,
+                  "max_pending_bytes": max_pending_bytes}
         self._lib = _native.library()
         error = ctypes.create_string_buffer(1024)
         text = json.dumps({k: v for k, v in config.items() if v is not None}).encode()

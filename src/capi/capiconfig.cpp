@@ -72,7 +72,9 @@ QString CapiConfig::read(const char *text)
                                                            {"history_deadline_ms", Type::Integer, false},
                                                            {"store", Type::Text, false},
                                                            {"store_sync", Type::Flag, false},
-                                                           {"queue_size", Type::Integer, false}});
+                                                           {"queue_size", Type::Integer, false},
+                                                           {"max_pending_messages", Type::Integer, false},
+                                                           {"max_pending_bytes", Type::Integer, false}});
     if (!error.isEmpty())
         return error;
     user = fields.text("user");
@@ -106,6 +108,12 @@ QString CapiConfig::read(const char *text)
     historyDeadlineMs = fields.integer("history_deadline_ms");
     store = fields.text("store");
     storeSync = fields.flag("store_sync", true);
+    if (fields.integer("max_pending_messages") < 0 || fields.integer("max_pending_bytes") < 0)
+        return QStringLiteral("configuration: the outbox's bounds must be 0 or more");
+    if (fields.has("max_pending_messages"))
+        options.maxPendingMessages = static_cast<std::size_t>(fields.integer("max_pending_messages"));
+    if (fields.has("max_pending_bytes"))
+        options.maxPendingBytes = static_cast<std::size_t>(fields.integer("max_pending_bytes"));
     const int size = fields.integer("queue_size", DEFAULT_QUEUE_SIZE);
     if (size < 1)
         return QStringLiteral("configuration: \"queue_size\" must be 1 or more");

@@ -80,7 +80,9 @@ PUSHCHAT_EXPORT const char *pushchat_version(void);
  *   {"ca_file","ca_path","cert_file","key_file","insecure"}),
  *   "username", "password", "max_qos" (1 or 2), "server_jid",
  *   "history_base", "history_deadline_ms", "store" (a message store file,
- *   opened now), "store_sync" (true), "queue_size" (10000).
+ *   opened now), "store_sync" (true), "queue_size" (10000), and the
+ *   outbox's bounds "max_pending_messages" (1000) and "max_pending_bytes"
+ *   (16 MiB): a chat sent while they are reached gives the result 0.
  * No connection is made ("login" does that). NULL when the configuration
  * is unusable or the store cannot be opened; then `error` (when not NULL)
  * holds why, cut to `error_size` bytes with its NUL. */

@@ -64,15 +64,15 @@ def workdir():
         yield Path(path)
 
 
-@pytest.fixture(scope="session")
-def broker(workdir):
+def start_broker(workdir: Path):
+    """A mosquitto on a free loopback port: (its Process, the port)."""
     port = free_port()
     config = workdir / "mosquitto.conf"
     config.write_text(f"listener {port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n"
                       "max_queued_messages 100000\nmax_inflight_messages 0\n"
                       + ("user root\n" if os.getuid() == 0 else ""))
-    log = open(workdir / "mosquitto.log", "w")
-    process = Process(["mosquitto", "-c", str(config)], stdout=log, stderr=subprocess.STDOUT)
+    with open(workdir / "mosquitto.log", "w") as log:
+        process = Process(["mosquitto", "-c", str(config)], stdout=log, stderr=subprocess.STDOUT)
 
     def accepts():
         try:
@@ -82,9 +82,14 @@ def broker(workdir):
             return False
 
     wait_until(accepts, 5, "the broker")
+    return process, port
+
+
+@pytest.fixture(scope="session")
+def broker(workdir):
+    process, port = start_broker(workdir)
     yield port
     process.stop()
-    log.close()
 
 
 @pytest.fixture(scope="session")

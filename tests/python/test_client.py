@@ -64,7 +64,7 @@ def test_rooms_and_history(connect):
 
 
 def test_many_threads_send_while_one_receives(connect):
-    sender, receiver = connect("dave"), connect("erin", queue_size=64)
+    sender, receiver = connect("dave", max_pending_messages=100000), connect("erin", queue_size=64)
     threads, each = 8, 150
     accepted = []
 
@@ -151,7 +151,7 @@ def test_unusable_configurations_are_refused(config, error):
 
 
 def test_asyncio_iterator_under_a_flood(connect):
-    sender, receiver = connect("heidi"), connect("ivan", queue_size=32)
+    sender, receiver = connect("heidi", max_pending_messages=100000), connect("ivan", queue_size=32)
     count = 3000
 
     async def collect():

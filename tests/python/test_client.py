@@ -89,9 +89,12 @@ def test_many_threads_send_while_one_receives(connect):
     assert all(sender.result(r) == 1 for r in accepted)
 
 
-def test_free_wakes_a_waiting_receive(workdir):
+def test_free_wakes_a_waiting_receive(broker):
     lib = pushchat._native.library()
-    handle = lib.pushchat_client_new(b'{"user":"frank"}', None, 0)
+    config = {"user": "frank", "domain": DOMAIN, "device": "py-frank", "brokers": [f"127.0.0.1:{broker}"]}
+    handle = lib.pushchat_client_new(json.dumps(config).encode(), None, 0)
+    lib.pushchat_send(handle, b'{"op":"login"}')
+    wait_until(lambda: b"onConnected" in lib.pushchat_receive(handle, 100), what="frank's login")
     returned = []
     waiter = threading.Thread(target=lambda: returned.append(lib.pushchat_receive(handle, -1)))
     waiter.start()

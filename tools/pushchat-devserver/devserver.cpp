@@ -106,6 +106,7 @@ DevServer::DevServer(Settings settings, DevStore *store, JsonLineWriter *log, QO
       m_rooms(store, [this](const QString &reason) { dropped(reason); }),
       m_history(store), m_http([this](const QString &path, const QUrlQuery &query) { return answerHttp(path, query); })
 {
+    qRegisterMetaType<PushConnectionError>(); // linkFailed crosses threads
 }
 
 DevServer::~DevServer()
@@ -133,8 +134,10 @@ bool DevServer::start(QString *error)
 
 void DevServer::connectStatus(bool connected)
 {
-    if (!connected)
+    if (!connected) {
+        emit linkFailed(m_client->lastError(), QString::fromStdString(m_client->lastErrorText()));
         return;
+    }
     const std::string &jid = m_settings.serverJid;
     // At QoS 1, as the library subscribes: libmosquitto hands a QoS 2
     // delivery over only once its handshake is done, so a QoS 0 message (a

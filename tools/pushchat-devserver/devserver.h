@@ -84,6 +84,12 @@ public:
     void messgeRecievedMore(int mid, char *topic, void *payload, int length, int qos, bool retain) override;
     void connectStatus(bool connected) override;
 
+signals:
+    /// The broker connection failed or went down: the push client's error
+    /// and its text (isRetried(error): the client tries again on its own).
+    /// Emitted on the push client's thread.
+    void linkFailed(PushConnectionError error, const QString &reason);
+
 private:
     /// A delivery as queued: sizes over the limits leave topic and payload
     /// out (the topic's start is kept for the log line).
@@ -122,5 +128,7 @@ private:
     std::deque<Arrived> m_arrived; // guarded by m_mutex
     std::unique_ptr<PushClient> m_client; // declared last: destroyed first
 };
+
+Q_DECLARE_METATYPE(PushConnectionError)
 
 #endif // PUSHCHAT_DEVSERVER_DEVSERVER_H

@@ -10,11 +10,17 @@
 //                      [--db PATH] [--http-port N] [--http-address A]
 //                      [--tls] [--cafile F] [--cert F --key F] [--insecure]
 //                      [--username U [--password-file F]]
+//   pushchat-devserver --help | --version
+//
+// See also its manual page, pushchat-devserver.1 beside this file.
 
+#include "connectionfailure.h"
 #include "connectionoptions.h"
 #include "devserver.h"
 #include "devstore.h"
 #include "terminationsignals.h"
+
+#include <pushchat/version.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -24,6 +30,9 @@
 
 namespace {
 
+// Exit statuses, as in the manual page.
+constexpr int kNoConnection = 2;
+constexpr int kSetUpFailure = 3;
 constexpr int kUsage = 64;
 
 int usage(const QString &message)
@@ -40,10 +49,12 @@ int main(int argc, char *argv[])
 
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("pushchat-devserver"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(PUSHCHAT_VERSION_STRING));
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
         "Answers every command of the pushchat library as the IM server would, for development and demos."));
     parser.addHelpOption();
+    parser.addVersionOption();
     ConnectionOptions connection;
     connection.addTo(parser);
     const QCommandLineOption serverJid(QStringLiteral("server-jid"),
@@ -59,7 +70,9 @@ int main(int argc, char *argv[])
                                          QStringLiteral("Address the HTTP service listens on (default 127.0.0.1)."),
                                          QStringLiteral("address"), QStringLiteral("127.0.0.1"));
     parser.addOptions({serverJid, db, httpPort, httpAddress});
-    parser.process(app);
+    if (!parser.parse(QCoreApplication::arguments()))
+        return usage(parser.errorText() + QStringLiteral(" See --help."));
+    parser.process(app); // --help, --help-all, --version: shown, and the program ends
 
     ConnectionOptions::Connection reach;
     QString error;
@@ -85,14 +98,22 @@ int main(int argc, char *argv[])
     DevStore store(parser.value(db));
     if (!store.open(&error)) {
         std::fprintf(stderr, "pushchat-devserver: cannot open the store: %s\n", qPrintable(error));
-        return 3;
+        return kSetUpFailure;
     }
     JsonLineWriter log(stdout);
     DevServer server(settings, &store, &log);
     if (!server.start(&error)) {
         std::fprintf(stderr, "pushchat-devserver: %s\n", qPrintable(error));
-        return 3;
+        return kSetUpFailure;
     }
+    // One line per failure; a refusal that retrying cannot fix (credentials,
+    // certificates) ends the server.
+    QObject::connect(&server, &DevServer::linkFailed, &app, [&](PushConnectionError error, const QString &reason) {
+        const QString line = ConnectionFailure::describe(reach.host, reach.port, reach.push, error, reason, std::nullopt);
+        std::fprintf(stderr, "pushchat-devserver: %s%s.\n", qPrintable(line), isRetried(error) ? "; trying again" : "");
+        if (!isRetried(error))
+            app.exit(kNoConnection);
+    });
     QSocketNotifier stop(termination.fd(), QSocketNotifier::Read);
     QObject::connect(&stop, &QSocketNotifier::activated, &app, [&] {
         termination.take();

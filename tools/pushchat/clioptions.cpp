@@ -20,7 +20,9 @@ const char *const kDescription =
     "Commands:\n"
     "  listen [--save-images]      log in and print every event as one JSON line\n"
     "                              on stdout until SIGINT or SIGTERM\n"
-    "  send TO TEXT                send TEXT to user (or, with --room, room) TO\n"
+    "  send TO TEXT                send TEXT to user (or, with --room, room) TO;\n"
+    "                              TEXT \"-\": the text on standard input\n"
+    "  send --text-file PATH TO    send the text of file PATH (UTF-8, at most 2 MiB)\n"
     "  send --image PATH TO        send the image file PATH, carried in the message\n"
     "  location TARGET FIRST SECOND  publish \"FIRST:SECOND\" for TARGET\n"
     "  status UUID STATUS          ask the server to set message UUID's status\n"
@@ -87,11 +89,12 @@ const char *const kDescription =
     "to a new .jpg file in your documents directory and adds \"saved\": its\n"
     "path (empty if it could not be written) to the message's event line.\n"
     "\n"
-    "Exit statuses: 0 done, 1 not published, 2 no connection (refused, or none\n"
-    "within the timeout), 3 set-up failure, 4 no answer within the timeout or an empty\n"
-    "answer (history), 5 queued in the store (send, flush: sent at the next login\n"
-    "with this store), 64 usage error, 66 image file not loadable (send --image),\n"
-    "130 interrupted.";
+    "Exit statuses: 0 done, 1 not published, 2 no connection (refused, nothing\n"
+    "listening, or none within the timeout), 3 set-up failure, 4 no answer within\n"
+    "the timeout or an empty answer (history), 5 queued in the store (send, flush:\n"
+    "sent at the next login with this store), 64 usage error (an unreadable\n"
+    "--cafile, --cert, --key or --password-file too), 66 input not usable (send:\n"
+    "the --image file, or a text over 2 MiB or not UTF-8), 130 interrupted.";
 
 // Upper bound of --timeout, so that the milliseconds always fit.
 constexpr double kMaxTimeoutSeconds = 24 * 3600;
@@ -133,6 +136,10 @@ struct OptionSet {
                               QStringLiteral("id")};
     QCommandLineOption image{QStringLiteral("image"), QStringLiteral("send: send this image file instead of TEXT."),
                              QStringLiteral("path")};
+    QCommandLineOption textFile{QStringLiteral("text-file"),
+                                QStringLiteral("send: send the text of this file (UTF-8, at most 2 MiB; one line "
+                                               "end at its end left out) instead of TEXT."),
+                                QStringLiteral("path")};
     QCommandLineOption saveImages{QStringLiteral("save-images"),
                                   QStringLiteral("listen: save received images in the documents directory.")};
     QCommandLineOption http{QStringLiteral("http"),
@@ -159,7 +166,7 @@ struct OptionSet {
     {
         parser.setApplicationDescription(QString::fromUtf8(kDescription));
         connection.addTo(parser);
-        parser.addOptions({user, domain, level, device, serverJid, timeout, notice, room, image,
+        parser.addOptions({user, domain, level, device, serverJid, timeout, notice, room, image, textFile,
                            saveImages, type, count, cursor, http, httpBase, store, before, limit, in, help, version});
         parser.addPositionalArgument(QStringLiteral("command"),
                                      QStringLiteral("listen, send, location, status, room, friend, history, rdp, flush, log, "
@@ -272,9 +279,11 @@ bool CliOptions::parse(const QStringList &arguments)
     m_room = parser.isSet(options.room);
 
     m_image = parser.value(options.image);
+    m_textFile = parser.value(options.textFile);
     m_saveImages = parser.isSet(options.saveImages);
     m_httpBase = parser.value(options.httpBase);
     const bool imageGiven = parser.isSet(options.image);
+    const bool textFileGiven = parser.isSet(options.textFile);
     const bool httpGiven = parser.isSet(options.http);
     const bool httpBaseGiven = parser.isSet(options.httpBase);
 
@@ -289,10 +298,13 @@ bool CliOptions::parse(const QStringList &arguments)
     }
     if (!entry)
         return fail(QStringLiteral("Unknown command '%1': use %2.").arg(name, QLatin1String(kCommandNames)));
-    // send --image takes TO only: the image replaces TEXT.
+    // send --image and send --text-file take TO only: the file replaces TEXT.
     const bool imageSend = entry->command == Command::Send && imageGiven;
-    const int argumentCount = imageSend ? 1 : entry->argumentCount;
-    const char *usage = imageSend ? "send --image PATH TO" : entry->usage;
+    const bool fileSend = entry->command == Command::Send && textFileGiven;
+    if (imageSend && fileSend)
+        return fail(QStringLiteral("--image and --text-file exclude each other: send one message at a time."));
+    const int argumentCount = imageSend || fileSend ? 1 : entry->argumentCount;
+    const char *usage = imageSend ? "send --image PATH TO" : fileSend ? "send --text-file PATH TO" : entry->usage;
     if (argumentCount >= 0 && positional.size() != argumentCount)
         return fail(QStringLiteral("'%1' takes %2 argument(s), %3 given: pushchat [options] %4.")
                         .arg(name)
@@ -302,10 +314,12 @@ bool CliOptions::parse(const QStringList &arguments)
     m_command = entry->command;
     m_arguments = positional;
 
-    if (m_command != Command::Send && (m_notice || m_room || imageGiven))
-        return fail(QStringLiteral("--notice, --room and --image apply to send only."));
+    if (m_command != Command::Send && (m_notice || m_room || imageGiven || textFileGiven))
+        return fail(QStringLiteral("--notice, --room, --image and --text-file apply to send only."));
     if (imageSend && m_image.isEmpty())
         return fail(QStringLiteral("--image must name an image file."));
+    if (fileSend && m_textFile.isEmpty())
+        return fail(QStringLiteral("--text-file must name a file."));
     if (m_command != Command::Listen && m_saveImages)
         return fail(QStringLiteral("--save-images applies to listen only."));
     if (m_command != Command::History && (httpGiven || httpBaseGiven))

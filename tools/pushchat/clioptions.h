@@ -5,7 +5,8 @@
 // command and its arguments.
 //
 //   pushchat [options] listen [--save-images]
-//   pushchat [options] send [--notice] [--room] TO TEXT
+//   pushchat [options] send [--notice] [--room] TO TEXT      (TEXT "-": stdin)
+//   pushchat [options] send [--notice] [--room] --text-file PATH TO
 //   pushchat [options] send [--notice] [--room] --image PATH TO
 //   pushchat [options] location TARGET FIRST SECOND
 //   pushchat [options] status UUID STATUS
@@ -55,8 +56,8 @@ public:
     static QString helpText();
 
     Command command() const { return m_command; }
-    /// The command's arguments, in order (TO TEXT, or TO with --image;
-    /// TARGET FIRST SECOND; UUID STATUS).
+    /// The command's arguments, in order (TO TEXT, or TO with --image or
+    /// --text-file; TARGET FIRST SECOND; UUID STATUS).
     QStringList commandArguments() const { return m_arguments; }
     /// STATUS of the status command.
     int status() const { return m_status; }
@@ -87,6 +88,8 @@ public:
     bool room() const { return m_room; }
     /// send --image: the image file to send; empty for a text message.
     QString image() const { return m_image; }
+    /// send --text-file: the file whose text is sent; empty otherwise.
+    QString textFile() const { return m_textFile; }
     /// listen --save-images.
     bool saveImages() const { return m_saveImages; }
     /// history --http-base: the HTTP service's base address; empty for the
@@ -131,6 +134,7 @@ private:
     bool m_notice = false;
     bool m_room = false;
     QString m_image;
+    QString m_textFile;
     bool m_saveImages = false;
     QString m_httpBase;
     QString m_storePath;

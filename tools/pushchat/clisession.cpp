@@ -3,6 +3,8 @@
 #include "clioptions.h"
 #include "terminationsignals.h"
 
+#include <QLoggingCategory>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -12,6 +14,18 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// How often a login looks at the library's last connection error.
+constexpr std::chrono::milliseconds kErrorCheckInterval{50};
+
+// The library's warnings (category pushchat.engine) are off while it
+// lives; QT_LOGGING_RULES still turns them on.
+struct EngineWarningsOff {
+    EngineWarningsOff() { QLoggingCategory::setFilterRules(QStringLiteral("pushchat.engine.warning=false")); }
+    ~EngineWarningsOff() { QLoggingCategory::setFilterRules(QString()); }
+    EngineWarningsOff(const EngineWarningsOff &) = delete;
+    EngineWarningsOff &operator=(const EngineWarningsOff &) = delete;
+};
 
 // Index of the first readable descriptor, or -1 once the deadline (if any)
 // has passed.
@@ -54,6 +68,9 @@ CliSession::Outcome CliSession::login(const std::function<void()> &started)
         m_library.setServerJid(m_options.serverJid());
     m_library.setPushClientOptions(m_options.pushOptions());
     m_library.setMaxQos(m_options.maxQos());
+    // The client tells why a login failed in a line of its own: the
+    // library's warning about it is not printed as well.
+    const EngineWarningsOff quiet;
     m_library.registerToImServer(m_options.host(), m_options.port(), m_options.user(), QString(), m_options.level(),
                                  m_options.domain(), QString());
     m_loggedIn = true;
@@ -61,22 +78,23 @@ CliSession::Outcome CliSession::login(const std::function<void()> &started)
         started();
 
     // Until connected, refused, interrupted or out of time: an attempt that
-    // failed and will be retried just waits on.
+    // failed and will be retried just waits on, unless every broker refused
+    // the connection. The library tells that without a new event when there
+    // are failover brokers, so the error is looked at after each slice.
     const auto deadline = Clock::now() + m_options.connectTimeout();
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        switch (wait(m_connected, std::max(left, std::chrono::milliseconds(0)))) {
-        case Wait::Raised:
-            if (m_library.lastConnectionError() == PushConnectionError::None)
-                return Outcome::Connected;
-            if (!isRetried(m_library.lastConnectionError()))
-                return Outcome::Refused;
-            continue;
-        case Wait::Interrupted:
+        const auto slice = std::clamp(left, std::chrono::milliseconds(0), kErrorCheckInterval);
+        const Wait waited = wait(m_connected, slice);
+        const PushConnectionError error = m_library.lastConnectionError();
+        if (waited == Wait::Interrupted)
             return Outcome::Interrupted;
-        case Wait::TimedOut:
+        if (waited == Wait::Raised && error == PushConnectionError::None)
+            return Outcome::Connected;
+        if ((!isRetried(error) && error != PushConnectionError::None) || error == PushConnectionError::NothingListening)
+            return Outcome::Refused;
+        if (waited == Wait::TimedOut && left <= slice)
             return Outcome::TimedOut;
-        }
     }
 }
 

@@ -6,8 +6,10 @@
 //
 // login() starts the connection and waits on the calling thread until the
 // library reports it (onConnected) or a refusal it will not retry (wrong
-// credentials, a certificate that does not verify), a termination signal
-// arrives, or the connect timeout passes, whichever comes first. wait() does the same for
+// credentials, a certificate that does not verify), every broker refused
+// the TCP connection (nothing listens), a termination signal arrives, or
+// the connect timeout passes, whichever comes first. Meanwhile the
+// library's warnings are not printed: the caller tells what failed. wait() does the same for
 // any other flag, such as the arrival of an awaited answer. logout() (also done by
 // the destructor) logs out in order; the library waits there for the
 // broker to acknowledge what was published.
@@ -27,6 +29,7 @@ class TerminationSignals;
 
 class CliSession {
 public:
+    /// Refused: not retried by the library, or nothing listens.
     enum class Outcome { Connected, Refused, Interrupted, TimedOut };
     enum class Wait { Raised, Interrupted, TimedOut };
 

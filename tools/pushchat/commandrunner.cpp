@@ -3,8 +3,10 @@
 #include "awaitedevent.h"
 #include "clioptions.h"
 #include "clisession.h"
+#include "connectionfailure.h"
 #include "imagebody.h"
 #include "jsonlinewriter.h"
+#include "messagetext.h"
 #include "storecommands.h"
 
 #include <pushchat/message_lib.h>
@@ -15,6 +17,7 @@
 #include <QSocketNotifier>
 #include <QUuid>
 
+#include <optional>
 #include <thread>
 
 namespace {
@@ -96,24 +99,27 @@ ExitCode CommandRunner::connect(CliSession &session, const std::function<void()>
     }
     if (!openStore(session.library()))
         return ExitCode::Failure;
-    switch (session.login(started)) {
+    const CliSession::Outcome outcome = session.login(started);
+    switch (outcome) {
     case CliSession::Outcome::Connected:
+        if (m_options.pushOptions().tls.insecure)
+            fail(QStringLiteral("warning: connected without verifying the broker's certificate or host name "
+                                "(--insecure)."));
         return ExitCode::Ok;
     case CliSession::Outcome::Interrupted:
         fail(QStringLiteral("interrupted before the connection was made."));
         return ExitCode::Interrupted;
     case CliSession::Outcome::Refused:
-        fail(QStringLiteral("no connection: %1.").arg(session.library().lastConnectionErrorText()));
-        return ExitCode::NotConnected;
     case CliSession::Outcome::TimedOut:
         break;
     }
-    const QString reason = session.library().lastConnectionErrorText();
-    fail(QStringLiteral("no connection to %1:%2 within %3 s%4.")
-             .arg(m_options.host())
-             .arg(m_options.port())
-             .arg(static_cast<double>(m_options.connectTimeout().count()) / 1000.0)
-             .arg(reason.isEmpty() ? QString() : QStringLiteral(" (last error: %1)").arg(reason)));
+    const Message_lib &library = session.library();
+    fail(ConnectionFailure::describe(m_options.host(), m_options.port(), m_options.pushOptions(),
+                                     library.lastConnectionError(), library.lastConnectionErrorText(),
+                                     outcome == CliSession::Outcome::TimedOut
+                                         ? std::optional(m_options.connectTimeout())
+                                         : std::nullopt) +
+         QLatin1Char('.'));
     return ExitCode::NotConnected;
 }
 
@@ -213,17 +219,25 @@ ExitCode CommandRunner::sendOnce(const char *what, const std::function<int(Messa
 ExitCode CommandRunner::send()
 {
     const QString to = m_options.commandArguments().at(0);
-    QString text;
-    if (m_options.image().isEmpty()) {
-        text = m_options.commandArguments().at(1);
-    } else {
-        // Loaded before connecting: a bad file costs no connection.
-        QString error;
+    // Read before connecting: a bad file costs no connection.
+    QString error;
+    std::optional<QString> text;
+    if (!m_options.image().isEmpty()) {
         text = ImageBody::encodeFile(m_options.image(), &error);
-        if (text.isEmpty()) {
-            fail(error);
-            return ExitCode::NoInput;
-        }
+        if (text->isEmpty())
+            text.reset();
+    } else if (!m_options.textFile().isEmpty()) {
+        text = MessageText::fromFile(m_options.textFile(), &error);
+    } else if (m_options.commandArguments().at(1) == QLatin1String("-")) {
+        text = MessageText::fromStream(stdin, &error);
+    } else {
+        text = m_options.commandArguments().at(1);
+        if (text->toUtf8().size() > Message_lib::MAX_BODY_BYTES)
+            error = QStringLiteral("TEXT is longer than a message may be (2 MiB): nothing was sent.");
+    }
+    if (!error.isEmpty()) {
+        fail(error);
+        return ExitCode::NoInput;
     }
     const MESSAGE_BODY_TYPE bodyType = m_options.notice() ? BODY_TYPE_NOTICE : BODY_TYPE_DEFAULT;
     const QString messageKey = QUuid::createUuid().toString(QUuid::WithoutBraces);
@@ -231,7 +245,7 @@ ExitCode CommandRunner::send()
     return sendOnce(
         m_options.notice() ? "notice" : "message",
         [&](Message_lib &library) {
-            return library.sendTextMessageTo(QString(), to, m_options.level(), text, bodyType, m_options.room(),
+            return library.sendTextMessageTo(QString(), to, m_options.level(), *text, bodyType, m_options.room(),
                                              messageKey, stamp);
         },
         !m_options.storePath().isEmpty());
@@ -275,10 +289,17 @@ ExitCode CommandRunner::history()
             fail(QStringLiteral("interrupted while waiting for the %1.").arg(QLatin1String(request.what())));
             return ExitCode::Interrupted;
         }
-        const QString reason = library.lastHistoryError();
+        QString reason = library.lastHistoryError();
+        while (reason.endsWith(QLatin1Char('.')))
+            reason.chop(1);
         const std::optional<QJsonObject> event = answer.event();
         if (!reason.isEmpty()) {
-            fail(QStringLiteral("no %1 from the HTTP history service: %2.").arg(QLatin1String(request.what()), reason));
+            const QString base = m_options.httpBase().isEmpty()
+                                     ? QStringLiteral("http://%1:5201").arg(m_options.host())
+                                     : m_options.httpBase();
+            fail(QStringLiteral("no %1 from the HTTP history service at %2: %3; check --http-base (the address of "
+                                "the server's HTTP service).")
+                     .arg(QLatin1String(request.what()), base, reason));
             return ExitCode::NoAnswer;
         }
         if (!event || event->value(QLatin1String("json")).toString().isEmpty()) {

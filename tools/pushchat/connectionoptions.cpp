@@ -4,6 +4,7 @@
 #include <QFile>
 
 #include <optional>
+#include <utility>
 
 namespace {
 
@@ -34,16 +35,14 @@ std::optional<PushBrokerAddress> brokerAddress(const QString &text)
     return PushBrokerAddress{host.toStdString(), port};
 }
 
-// The first line of `path`, without its line end; nullopt if unreadable.
-std::optional<std::string> firstLine(const QString &path)
+// Opens the file `option` names; false, with the file and the system's
+// reason in `error`, when it cannot be read.
+bool openNamed(QFile &file, const char *option, QString *error)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    QByteArray line = file.readLine();
-    while (line.endsWith('\n') || line.endsWith('\r'))
-        line.chop(1);
-    return line.toStdString();
+    if (file.open(QIODevice::ReadOnly))
+        return true;
+    return fail(error, QStringLiteral("cannot read %1 '%2': %3.")
+                           .arg(QLatin1String(option), file.fileName(), file.errorString()));
 }
 
 } // namespace
@@ -89,13 +88,24 @@ bool ConnectionOptions::read(const QCommandLineParser &parser, Connection *conne
     options.enabled = parser.isSet(tls) || !options.caFile.empty() || !options.certFile.empty() || options.insecure;
     if (options.certFile.empty() != options.keyFile.empty())
         return fail(error, QStringLiteral("--cert and --key go together."));
+    // Checked here, so that the file and the reason can be named.
+    const std::pair<const QCommandLineOption *, const char *> files[] = {
+        {&cafile, "--cafile"}, {&cert, "--cert"}, {&key, "--key"}};
+    for (const auto &[option, name] : files) {
+        QFile file(parser.value(*option));
+        if (parser.isSet(*option) && !openNamed(file, name, error))
+            return false;
+    }
 
     push.username = parser.value(username).toStdString();
     if (parser.isSet(passwordFile)) {
-        const std::optional<std::string> password = firstLine(parser.value(passwordFile));
-        if (!password)
-            return fail(error, QStringLiteral("cannot read --password-file '%1'.").arg(parser.value(passwordFile)));
-        push.password = *password;
+        QFile file(parser.value(passwordFile));
+        if (!openNamed(file, "--password-file", error))
+            return false;
+        QByteArray line = file.readLine();
+        while (line.endsWith('\n') || line.endsWith('\r'))
+            line.chop(1);
+        push.password = line.toStdString();
         if (push.username.empty())
             return fail(error, QStringLiteral("--password-file needs --username."));
     } else if (!push.username.empty()) {

@@ -59,8 +59,9 @@ struct ConnectionOptions {
 
     void addTo(QCommandLineParser &parser) const;
     /// Reads the options from a parser that has parsed; false, with one
-    /// line in `error`, when a value is wrong or the password file cannot
-    /// be read.
+    /// line in `error`, when a value is wrong or a file it names (password,
+    /// CA, certificate, key) cannot be read: the line names the file and
+    /// the reason.
     bool read(const QCommandLineParser &parser, Connection *connection, QString *error) const;
 };
 

@@ -5,12 +5,12 @@
 enum class ExitCode : int {
     Ok = 0,            ///< done; for the sending commands: published
     NotPublished = 1,  ///< connected, but the library did not publish
-    NotConnected = 2,  ///< no connection within the timeout
+    NotConnected = 2,  ///< refused, nothing listening, or no connection within the timeout
     Failure = 3,       ///< the client could not set itself up
     NoAnswer = 4,      ///< history: no answer within the timeout; over HTTP none (reason printed) or an empty one
     Queued = 5,        ///< send, flush with --store: not (all) acknowledged; sent at the next login with the store
-    Usage = 64,        ///< bad option, missing argument, unknown command
-    NoInput = 66,      ///< send --image: the file cannot be loaded as an image
+    Usage = 64,        ///< bad option, missing argument, unknown command, unreadable TLS or password file
+    NoInput = 66,      ///< send: the --image file or the text (--text-file, stdin, TEXT) cannot be used
     Interrupted = 130  ///< SIGINT/SIGTERM before a command was sent, or while history waited
 };
 

@@ -4,6 +4,8 @@
 #include <pushchat/messagetools.h>
 
 #include <QDir>
+#include <QFile>
+#include <QImage>
 #include <QImageReader>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -23,20 +25,30 @@ QJsonObject objectOf(const QString &json)
 
 QString ImageBody::encodeFile(const QString &path, QString *error)
 {
-    // The library refuses such a picture too; asking the header first tells
-    // the user why.
-    const QSize size = QImageReader(path).size();
+    // The library refuses what follows too, but only its log would say why.
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read --image '%1': %2.").arg(path, file.errorString());
+        return QString();
+    }
+    QImageReader reader(&file);
+    const QSize size = reader.size(); // from the header: no pixel decoded yet
     if (size.isValid() && qint64(size.width()) * size.height() > ImageCodec::MAX_ENCODE_PIXELS) {
-        *error = QStringLiteral("'%1' is too large a picture: %2 x %3 pixels, over the limit of %4 pixels.")
+        *error = QStringLiteral("--image '%1' is too large a picture: %2 x %3 pixels, over the limit of %4 pixels.")
                      .arg(path)
                      .arg(size.width())
                      .arg(size.height())
                      .arg(ImageCodec::MAX_ENCODE_PIXELS);
         return QString();
     }
+    if (reader.read().isNull()) {
+        *error = QStringLiteral("--image '%1' is not a picture this client can read (%2).")
+                     .arg(path, reader.errorString().toLower());
+        return QString();
+    }
     const QJsonObject body = MessageTools().formatEncodeImageMessage(path);
     if (body.value(kBody).toString().isEmpty()) {
-        *error = QStringLiteral("cannot load '%1' as an image.").arg(path);
+        *error = QStringLiteral("--image '%1' could not be encoded.").arg(path);
         return QString();
     }
     return QString::fromUtf8(QJsonDocument(body).toJson(QJsonDocument::Compact));

@@ -13,8 +13,9 @@
 class ImageBody {
 public:
     /// The compact JSON text of the "image_encode" body for the image file
-    /// at `path`; empty, with the reason in `error`, when the file cannot be
-    /// loaded as an image or its picture is larger than the library encodes
+    /// at `path`; empty, with one line in `error` that names the file and
+    /// the reason, when it cannot be read, is not a picture in a format Qt
+    /// reads, or is larger than the library encodes
     /// (ImageCodec::MAX_ENCODE_PIXELS; refused from the file's header,
     /// before any pixel is decoded).
     static QString encodeFile(const QString &path, QString *error);

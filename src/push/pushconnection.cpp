@@ -169,10 +169,6 @@ void PushConnection::configureSecurity()
     const bool ownCa = !tls.caFile.empty() || !tls.caPath.empty();
     if (!ownCa)
         mosquitto_int_option(mosq_, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
-    // The TLS context made by the first attempt serves every later one:
-    // libmosquitto would otherwise refuse to remake it for the system's
-    // trust store ("MOSQ_OPT_SSL_CTX_WITH_DEFAULTS used without ...").
-    mosquitto_int_option(mosq_, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
     if ((ownCa || !tls.certFile.empty() || !tls.keyFile.empty()) &&
         mosquitto_tls_set(mosq_, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
                           nullptr) != MOSQ_ERR_SUCCESS)
@@ -770,6 +766,10 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
         error = PushConnectionError::ServerUnavailable;
     if (detail.empty())
         detail = logged.empty() ? mosquitto_strerror(rc) : logged;
+    // libmosquitto 2.0 does not set TLS up a second time with the system's
+    // trust store alone: every later attempt fails before connecting, with
+    // this line. The first attempt's reason stays the one reported.
+    const bool repeatedTls = logged.find("MOSQ_OPT_SSL_CTX_WITH_DEFAULTS") != std::string::npos;
     bool online = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -799,8 +799,10 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
         refusedInTurn_ = refused ? refusedInTurn_ + 1 : 0;
         if (refusedInTurn_ >= brokers_.size())
             error = PushConnectionError::NothingListening;
-        error_ = error;
-        errorText_ = brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
+        if (!repeatedTls || error_ == PushConnectionError::None) {
+            error_ = error;
+            errorText_ = brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
+        }
         brokerIndex_ = (brokerIndex_ + 1) % brokers_.size(); // failover: the next broker, if any
         link_ = Link::Waiting;
         nextAttempt_ = now + backoff_.next();

@@ -67,14 +67,16 @@ QString ConnectionFailure::describe(const QString &host, int port, const PushCli
                               "--cafile must name the CA that signed the broker's certificate")
             .arg(broker, caFile, reason);
     case PushConnectionError::HostNameMismatch:
-        return QStringLiteral("no connection: the certificate of the broker at %1 is not made out for '%2'; connect "
-                              "by a name the certificate holds (--host)")
+        return QStringLiteral("no connection: the certificate of the broker at %1 is not for the host name '%2'; "
+                              "connect by a name the certificate holds (--host)")
             .arg(broker, host);
     case PushConnectionError::Refused:
         return QStringLiteral("no connection: the broker at %1 refused the connection (%2)").arg(broker, lastPart(reason));
     case PushConnectionError::InvalidSettings:
         return QStringLiteral("no connection: the TLS or login settings cannot be used (%1)").arg(reason);
     case PushConnectionError::TlsFailed:
+        if (reason.contains(QLatin1String("Unable to load CA certificates")))
+            return QStringLiteral("%1: %2 holds no CA certificate in PEM form").arg(noConnection, caFile);
         return QStringLiteral("%1: the TLS handshake failed (%2); check that the broker takes TLS on this port")
             .arg(noConnection, reason);
     case PushConnectionError::None:

@@ -1,7 +1,7 @@
 #ifndef PUSHCHAT_PUSHCHAT_C_H
 #define PUSHCHAT_PUSHCHAT_C_H
 
-/* \file
+/** \file
  * The C interface of pushchat: JSON requests in, JSON events out.
  *
  * For programs in C and for other languages' bindings (the Python package
@@ -56,22 +56,22 @@
 extern "C" {
 #endif
 
-/* A client: one user's connection, its requests and its events. */
+/** A client: one user's connection, its requests and its events. */
 typedef struct pushchat_client pushchat_client;
 
-/* What pushchat_send returns. */
+/** What pushchat_send returns. */
 enum pushchat_status {
-    PUSHCHAT_OK = 0,             /* accepted: its result or error event follows */
-    PUSHCHAT_ERROR_REQUEST = -1, /* malformed: an error event names what is wrong */
-    PUSHCHAT_ERROR_CLOSED = -2,  /* the client is closed: nothing done, no event */
-    PUSHCHAT_ERROR_FULL = -3,    /* the event queue is full: nothing done, no event */
-    PUSHCHAT_ERROR_ARGUMENT = -4 /* a null client or request */
+    PUSHCHAT_OK = 0,             /**< accepted: its result or error event follows */
+    PUSHCHAT_ERROR_REQUEST = -1, /**< malformed: an error event names what is wrong */
+    PUSHCHAT_ERROR_CLOSED = -2,  /**< the client is closed: nothing done, no event */
+    PUSHCHAT_ERROR_FULL = -3,    /**< the event queue is full: nothing done, no event */
+    PUSHCHAT_ERROR_ARGUMENT = -4 /**< a null client or request */
 };
 
-/* The library's version, such as "0.1.0". */
+/** The library's version, such as "0.1.0". */
 PUSHCHAT_EXPORT const char *pushchat_version(void);
 
-/* A new client from a JSON configuration (UTF-8):
+/** A new client from a JSON configuration (UTF-8):
  *   "user" (required), "domain" (default: the first broker's host),
  *   "level" (the user's security level, 0), "device" and "device_name"
  *   (as for Message_lib; an empty device id is kept in the settings),
@@ -88,29 +88,29 @@ PUSHCHAT_EXPORT const char *pushchat_version(void);
  * holds why, cut to `error_size` bytes with its NUL. */
 PUSHCHAT_EXPORT pushchat_client *pushchat_client_new(const char *config, char *error, size_t error_size);
 
-/* Hands one JSON request to the client; any thread. Most operations run
+/** Hands one JSON request to the client; any thread. Most operations run
  * during the call; history over HTTP runs on the client's own thread. The
  * request text is not kept. */
 PUSHCHAT_EXPORT int pushchat_send(pushchat_client *client, const char *request);
 
-/* The next event as JSON text (UTF-8), waiting at most `timeout_ms`
+/** The next event as JSON text (UTF-8), waiting at most `timeout_ms`
  * milliseconds (negative: until one comes). NULL when none came in time,
  * or when the client is closed or freed meanwhile. The text stays valid
  * until the next call on this client. */
 PUSHCHAT_EXPORT const char *pushchat_receive(pushchat_client *client, int timeout_ms);
 
-/* A descriptor that is readable while an event waits (and once the client
+/** A descriptor that is readable while an event waits (and once the client
  * is closed), for poll, select and event loops. Only for waiting: do not
  * read it or close it. -1 for a null client. */
 PUSHCHAT_EXPORT int pushchat_event_fd(const pushchat_client *client);
 
-/* Ends the client's work: logs out in order, wakes every pushchat_receive
+/** Ends the client's work: logs out in order, wakes every pushchat_receive
  * waiting on it (they return NULL), drops the waiting events. Later
  * requests are refused and receives return NULL at once; the handle stays
  * valid until pushchat_client_free. Any thread; idempotent. */
 PUSHCHAT_EXPORT void pushchat_client_close(pushchat_client *client);
 
-/* Closes the client (see pushchat_client_close), waits until the receives
+/** Closes the client (see pushchat_client_close), waits until the receives
  * it woke have returned and releases it. No call may start on the client
  * once this has begun. NULL is ignored. */
 PUSHCHAT_EXPORT void pushchat_client_free(pushchat_client *client);

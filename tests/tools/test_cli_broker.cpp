@@ -78,7 +78,10 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
     std::ofstream((dir + "wrong").toStdString()) << "guess\n";
     std::ofstream((dir + "big").toStdString()) << std::string(3000000, 'a');
     std::ofstream((dir + "max").toStdString()) << std::string(2 * 1024 * 1024, 'b') << '\n';
-    const int tlsPort = MosquittoBroker::freePort(), nothing = MosquittoBroker::freePort();
+    const int tlsPort = MosquittoBroker::freePort();
+    int nothing = MosquittoBroker::freePort();
+    while (nothing == tlsPort)
+        nothing = MosquittoBroker::freePort();
     MosquittoBroker broker({true, false,
                             QStringLiteral("password_file %1passwd\nlistener %2 127.0.0.1\ncafile %1ca.crt\n"
                                            "certfile %1server.crt\nkeyfile %1server.key\n")

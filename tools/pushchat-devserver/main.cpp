@@ -102,18 +102,19 @@ int main(int argc, char *argv[])
     }
     JsonLineWriter log(stdout);
     DevServer server(settings, &store, &log);
-    if (!server.start(&error)) {
-        std::fprintf(stderr, "pushchat-devserver: %s\n", qPrintable(error));
-        return kSetUpFailure;
-    }
     // One line per failure; a refusal that retrying cannot fix (credentials,
-    // certificates) ends the server.
+    // certificates) ends the server. Connected before the start: the first
+    // attempt may fail at once.
     QObject::connect(&server, &DevServer::linkFailed, &app, [&](PushConnectionError error, const QString &reason) {
         const QString line = ConnectionFailure::describe(reach.host, reach.port, reach.push, error, reason, std::nullopt);
         std::fprintf(stderr, "pushchat-devserver: %s%s.\n", qPrintable(line), isRetried(error) ? "; trying again" : "");
         if (!isRetried(error))
             app.exit(kNoConnection);
     });
+    if (!server.start(&error)) {
+        std::fprintf(stderr, "pushchat-devserver: %s\n", qPrintable(error));
+        return kSetUpFailure;
+    }
     QSocketNotifier stop(termination.fd(), QSocketNotifier::Read);
     QObject::connect(&stop, &QSocketNotifier::activated, &app, [&] {
         termination.take();

@@ -106,7 +106,7 @@ DevServer::DevServer(Settings settings, DevStore *store, JsonLineWriter *log, QO
       m_rooms(store, [this](const QString &reason) { dropped(reason); }),
       m_history(store), m_http([this](const QString &path, const QUrlQuery &query) { return answerHttp(path, query); })
 {
-    qRegisterMetaType<PushConnectionError>(); // linkFailed crosses threads
+    qRegisterMetaType<PushConnectionError>(); // for receivers of linkFailed on other threads
 }
 
 DevServer::~DevServer()
@@ -135,7 +135,12 @@ bool DevServer::start(QString *error)
 void DevServer::connectStatus(bool connected)
 {
     if (!connected) {
-        emit linkFailed(m_client->lastError(), QString::fromStdString(m_client->lastErrorText()));
+        // Told on the server's thread, through the queue the deliveries take.
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_failures.emplace_back(m_client->lastError(), QString::fromStdString(m_client->lastErrorText()));
+        }
+        QMetaObject::invokeMethod(this, "drain", Qt::QueuedConnection);
         return;
     }
     const std::string &jid = m_settings.serverJid;
@@ -172,10 +177,14 @@ void DevServer::messgeRecievedMore(int, char *topic, void *payload, int length, 
 void DevServer::drain()
 {
     std::deque<Arrived> arrived;
+    std::deque<std::pair<PushConnectionError, QString>> failures;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         arrived.swap(m_arrived);
+        failures.swap(m_failures);
     }
+    for (const auto &[error, reason] : failures)
+        emit linkFailed(error, reason);
     for (const Arrived &one : arrived) {
         m_handling = QString::fromUtf8(one.topic.left(kShownTopicBytes));
         handle(one);

@@ -87,7 +87,7 @@ public:
 signals:
     /// The broker connection failed or went down: the push client's error
     /// and its text (isRetried(error): the client tries again on its own).
-    /// Emitted on the push client's thread.
+    /// Emitted on the server's thread.
     void linkFailed(PushConnectionError error, const QString &reason);
 
 private:
@@ -126,6 +126,7 @@ private:
     HttpService m_http;
     std::mutex m_mutex;
     std::deque<Arrived> m_arrived; // guarded by m_mutex
+    std::deque<std::pair<PushConnectionError, QString>> m_failures; // guarded by m_mutex: for linkFailed
     std::unique_ptr<PushClient> m_client; // declared last: destroyed first
 };
 

@@ -16,7 +16,6 @@
 
 #include <benchmark/benchmark.h>
 
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -68,7 +67,7 @@ void facadeRoundTrip(benchmark::State &state)
     if (!alice.wait([&] { return alice.connects > 0; }) || !bob.wait([&] { return bob.connects > 0; }))
         return state.SkipWithError("no connection");
     // Bob answers from a thread of his own, as bob's thread does below.
-    std::atomic<bool> done{false};
+    std::atomic<bool> done{ false };
     std::thread echo([&] {
         for (int answered = 0; bob.wait([&] { return done || bob.received > answered; }) && !done; ++answered)
             b.sendTextMessageTo("", "alice", 0, "pong", BODY_TYPE_DEFAULT, false, "k", "st");

@@ -18,9 +18,9 @@ QByteArray envelope(int size)
 {
     const QString phrase = QStringLiteral("Meeting moved to 15:30, room 4B; bring the draft. ");
     QString body;
-    QJsonObject object{{"f", "alice@im.example.org"}, {"t", "bob@im.example.org"}, {"bt", 0},
-                       {"k", "6f1c2a9e-3b7d-4c11-9a55-0e2f7d8b9c01"}, {"p", ""}, {"s", 9999},
-                       {"st", "1718000000000"}, {"v", 1}};
+    QJsonObject object{ { "f", "alice@im.example.org" }, { "t", "bob@im.example.org" }, { "bt", 0 },
+        { "k", "6f1c2a9e-3b7d-4c11-9a55-0e2f7d8b9c01" }, { "p", "" }, { "s", 9999 }, { "st", "1718000000000" },
+        { "v", 1 } };
     const int overhead = QJsonDocument(object).toJson(QJsonDocument::Compact).size() + 8;
     while (body.size() < size - overhead)
         body += phrase;

@@ -13,10 +13,10 @@
 // starts with scripts/cluster and stops at its end. PUSHCHAT_BENCH_SMOKE=1
 // shortens each run.
 
+#include "facadeside.h"
 #include "groupevent.h"
 #include "message_lib.h"
 #include "messageprivate.h"
-#include "facadeside.h"
 #include "mqttbench.h"
 #include "processusage.h"
 #include "pushclient.h"
@@ -56,7 +56,8 @@ public:
     ~Cluster()
     {
         if (!own_.empty())
-            std::system(("'" PUSHCHAT_CLUSTER_SCRIPT "' stop '" + own_ + "/c' 2>/dev/null; rm -rf '" + own_ + "'").c_str());
+            std::system(
+                ("'" PUSHCHAT_CLUSTER_SCRIPT "' stop '" + own_ + "/c' 2>/dev/null; rm -rf '" + own_ + "'").c_str());
     }
     RabbitCluster nodes;
 
@@ -82,7 +83,7 @@ MosquittoBroker &mosquitto()
 // Numbered messages ("n <i>") that arrived, once each, and when the last did.
 class Numbered : public ImEventReciever {
 public:
-    explicit Numbered(int size = 0) : seen_(std::size_t(size)) {}
+    explicit Numbered(int size = 0) : seen_(std::size_t(size)) { }
     std::atomic<int> connects{ 0 }, messages{ 0 }, twice{ 0 };
     std::atomic<Clock::rep> last{ 0 };
     void onConnected() override { ++connects; }
@@ -118,8 +119,8 @@ bool login(Message_lib &lib, Numbered &side, const char *user, int node)
     lib.setPushClientOptions(options);
     lib.setMaxQos(1);
     const int before = side.connects;
-    lib.registerToImServer("127.0.0.1", node > 0 ? nodes.port(node) : mosquitto().port(), user, QString(), 5,
-                           "bench.test", QString());
+    lib.registerToImServer(
+        "127.0.0.1", node > 0 ? nodes.port(node) : mosquitto().port(), user, QString(), 5, "bench.test", QString());
     return until([&] { return side.connects > before && lib.engine()->pendingCount() == 0; });
 }
 
@@ -236,8 +237,8 @@ void nodeDeath(benchmark::State &state)
     for (auto _ : state) {
         std::thread sender([&] {
             for (int i = 0; i < count; ++i, std::this_thread::sleep_for(5ms))
-                while (alice.sendTextMessageTo("", "bob", 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k",
-                                               "st") == 0)
+                while (alice.sendTextMessageTo(
+                           "", "bob", 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k", "st") == 0)
                     std::this_thread::sleep_for(1ms);
         });
         until([&] { return bobSide.messages >= count / 4; });

@@ -11,9 +11,9 @@
 // sending rate until the last acknowledgement. PUSHCHAT_BENCH_SMOKE=1
 // shortens each run.
 
+#include "facadeside.h"
 #include "message_lib.h"
 #include "messageprivate.h"
-#include "facadeside.h"
 #include "mqttbench.h"
 #include "pushclient.h"
 
@@ -40,7 +40,7 @@ bool login(Message_lib &lib, Side &side, const MosquittoBroker &broker, const ch
 void killedBroker(benchmark::State &state)
 {
     const char *settings[] = { "", "autosave_on_changes true\nautosave_interval 1",
-                               "autosave_on_changes true\nautosave_interval 100" };
+        "autosave_on_changes true\nautosave_interval 100" };
     const int count = benchmqtt::messageCount() < 1000 ? 200 : 2000;
     MosquittoBroker broker{ MosquittoBroker::Options{ true, true, settings[state.range(0)] } };
     if (!broker.start()) {
@@ -70,8 +70,8 @@ void killedBroker(benchmark::State &state)
         }
         const auto start = Clock::now();
         for (int i = 0; i < count; ++i)
-            while (alice.sendTextMessageTo("", "bob", 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k",
-                                           "st") == 0)
+            while (
+                alice.sendTextMessageTo("", "bob", 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false, "k", "st") == 0)
                 std::this_thread::sleep_for(1ms);
         until([&] { return alice.engine()->pendingCount() == 0; });
         seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -93,7 +93,13 @@ void killedBroker(benchmark::State &state)
     state.counters["lost"] = count - kept;
     state.counters["msgs_per_s"] = count / seconds;
 }
-BENCHMARK(killedBroker)->ArgName("setting")->Arg(0)->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond)
+BENCHMARK(killedBroker)
+    ->ArgName("setting")
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
 } // namespace

@@ -60,8 +60,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <sys/resource.h>
+#include <thread>
 #include <time.h>
 #include <unistd.h>
 #include <vector>
@@ -74,12 +74,12 @@ using benchmqtt::Clock;
 using benchmqtt::median;
 using benchmqtt::messageCount;
 
-constexpr long kWindow = 900;  // messages in flight at most
-constexpr long kRefill = 100;  // a full window waits until this many have arrived
+constexpr long kWindow = 900; // messages in flight at most
+constexpr long kRefill = 100; // a full window waits until this many have arrived
 constexpr int kSecLevel = 5;
 
 const char *const kDomain = "bench.local";
-const char *const kBobTopic = "m/i/bob@bench.local/n"; // where a chat message to bob is published
+const char *const kBobTopic = "m/i/bob@bench.local/n";  // where a chat message to bob is published
 const char *const kBareTopic = "m/i/b0b@bench.local/n"; // same length, for the bare clients
 const QString kAlice = QStringLiteral("alice@bench.local");
 const QString kBob = QStringLiteral("bob@bench.local");
@@ -90,18 +90,20 @@ const QString kStamp = QStringLiteral("2026-01-05 09:30:00");
 // A chat body of about 130 bytes: with the envelope around it, ~300 bytes of JSON.
 QString receiveBody()
 {
-    return QString::fromUtf8("Hello Bob, the build is green again; the numbers from last night's run are "
-                             "in the shared folder. Let me know when you have looked at them. 周一见!");
+    return QString::fromUtf8(
+        "Hello Bob, the build is green again; the numbers from last night's run are "
+        "in the shared folder. Let me know when you have looked at them. 周一见!");
 }
 
 // A 300-byte chat body, for the throughput runs. Ordinary text: the cipher
 // compresses what it can, so a repetitive body would shrink the payload.
 QString throughputBody()
 {
-    return QStringLiteral("Morning Bob! Quick update before standup: the nightly build passed on all three "
-                          "targets, but the integration job timed out twice while pulling images from the "
-                          "mirror. I restarted it at 07:42 and it is green now. Could you review merge request "
-                          "1187 today? Carol needs it for Thursday's release. Thanks");
+    return QStringLiteral(
+        "Morning Bob! Quick update before standup: the nightly build passed on all three "
+        "targets, but the integration job timed out twice while pulling images from the "
+        "mirror. I restarted it at 07:42 and it is green now. Could you review merge request "
+        "1187 today? Carol needs it for Thursday's release. Thanks");
 }
 
 // The payload the engine publishes for a chat message from alice to bob.
@@ -109,22 +111,25 @@ MQTTMessage *chatMessage(const QString &body)
 {
     auto *msg = new MQTTMessage(nullptr, true);
     msg->setSysProtocol(kBob.toUtf8().constData(), 2, MESSAGE_INFO, MESSAGE_NORMAL);
-    msg->fromText(kAlice, kBob, body, MediaInfo::MESSAGE_TYPE_CHAT, kSecLevel, BODY_TYPE_DEFAULT, kMessageKey,
-                  kStamp);
+    msg->fromText(kAlice, kBob, body, MediaInfo::MESSAGE_TYPE_CHAT, kSecLevel, BODY_TYPE_DEFAULT, kMessageKey, kStamp);
     return msg;
 }
 
 // --- engine, no broker -------------------------------------------------------
 
-class CountingReceiver : public ImEventReciever
-{
+class CountingReceiver : public ImEventReciever {
 public:
     long messages = 0;
     long readable = 0;
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
-                          QString stamp, bool isReadable) override
+        QString stamp, bool isReadable) override
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(bodyType) Q_UNUSED(msgType) Q_UNUSED(messageKey) Q_UNUSED(stamp)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(bodyType)
+        Q_UNUSED(msgType)
+        Q_UNUSED(messageKey)
+        Q_UNUSED(stamp)
         benchmark::DoNotOptimize(body.constData());
         ++messages;
         readable += isReadable ? 1 : 0;
@@ -140,8 +145,8 @@ void engineReceivePath(benchmark::State &state)
     }
     std::unique_ptr<MQTTMessage> plain(new MQTTMessage(nullptr, false));
     plain->setSysProtocol(kBob.toUtf8().constData(), 2, MESSAGE_INFO, MESSAGE_NORMAL);
-    plain->fromText(kAlice, kBob, receiveBody(), MediaInfo::MESSAGE_TYPE_CHAT, kSecLevel, BODY_TYPE_DEFAULT,
-                    kMessageKey, kStamp);
+    plain->fromText(
+        kAlice, kBob, receiveBody(), MediaInfo::MESSAGE_TYPE_CHAT, kSecLevel, BODY_TYPE_DEFAULT, kMessageKey, kStamp);
 
     std::vector<char> topic(kBobTopic, kBobTopic + std::strlen(kBobTopic) + 1);
     std::vector<char> payload(recorded->payload.c_str(), recorded->payload.c_str() + recorded->payload.size() + 1);
@@ -166,8 +171,8 @@ void engineSendPath(benchmark::State &state)
     const QString body = receiveBody();
     for (auto _ : state) {
         // Not logged in: everything up to the publication, which fails.
-        benchmark::DoNotOptimize(engine.sendTextMessageTo(QString(), kBob, kSecLevel, body, BODY_TYPE_DEFAULT,
-                                                          false, kMessageKey, kStamp));
+        benchmark::DoNotOptimize(
+            engine.sendTextMessageTo(QString(), kBob, kSecLevel, body, BODY_TYPE_DEFAULT, false, kMessageKey, kStamp));
     }
     state.SetItemsProcessed(int64_t(state.iterations()));
 }
@@ -241,17 +246,21 @@ bool pacedSend(long n, Arrivals &arrivals, const std::function<bool()> &send, lo
 }
 
 // An application: counts chat messages (the probe apart) and connections.
-class ChatApp : public ImEventReciever
-{
+class ChatApp : public ImEventReciever {
 public:
-    explicit ChatApp(Arrivals &arrivals) : arrivals_(arrivals) {}
+    explicit ChatApp(Arrivals &arrivals) : arrivals_(arrivals) { }
     std::atomic<long> probes{ 0 };
 
     void onConnected() override { connected_.set(true); }
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
-                          QString stamp, bool readable) override
+        QString stamp, bool readable) override
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body) Q_UNUSED(bodyType) Q_UNUSED(msgType) Q_UNUSED(stamp)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(body)
+        Q_UNUSED(bodyType)
+        Q_UNUSED(msgType)
+        Q_UNUSED(stamp)
         Q_UNUSED(readable)
         if (messageKey == kProbeKey)
             ++probes;
@@ -266,8 +275,7 @@ private:
 };
 
 // alice and bob logged in through the broker, bob's subscriptions in force.
-struct FacadePair
-{
+struct FacadePair {
     Arrivals arrivals, unused;
     ChatApp aliceApp{ unused }, bobApp{ arrivals };
     Message_lib alice{ &aliceApp, nullptr, "bench-alice-device", "bench" };
@@ -278,16 +286,16 @@ struct FacadePair
     bool connect(const MosquittoBroker &broker)
     {
         alice.registerToImServer(QStringLiteral("127.0.0.1"), broker.port(), QStringLiteral("alice"), QString(),
-                                 kSecLevel, QString::fromLatin1(kDomain), QString());
-        bob.registerToImServer(QStringLiteral("127.0.0.1"), broker.port(), QStringLiteral("bob"), QString(),
-                               kSecLevel, QString::fromLatin1(kDomain), QString());
+            kSecLevel, QString::fromLatin1(kDomain), QString());
+        bob.registerToImServer(QStringLiteral("127.0.0.1"), broker.port(), QStringLiteral("bob"), QString(), kSecLevel,
+            QString::fromLatin1(kDomain), QString());
         if (!aliceApp.waitConnected() || !bobApp.waitConnected())
             return false;
         // onConnected follows the subscription requests, not their
         // acknowledgement: a message that reaches bob proves them.
         for (int attempt = 0; attempt < 50; ++attempt) {
             alice.sendTextMessageTo(QString(), QStringLiteral("bob"), kSecLevel, QStringLiteral("probe"),
-                                    BODY_TYPE_DEFAULT, false, kProbeKey, kStamp);
+                BODY_TYPE_DEFAULT, false, kProbeKey, kStamp);
             for (int i = 0; i < 10; ++i) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
                 if (bobApp.probes > 0)
@@ -299,13 +307,12 @@ struct FacadePair
     bool send()
     {
         return alice.sendTextMessageTo(QString(), QStringLiteral("bob"), kSecLevel, body, BODY_TYPE_DEFAULT, false,
-                                       kMessageKey, kStamp) == 1;
+                   kMessageKey, kStamp) == 1;
     }
 };
 
 // Two bare libmosquitto clients, the receiver subscribed.
-struct BarePair
-{
+struct BarePair {
     Arrivals arrivals;
     BareClient sender{ "bare-engine-sender", true, arrivals };
     BareClient receiver{ "bare-engine-receiver", true, arrivals };
@@ -322,15 +329,14 @@ struct BarePair
 
 // Both pairs stay connected for all rounds; the rounds alternate between
 // them so that both see the same machine load.
-struct Bench
-{
+struct Bench {
     const MosquittoBroker &broker;
     std::size_t payloadBytes = 0;
     std::unique_ptr<FacadePair> facade;
     std::unique_ptr<BarePair> bare;
     bool failed = false;
     std::vector<double> facadeRates, bareRates;
-    std::vector<double> facadeCpu, bareCpu; // µs of CPU per message, clients and broker
+    std::vector<double> facadeCpu, bareCpu;   // µs of CPU per message, clients and broker
     std::vector<double> facadeUser, bareUser; // µs of user-mode CPU per message, clients
 
     explicit Bench(const MosquittoBroker &b) : broker(b)
@@ -352,8 +358,8 @@ struct Bench
 };
 
 template <typename Pair>
-void runRound(benchmark::State &state, Bench &bench, Pair &pair, std::vector<double> &rates,
-              std::vector<double> &cpu, std::vector<double> &user)
+void runRound(benchmark::State &state, Bench &bench, Pair &pair, std::vector<double> &rates, std::vector<double> &cpu,
+    std::vector<double> &user)
 {
     const long n = messageCount();
     double cpuSeconds = 0, brokerSeconds = 0, userSeconds = 0;
@@ -362,7 +368,8 @@ void runRound(benchmark::State &state, Bench &bench, Pair &pair, std::vector<dou
         const double cpuStart = processCpuSeconds(), brokerStart = childrenCpuSeconds(),
                      userStart = processUserSeconds();
         const auto start = Clock::now();
-        if (!pacedSend(n, pair.arrivals, [&] { return pair.send(); }, pair.refusals) ||
+        if (!pacedSend(
+                n, pair.arrivals, [&] { return pair.send(); }, pair.refusals) ||
             !pair.arrivals.wait(std::chrono::seconds(120))) {
             state.SkipWithError("messages missing");
             bench.failed = true;
@@ -423,13 +430,12 @@ int main(int argc, char **argv)
         benchmark::RegisterBenchmark("Engine_send_path", engineSendPath);
         for (int round = 1; round <= rounds; ++round) {
             const std::string suffix = "/round:" + std::to_string(round);
-            benchmark::RegisterBenchmark(("Facade_chat_throughput" + suffix).c_str(), facadeRound,
-                                         std::ref(bench))
+            benchmark::RegisterBenchmark(("Facade_chat_throughput" + suffix).c_str(), facadeRound, std::ref(bench))
                 ->Iterations(1)
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond);
-            benchmark::RegisterBenchmark(("BareLibmosquitto_QoS2_throughput" + suffix).c_str(), bareRound,
-                                         std::ref(bench))
+            benchmark::RegisterBenchmark(
+                ("BareLibmosquitto_QoS2_throughput" + suffix).c_str(), bareRound, std::ref(bench))
                 ->Iterations(1)
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond);
@@ -444,16 +450,16 @@ int main(int argc, char **argv)
             std::vector<double> ratios;
             for (std::size_t i = 0; i < std::min(bench.facadeRates.size(), bench.bareRates.size()); ++i)
                 ratios.push_back(bench.facadeRates[i] / bench.bareRates[i]);
-            std::printf("\n%ld chat messages, 300-byte bodies, %zu-byte payloads, at most %ld in flight, "
-                        "median of %zu alternating rounds: facades %.0f msg/s, bare libmosquitto QoS 2 %.0f "
-                        "msg/s, ratio %.1f %% (median of per-round ratios %.1f %%; push client refusals: %ld)\n",
-                        messageCount(), bench.payloadBytes, kWindow, ratios.size(), facade, bare,
-                        100.0 * facade / bare, 100.0 * median(ratios),
-                        bench.facade ? bench.facade->refusals : 0L);
+            std::printf(
+                "\n%ld chat messages, 300-byte bodies, %zu-byte payloads, at most %ld in flight, "
+                "median of %zu alternating rounds: facades %.0f msg/s, bare libmosquitto QoS 2 %.0f "
+                "msg/s, ratio %.1f %% (median of per-round ratios %.1f %%; push client refusals: %ld)\n",
+                messageCount(), bench.payloadBytes, kWindow, ratios.size(), facade, bare, 100.0 * facade / bare,
+                100.0 * median(ratios), bench.facade ? bench.facade->refusals : 0L);
             std::printf("CPU per message, clients and broker: facades %.1f us, bare %.1f us (medians)\n",
-                        median(bench.facadeCpu), median(bench.bareCpu));
+                median(bench.facadeCpu), median(bench.bareCpu));
             std::printf("User-mode CPU per message, clients only: facades %.1f us, bare %.1f us (medians)\n",
-                        median(bench.facadeUser), median(bench.bareUser));
+                median(bench.facadeUser), median(bench.bareUser));
         }
     } // the façades log out before the broker stops
     mosquitto_lib_cleanup();

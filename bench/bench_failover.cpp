@@ -65,9 +65,8 @@ void failover(benchmark::State &state, std::chrono::milliseconds delay)
             state.SkipWithError("first broker did not start");
             return;
         }
-        MosquittoBroker second({true, false,
-                                "connection first\naddress 127.0.0.1:" + std::to_string(first.port()) +
-                                    "\ntopic # both 2\n"});
+        MosquittoBroker second({ true, false,
+            "connection first\naddress 127.0.0.1:" + std::to_string(first.port()) + "\ntopic # both 2\n" });
         if (!second.start()) {
             state.SkipWithError("second broker did not start");
             return;
@@ -77,7 +76,7 @@ void failover(benchmark::State &state, std::chrono::milliseconds delay)
         auto bob = std::make_unique<Message_lib>(&bobInbox, nullptr, "bench-b", "bench");
         PushClientOptions options;
         options.reconnectDelayMin = delay;
-        options.failover = {{second.host(), second.port()}};
+        options.failover = { { second.host(), second.port() } };
         alice->setPushClientOptions(options);
         if (alice->registerToImServer(first.host(), first.port(), "alice", "", 0, "im.test", "") != 1 ||
             bob->registerToImServer(second.host(), second.port(), "bob", "", 0, "im.test", "") != 1 ||
@@ -119,8 +118,8 @@ void failover(benchmark::State &state, std::chrono::milliseconds delay)
 int main(int argc, char **argv)
 {
     const int iterations = benchmqtt::messageCount() < 20000 ? 1 : 10;
-    benchmark::RegisterBenchmark("Failover_kill_to_next_delivery/default_delays", failover,
-                                 std::chrono::milliseconds(500))
+    benchmark::RegisterBenchmark(
+        "Failover_kill_to_next_delivery/default_delays", failover, std::chrono::milliseconds(500))
         ->Iterations(iterations)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);

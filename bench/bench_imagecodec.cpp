@@ -28,7 +28,10 @@ bool smokeRun()
     return smoke && std::strcmp(smoke, "1") == 0;
 }
 
-QSize photoSize() { return smokeRun() ? QSize(1000, 750) : QSize(4000, 3000); }
+QSize photoSize()
+{
+    return smokeRun() ? QSize(1000, 750) : QSize(4000, 3000);
+}
 
 // Writes the photo on first use; the folder lives until the process ends.
 const QString &photoPath()
@@ -47,8 +50,8 @@ const QString &photoPath()
                 const double fx = double(x) / size.width();
                 const double shade = 0.5 + 0.35 * std::sin(6.0 * fx + 2.0 * fy) * std::cos(4.0 * fy - fx);
                 line[x] = qRgb(channel(255 * shade * (0.6 + 0.4 * fx) + noise(random)),
-                               channel(255 * (0.3 + 0.5 * fy * shade) + noise(random)),
-                               channel(255 * (0.8 - 0.5 * shade * fx) + noise(random)));
+                    channel(255 * (0.3 + 0.5 * fy * shade) + noise(random)),
+                    channel(255 * (0.8 - 0.5 * shade * fx) + noise(random)));
             }
         }
         const QString file = dir.filePath(QStringLiteral("photo.jpg"));

@@ -16,8 +16,12 @@ class CountingCallback : public MQTTProtocolMatchCallback {
 public:
     virtual ~CountingCallback() = default;
     long calls = 0;
-#define PUSHCHAT_COUNT(name) \
-    void name(MQTTMessage *m) override { calls += long(m->body.size() > 0); }
+#define PUSHCHAT_COUNT(name)                                                                                           \
+    void name(MQTTMessage *m) override                                                                                 \
+    {                                                                                                                  \
+        calls += long(m->body.size() > 0);                                                                             \
+    }
+    // clang-format off
     PUSHCHAT_COUNT(SysGroupCreated) PUSHCHAT_COUNT(SysGroupReleased) PUSHCHAT_COUNT(SysGroupInvited)
     PUSHCHAT_COUNT(SysGroupKicked) PUSHCHAT_COUNT(SysGroupNameChanged) PUSHCHAT_COUNT(SysGroupExited)
     PUSHCHAT_COUNT(SysGroupQueryed) PUSHCHAT_COUNT(SysGroupJoined) PUSHCHAT_COUNT(SysGroupRefreshed)
@@ -29,6 +33,7 @@ public:
     PUSHCHAT_COUNT(RemoteDesktopControlResponse) PUSHCHAT_COUNT(RemoteDesktopBeControlRequest)
     PUSHCHAT_COUNT(RemoteDesktopBeControlResponse) PUSHCHAT_COUNT(historyMessageResponse)
     PUSHCHAT_COUNT(historyMessageConvResonse) PUSHCHAT_COUNT(historyMessageConvDetailResonse)
+    // clang-format on
 #undef PUSHCHAT_COUNT
 };
 
@@ -38,15 +43,16 @@ const QString kTo = QStringLiteral("bob@im.example.org");
 // A chat body that makes the whole JSON envelope 300 bytes.
 QString chatBody()
 {
-    return QString::fromUtf8("Hello Bob, the build is green again; the numbers from last night's run are "
-                             "in the shared folder. Let me know when you have looked at them. 周一见!");
+    return QString::fromUtf8(
+        "Hello Bob, the build is green again; the numbers from last night's run are "
+        "in the shared folder. Let me know when you have looked at them. 周一见!");
 }
 
 void sendMessage(MQTTMessage &out)
 {
     out.setSysProtocol("bob@im.example.org", 2, MESSAGE_INFO, MESSAGE_NORMAL);
     out.fromText(kFrom, kTo, chatBody(), MediaInfo::MESSAGE_TYPE_CHAT, 5, BODY_TYPE_DEFAULT,
-                 QStringLiteral("6f1c2a9e-0d4b-4c55-9a77-2a4f0c1e8b13"), QStringLiteral("1795400000000"));
+        QStringLiteral("6f1c2a9e-0d4b-4c55-9a77-2a4f0c1e8b13"), QStringLiteral("1795400000000"));
 }
 
 void BM_TopicParse(benchmark::State &state)

@@ -38,12 +38,11 @@ using benchmqtt::messageCount;
 
 // --- PushClient side ---------------------------------------------------------
 
-class CountingReceiver : public PushEventReciever
-{
+class CountingReceiver : public PushEventReciever {
 public:
-    explicit CountingReceiver(Arrivals& arrivals) : arrivals_(arrivals) {}
-    std::function<void(char* topic, void* payload)> onMessage; // set before connecting
-    void messgeRecievedMore(int, char* topic, void* payload, int, int, bool) override
+    explicit CountingReceiver(Arrivals &arrivals) : arrivals_(arrivals) { }
+    std::function<void(char *topic, void *payload)> onMessage; // set before connecting
+    void messgeRecievedMore(int, char *topic, void *payload, int, int, bool) override
     {
         if (onMessage)
             onMessage(topic, payload);
@@ -53,17 +52,16 @@ public:
     bool waitOnline() { return online_.waitSet(); }
 
 private:
-    Arrivals& arrivals_;
+    Arrivals &arrivals_;
     benchmqtt::Flag online_;
 };
 
-struct PushPair
-{
+struct PushPair {
     Arrivals arrivals;
-    CountingReceiver senderSide{arrivals}, receiverSide{arrivals};
+    CountingReceiver senderSide{ arrivals }, receiverSide{ arrivals };
     std::unique_ptr<PushClient> sender, receiver;
 
-    PushPair(const std::string& tag, const PushClientOptions& options)
+    PushPair(const std::string &tag, const PushClientOptions &options)
     {
         std::string senderId = "bench-sender-" + tag, receiverId = "bench-receiver-" + tag;
         sender = std::make_unique<PushClient>(senderId.data(), options);
@@ -72,7 +70,7 @@ struct PushPair
         receiver->setEventRecv(&receiverSide);
     }
 
-    bool connect(const char* host, int port, const std::string& topic)
+    bool connect(const char *host, int port, const std::string &topic)
     {
         sender->start_connect(host, port, 60);
         receiver->start_connect(host, port, 60);
@@ -94,8 +92,7 @@ struct PushPair
 // --- benchmarks --------------------------------------------------------------
 
 // Messages per second of every timed run, for the closing comparison.
-struct Results
-{
+struct Results {
     std::vector<double> push;
     std::vector<double> pushTls;
     std::vector<double> bare;
@@ -103,16 +100,15 @@ struct Results
 
 // Where the PushClients connect: the plain listener, or the TLS one with
 // the options that verify it.
-struct Endpoint
-{
-    const char* name;
+struct Endpoint {
+    const char *name;
     int port;
     PushClientOptions options;
 };
 
 const std::string kPayload(300, 'p');
 
-void report(benchmark::State& state, long messages, const std::vector<double>& rates)
+void report(benchmark::State &state, long messages, const std::vector<double> &rates)
 {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * messages);
     state.counters["median_msgs_per_s"] = median(rates);
@@ -128,7 +124,7 @@ std::string numbered(long i)
     return payload;
 }
 
-void pushThroughput(benchmark::State& state, const Endpoint& endpoint, std::vector<double>& rates)
+void pushThroughput(benchmark::State &state, const Endpoint &endpoint, std::vector<double> &rates)
 {
     const long n = messageCount();
     PushClientOptions options = endpoint.options;
@@ -159,7 +155,7 @@ void pushThroughput(benchmark::State& state, const Endpoint& endpoint, std::vect
     report(state, n, rates);
 }
 
-void bareThroughput(benchmark::State& state, const MosquittoBroker& broker, Results& results)
+void bareThroughput(benchmark::State &state, const MosquittoBroker &broker, Results &results)
 {
     const long n = messageCount();
     Arrivals arrivals;
@@ -186,13 +182,13 @@ void bareThroughput(benchmark::State& state, const MosquittoBroker& broker, Resu
 
 // One QoS 2 round trip: publish, the peer echoes from its callback, the reply
 // arrives. Both ends are PushClients.
-void pushRoundTrip(benchmark::State& state, const Endpoint& endpoint)
+void pushRoundTrip(benchmark::State &state, const Endpoint &endpoint)
 {
     PushPair pair(std::string("roundtrip-") + endpoint.name, endpoint.options);
-    PushClient* echo = pair.receiver.get();
-    pair.receiverSide.onMessage = [echo](char* topic, void* payload) {
+    PushClient *echo = pair.receiver.get();
+    pair.receiverSide.onMessage = [echo](char *topic, void *payload) {
         if (std::strcmp(topic, "bench/ping") == 0)
-            echo->publish("bench/pong", static_cast<const char*>(payload), 2, false);
+            echo->publish("bench/pong", static_cast<const char *>(payload), 2, false);
     };
     if (!pair.connect("127.0.0.1", endpoint.port, "bench/ping")) {
         state.SkipWithError("PushClient pair did not connect");
@@ -212,7 +208,7 @@ void pushRoundTrip(benchmark::State& state, const Endpoint& endpoint)
     }
 }
 
-void bareRoundTrip(benchmark::State& state, const MosquittoBroker& broker, bool noDelay)
+void bareRoundTrip(benchmark::State &state, const MosquittoBroker &broker, bool noDelay)
 {
     Arrivals arrivals;
     const std::string tag = noDelay ? "nodelay" : "nagle";
@@ -236,20 +232,20 @@ void bareRoundTrip(benchmark::State& state, const MosquittoBroker& broker, bool 
 
 } // namespace
 
-int main(int argc, char** argv)
+int main(int argc, char **argv)
 {
     mosquitto_lib_init();
     QTemporaryDir tls;
     const std::string dir = tls.path().toStdString() + "/";
     const int tlsPort = MosquittoBroker::freePort();
-    MosquittoBroker broker({true, false,
-                            "listener " + std::to_string(tlsPort) + " 127.0.0.1\ncafile " + dir + "ca.crt\ncertfile " +
-                                dir + "server.crt\nkeyfile " + dir + "server.key\n"});
+    MosquittoBroker broker({ true, false,
+        "listener " + std::to_string(tlsPort) + " 127.0.0.1\ncafile " + dir + "ca.crt\ncertfile " + dir +
+            "server.crt\nkeyfile " + dir + "server.key\n" });
     if (!MosquittoBroker::makeTlsFiles(dir) || !broker.start()) {
         std::fprintf(stderr, "could not make TLS files or start mosquitto:\n%s\n", broker.log().c_str());
         return 1;
     }
-    Endpoint tcp{"tcp", broker.port(), PushClientOptions()}, secure{"tls", tlsPort, PushClientOptions()};
+    Endpoint tcp{ "tcp", broker.port(), PushClientOptions() }, secure{ "tls", tlsPort, PushClientOptions() };
     secure.options.tls.enabled = true;
     secure.options.tls.caFile = dir + "ca.crt";
 
@@ -260,19 +256,19 @@ int main(int argc, char** argv)
         ->Iterations(iterations)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("PushClient_QoS2_throughput_TLS", pushThroughput, std::cref(secure),
-                                 std::ref(results.pushTls))
+    benchmark::RegisterBenchmark(
+        "PushClient_QoS2_throughput_TLS", pushThroughput, std::cref(secure), std::ref(results.pushTls))
         ->Iterations(iterations)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("BareLibmosquitto_QoS2_throughput", bareThroughput, std::cref(broker),
-                                 std::ref(results))
+    benchmark::RegisterBenchmark(
+        "BareLibmosquitto_QoS2_throughput", bareThroughput, std::cref(broker), std::ref(results))
         ->Iterations(iterations)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
-    for (const Endpoint* endpoint : {&tcp, &secure}) {
+    for (const Endpoint *endpoint : { &tcp, &secure }) {
         benchmark::RegisterBenchmark(endpoint == &tcp ? "PushClient_QoS2_round_trip" : "PushClient_QoS2_round_trip_TLS",
-                                     pushRoundTrip, std::cref(*endpoint))
+            pushRoundTrip, std::cref(*endpoint))
             ->Iterations(smoke ? 5 : 200)
             ->UseRealTime()
             ->Unit(benchmark::kMicrosecond);
@@ -292,9 +288,10 @@ int main(int argc, char** argv)
 
     const double push = median(results.push), bare = median(results.bare);
     if (push > 0 && bare > 0) {
-        std::printf("\n%ld messages of %zu bytes at QoS 2 (median of %zu runs): PushClient %.0f msg/s, "
-                    "bare libmosquitto %.0f msg/s, ratio %.1f %%\n",
-                    messageCount(), kPayload.size(), results.push.size(), push, bare, 100.0 * push / bare);
+        std::printf(
+            "\n%ld messages of %zu bytes at QoS 2 (median of %zu runs): PushClient %.0f msg/s, "
+            "bare libmosquitto %.0f msg/s, ratio %.1f %%\n",
+            messageCount(), kPayload.size(), results.push.size(), push, bare, 100.0 * push / bare);
     }
     const double pushTls = median(results.pushTls);
     if (push > 0 && pushTls > 0)

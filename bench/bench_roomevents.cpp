@@ -64,8 +64,7 @@ public:
     {
         const int now = processThreads();
         int seen = peakThreads.load();
-        while (now > seen && !peakThreads.compare_exchange_weak(seen, now)) {
-        }
+        while (now > seen && !peakThreads.compare_exchange_weak(seen, now)) { }
     }
     // Polls: the callbacks stay as cheap as an application's would be.
     bool waitFor(long target)
@@ -94,23 +93,18 @@ std::string roomBody(int i)
     const QString jid = QStringLiteral("room-%1@d").arg(i);
     const QJsonObject member{ { "bob@d", QJsonObject{ { "jid", "bob@d" }, { "join_time", "" }, { "name", "bob" } } } };
     const QJsonObject kick{ { "memberID", "bob" }, { "operatorBy", "carol" } };
-    const QJsonObject room{ { "creater", "carol@d" },
-                            { "jid", jid },
-                            { "join_time", "2024-01-31 09:05:07" },
-                            { "members", QJsonArray{ member } },
-                            { "name", "Team" },
-                            { "operatorBy", QString::fromUtf8(QJsonDocument(kick).toJson(QJsonDocument::Compact)) },
-                            { "status", 1 },
-                            { "type", 2 } };
+    const QJsonObject room{ { "creater", "carol@d" }, { "jid", jid }, { "join_time", "2024-01-31 09:05:07" },
+        { "members", QJsonArray{ member } }, { "name", "Team" },
+        { "operatorBy", QString::fromUtf8(QJsonDocument(kick).toJson(QJsonDocument::Compact)) }, { "status", 1 },
+        { "type", 2 } };
     return QJsonDocument(room).toJson(QJsonDocument::Compact).toStdString();
 }
 
 // The burst: every kind of event that reaches the application, in turn.
 std::vector<GroupEvent> burst(long count)
 {
-    static const GroupSubCmd kinds[] = { GroupSub_Create,       GroupSub_Release,        GroupSub_Invite,
-                                         GroupSub_Kick,         GroupSub_SetGroupName,   GroupSub_SetRoomCreater,
-                                         GroupSub_Modify_Type,  GroupSub_Refresh };
+    static const GroupSubCmd kinds[] = { GroupSub_Create, GroupSub_Release, GroupSub_Invite, GroupSub_Kick,
+        GroupSub_SetGroupName, GroupSub_SetRoomCreater, GroupSub_Modify_Type, GroupSub_Refresh };
     std::vector<GroupEvent> events;
     events.reserve(std::size_t(count));
     for (long i = 0; i < count; ++i) {

@@ -9,10 +9,10 @@
 //    all the process's threads (context switches, voluntary or not).
 // PUSHCHAT_BENCH_SMOKE=1 shortens each run.
 
+#include "facadeside.h"
 #include "groupevent.h"
 #include "message_lib.h"
 #include "messageprivate.h"
-#include "facadeside.h"
 #include "mqttbench.h"
 #include "processusage.h"
 #include "pushclient.h"
@@ -21,9 +21,9 @@
 
 #include <atomic>
 #include <cstdio>
-#include <functional>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 namespace {
@@ -153,7 +153,8 @@ void chatBody(benchmark::State &state)
     for (auto _ : state) {
         bobSide.messages = 0;
         const auto start = Clock::now();
-        if (!sendWindowed(alice, bobSide.messages, count, window, [&](int i) { return QString::number(i) + body.mid(8); })) {
+        if (!sendWindowed(
+                alice, bobSide.messages, count, window, [&](int i) { return QString::number(i) + body.mid(8); })) {
             state.SkipWithError("messages missing");
             break;
         }

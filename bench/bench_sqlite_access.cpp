@@ -23,18 +23,30 @@ constexpr const char *kTable =
     " at INTEGER NOT NULL, body TEXT NOT NULL, state INTEGER NOT NULL);"
     "CREATE INDEX by_conv ON messages(conv, id);"
     "CREATE UNIQUE INDEX by_key ON messages(conv, sender, msg_key)";
-constexpr const char *kInsert =
-    "INSERT INTO messages(conv, msg_key, sender, at, body, state) VALUES(?, ?, ?, ?, ?, 1)";
-constexpr const char *kPage = "SELECT id, conv, msg_key, sender, at, body, state FROM messages WHERE conv = ?"
-                              " AND id < ? ORDER BY id DESC LIMIT 50";
+constexpr const char *kInsert = "INSERT INTO messages(conv, msg_key, sender, at, body, state) VALUES(?, ?, ?, ?, ?, 1)";
+constexpr const char *kPage =
+    "SELECT id, conv, msg_key, sender, at, body, state FROM messages WHERE conv = ?"
+    " AND id < ? ORDER BY id DESC LIMIT 50";
 constexpr const char *kByKey = "SELECT id FROM messages WHERE conv = ? AND sender = ? AND msg_key = ?";
 constexpr int kBatch = 512;
 constexpr int kConversations = 100;
 
-int rows() { return benchmqtt::smoke() ? 2000 : 100000; }
-QString conv(int i) { return QStringLiteral("peer%1@im.test").arg(i % kConversations); }
-QString key(int i) { return QStringLiteral("key-%1").arg(i); }
-QString body(int i) { return QStringLiteral("message number %1, a sentence of ordinary length to store").arg(i); }
+int rows()
+{
+    return benchmqtt::smoke() ? 2000 : 100000;
+}
+QString conv(int i)
+{
+    return QStringLiteral("peer%1@im.test").arg(i % kConversations);
+}
+QString key(int i)
+{
+    return QStringLiteral("key-%1").arg(i);
+}
+QString body(int i)
+{
+    return QStringLiteral("message number %1, a sentence of ordinary length to store").arg(i);
+}
 
 // --- Qt SQL -------------------------------------------------------------------
 
@@ -103,8 +115,7 @@ struct CSide {
     }
 };
 
-template <typename Side>
-void record(benchmark::State &state)
+template <typename Side> void record(benchmark::State &state)
 {
     Side side;
     int next = 0;

@@ -23,14 +23,20 @@ namespace {
 
 constexpr int kConversations = 1000;
 
-int storeSize() { return benchmqtt::smoke() ? 20000 : 1000000; }
+int storeSize()
+{
+    return benchmqtt::smoke() ? 20000 : 1000000;
+}
 
 QTemporaryDir &folder()
 {
     static QTemporaryDir dir;
     return dir;
 }
-QString storePath() { return folder().filePath("bench.db"); }
+QString storePath()
+{
+    return folder().filePath("bench.db");
+}
 
 // Bodies: 6 to 14 words of a 5 000-word vocabulary, or 6 to 20 characters
 // from 600 common Han characters; one message in 1 000 holds "kangaroo"
@@ -40,7 +46,8 @@ QString body(std::mt19937 &random, int i)
     static const QString han = QString::fromUtf8(
         "的一是不了人我在有他这为之大来以个中上们到说国和地也子时道出而要于就下得可你年生自会那后能对着事其里所去行过家"
         "十用发天如然作方成者多日都三小军二无同么经法当起与好看学进种将还分此心前面又定见只主没公从知民东西南北春夏秋冬"
-        "山水火土金木风云雨雪花草鸟鱼马牛羊猪狗猫车船路桥门窗房屋城市村镇街道商店银行学校医院工厂公司朋友老师学生父母兄弟");
+        "山水火土金木风云雨雪花草鸟鱼马牛羊猪狗猫车船路桥门窗房屋城市村镇街道商店银行学校医院工厂公司朋友老师学生父母兄"
+        "弟");
     std::uniform_int_distribution<int> pick(0, 1 << 30);
     QString out;
     if (i % 1000 == 7)
@@ -128,8 +135,8 @@ void page(benchmark::State &state)
     std::mt19937 random(3);
     for (auto _ : state) {
         const int i = int(random() % unsigned(storeSize() - 100 * kConversations)) + 100 * kConversations;
-        benchmark::DoNotOptimize(built().messages(QString("peer%1@im.test").arg(i % kConversations),
-                                                  QString("key%1").arg(i), 50));
+        benchmark::DoNotOptimize(
+            built().messages(QString("peer%1@im.test").arg(i % kConversations), QString("key%1").arg(i), 50));
     }
 }
 
@@ -174,8 +181,9 @@ void chat(benchmark::State &state)
                 QTemporaryDir stores;
                 Pair pair(broker.port(), stores.path(), store);
                 const auto start = benchmqtt::Clock::now();
-                if (!sendWindowed(pair.alice, pair.bobSide.messages, count, 64, [](int i) { return QString("n %1").arg(i); },
-                                  [](int i) { return QString("k%1").arg(i); }))
+                if (!sendWindowed(
+                        pair.alice, pair.bobSide.messages, count, 64, [](int i) { return QString("n %1").arg(i); },
+                        [](int i) { return QString("k%1").arg(i); }))
                     state.SkipWithError("messages missing");
                 // Done when both stores have committed what they were given
                 // (a read waits for that); the search index may follow later.

@@ -21,7 +21,7 @@ public:
 /// ("k" without `key`), at most `window` ahead of `arrived`; true once
 /// `arrived` reaches `count`.
 inline bool sendWindowed(Message_lib &from, const std::atomic<int> &arrived, int count, int window,
-                         const std::function<QString(int)> &body, const std::function<QString(int)> &key = {})
+    const std::function<QString(int)> &body, const std::function<QString(int)> &key = {})
 {
     for (int i = 0; i < count; ++i) {
         benchmqtt::until([&] { return i - arrived < window; });

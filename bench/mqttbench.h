@@ -28,12 +28,12 @@ using Clock = std::chrono::steady_clock;
 
 inline long messageCount()
 {
-    const char* smoke = std::getenv("PUSHCHAT_BENCH_SMOKE");
+    const char *smoke = std::getenv("PUSHCHAT_BENCH_SMOKE");
     return smoke && std::strcmp(smoke, "1") == 0 ? 500 : 20000;
 }
 
 // Polls `done` every millisecond until it holds or `limit` passes.
-inline bool until(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(60))
+inline bool until(const std::function<bool()> &done, std::chrono::seconds limit = std::chrono::seconds(60))
 {
     for (const auto end = Clock::now() + limit; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
         if (Clock::now() > end)
@@ -57,8 +57,7 @@ inline double median(std::vector<double> values)
 
 // Counts arrivals; the sender waits until the count reaches its target, or
 // (to pace itself) some lower count.
-class Arrivals
-{
+class Arrivals {
 public:
     void reset(long target)
     {
@@ -107,8 +106,7 @@ private:
 };
 
 // A flag one thread raises and another waits for (a connection coming up).
-class Flag
-{
+class Flag {
 public:
     void set(bool value)
     {
@@ -132,22 +130,19 @@ private:
 // options (MQTT 3.1.1, clean session off, its own network thread from
 // mosquitto_loop_start), publishing and subscribing at QoS 2. Every message
 // it receives counts as an arrival; with echoTo it is also published back.
-class BareClient
-{
+class BareClient {
 public:
-    BareClient(const std::string& id, bool noDelay, Arrivals& arrivals) : arrivals_(arrivals)
+    BareClient(const std::string &id, bool noDelay, Arrivals &arrivals) : arrivals_(arrivals)
     {
         mosq_ = mosquitto_new(id.c_str(), false, this);
         mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
         mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, noDelay ? 1 : 0);
-        mosquitto_connect_callback_set(mosq_, [](mosquitto*, void* self, int rc) {
-            static_cast<BareClient*>(self)->signal(rc == 0 ? 1 : -1);
-        });
-        mosquitto_subscribe_callback_set(mosq_, [](mosquitto*, void* self, int, int, const int*) {
-            static_cast<BareClient*>(self)->signal(2);
-        });
-        mosquitto_message_callback_set(mosq_, [](mosquitto* m, void* self, const mosquitto_message* message) {
-            auto* client = static_cast<BareClient*>(self);
+        mosquitto_connect_callback_set(
+            mosq_, [](mosquitto *, void *self, int rc) { static_cast<BareClient *>(self)->signal(rc == 0 ? 1 : -1); });
+        mosquitto_subscribe_callback_set(
+            mosq_, [](mosquitto *, void *self, int, int, const int *) { static_cast<BareClient *>(self)->signal(2); });
+        mosquitto_message_callback_set(mosq_, [](mosquitto *m, void *self, const mosquitto_message *message) {
+            auto *client = static_cast<BareClient *>(self);
             if (client->echoTopic_)
                 mosquitto_publish(m, nullptr, client->echoTopic_, message->payloadlen, message->payload, 2, false);
             client->arrivals_.arrived();
@@ -159,22 +154,22 @@ public:
         mosquitto_loop_stop(mosq_, false);
         mosquitto_destroy(mosq_);
     }
-    BareClient(const BareClient&) = delete;
-    BareClient& operator=(const BareClient&) = delete;
+    BareClient(const BareClient &) = delete;
+    BareClient &operator=(const BareClient &) = delete;
 
-    bool connect(const MosquittoBroker& broker)
+    bool connect(const MosquittoBroker &broker)
     {
         mosquitto_connect(mosq_, broker.host(), broker.port(), 60);
         mosquitto_loop_start(mosq_);
         return waitFor(1);
     }
-    bool subscribe(const char* topic)
+    bool subscribe(const char *topic)
     {
         mosquitto_subscribe(mosq_, nullptr, topic, 2);
         return waitFor(2);
     }
-    void echoTo(const char* topic) { echoTopic_ = topic; } // before subscribing
-    int publish(const char* topic, const std::string& payload)
+    void echoTo(const char *topic) { echoTopic_ = topic; } // before subscribing
+    int publish(const char *topic, const std::string &payload)
     {
         return mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(payload.size()), payload.data(), 2, false);
     }
@@ -194,9 +189,9 @@ private:
         return ok;
     }
 
-    mosquitto* mosq_ = nullptr;
-    Arrivals& arrivals_;
-    const char* echoTopic_ = nullptr;
+    mosquitto *mosq_ = nullptr;
+    Arrivals &arrivals_;
+    const char *echoTopic_ = nullptr;
     std::mutex mutex_;
     std::condition_variable changed_;
     int event_ = 0;

@@ -32,7 +32,7 @@ using Clock = std::chrono::steady_clock;
 // Counts the numbered bodies "<n> ..." that arrive, and repeats.
 class Peer : public ImEventReciever {
 public:
-    explicit Peer(std::size_t expected) : seen_(expected) {}
+    explicit Peer(std::size_t expected) : seen_(expected) { }
     std::atomic<bool> online{ false };
     void onConnected() override { online = true; }
     void onMessageReceive(QString, QString, QString body, int, int, QString, QString, bool) override
@@ -93,9 +93,9 @@ int main(int argc, char **argv)
     std::this_thread::sleep_for(std::chrono::milliseconds(300)); // subscriptions in force
 
     std::printf("soak: %ld min, %ld msg/s (half each way), %ld-byte bodies, broker pid %d, sample every %ld s\n",
-                minutes, rate, bodyBytes, int(broker.pid()), interval);
-    std::printf("%8s %9s %9s %7s %5s %9s %5s %7s %11s\n", "elapsed", "sent", "delivered", "refused", "dup",
-                "rss_KiB", "fds", "threads", "broker_KiB");
+        minutes, rate, bodyBytes, int(broker.pid()), interval);
+    std::printf("%8s %9s %9s %7s %5s %9s %5s %7s %11s\n", "elapsed", "sent", "delivered", "refused", "dup", "rss_KiB",
+        "fds", "threads", "broker_KiB");
     const std::string filler(std::size_t(bodyBytes), 'x');
     const auto start = Clock::now(), end = start + std::chrono::minutes(minutes);
     const auto period = std::chrono::nanoseconds(1000000000L / rate);
@@ -119,9 +119,9 @@ int main(int argc, char **argv)
             const auto [a, ad] = aliceSide.counts();
             const auto [b, bd] = bobSide.counts();
             std::printf("%7llds %9ld %9ld %7ld %5ld %9ld %5ld %7ld %11ld\n",
-                        (long long)std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count(),
-                        sent, a + b, refused, ad + bd, u.residentKiB, u.descriptors, u.threads,
-                        ProcessUsage::resident(std::to_string(broker.pid())));
+                (long long)std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count(), sent, a + b,
+                refused, ad + bd, u.residentKiB, u.descriptors, u.threads,
+                ProcessUsage::resident(std::to_string(broker.pid())));
             std::fflush(stdout);
         }
     }
@@ -145,10 +145,11 @@ int main(int argc, char **argv)
     for (const ProcessUsage &u : samples)
         peakRss = std::max(peakRss, u.residentKiB);
     std::printf("\nsummary: sent %ld, delivered %ld, lost %ld, duplicated %ld, refused %ld\n", sent, delivered, lost,
-                duplicated, refused);
-    std::printf("after the first minute -> end: resident %ld -> %ld KiB (peak %ld), descriptors %ld -> %ld, "
-                "threads %ld -> %ld\n",
-                first.residentKiB, last.residentKiB, peakRss, first.descriptors, last.descriptors, first.threads, last.threads);
+        duplicated, refused);
+    std::printf(
+        "after the first minute -> end: resident %ld -> %ld KiB (peak %ld), descriptors %ld -> %ld, "
+        "threads %ld -> %ld\n",
+        first.residentKiB, last.residentKiB, peakRss, first.descriptors, last.descriptors, first.threads, last.threads);
     const long allowed = std::max(2048L, first.residentKiB / 10);
     std::string verdict;
     if (lost != 0 || duplicated != 0)

@@ -18,7 +18,8 @@
 
 namespace {
 
-void quietMessages(QtMsgType, const QMessageLogContext &, const QString &) {}
+void quietMessages(QtMsgType, const QMessageLogContext &, const QString &)
+{ }
 
 // The input's bytes from offset 2 on become the plain block's payload behind
 // a random byte; byte 1 becomes the flag byte. Enciphering through the

@@ -14,10 +14,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (in.parseMessage(payload.c_str())) {
         // What was read can be written again.
         MQTTMessage out(nullptr, in.encrypted);
-        out.encText(QString::fromStdString(in.from), QString::fromStdString(in.to),
-                    QString::fromStdString(in.body), MediaInfo::MessageType(in.msgType),
-                    MESSAGE_BODY_TYPE(in.bodyType), QString::fromStdString(in.messageKey),
-                    QString::fromStdString(in.stamp), in.secLevel);
+        out.encText(QString::fromStdString(in.from), QString::fromStdString(in.to), QString::fromStdString(in.body),
+            MediaInfo::MessageType(in.msgType), MESSAGE_BODY_TYPE(in.bodyType), QString::fromStdString(in.messageKey),
+            QString::fromStdString(in.stamp), in.secLevel);
     }
     return 0;
 }

@@ -83,7 +83,7 @@ int main(int argc, char **argv)
     const char *domain = argc == 5 ? argv[4] : argv[1];
     char config[1024], error[256];
     snprintf(config, sizeof config, "{\"user\":\"%s\",\"domain\":\"%s\",\"device\":\"c-echo\",\"brokers\":[\"%s:%s\"]}",
-             argv[3], domain, argv[1], argv[2]);
+        argv[3], domain, argv[1], argv[2]);
     pushchat_client *client = pushchat_client_new(config, error, sizeof error);
     if (client == NULL) {
         fprintf(stderr, "c-echo: %s\n", error);
@@ -97,7 +97,7 @@ int main(int argc, char **argv)
     snprintf(self, sizeof self, "\"%s@%s\"", argv[3], domain);
     size_t request_size = 8 * 1024 * 1024;
     char *body = malloc(request_size), *request = malloc(request_size + 1024);
-    struct pollfd ready = {pushchat_event_fd(client), POLLIN, 0};
+    struct pollfd ready = { pushchat_event_fd(client), POLLIN, 0 };
     while (!stopping && body != NULL && request != NULL) {
         if (poll(&ready, 1, -1) < 1)
             continue; /* a signal */

@@ -22,7 +22,10 @@ constexpr int kJidRole = Qt::UserRole;
 constexpr int kKindRole = Qt::UserRole + 1;
 using Conversations = StoredConversationModel;
 
-QJsonObject objectOf(const QByteArray &json) { return QJsonDocument::fromJson(json).object(); }
+QJsonObject objectOf(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(json).object();
+}
 
 // A conversation in two lines: "● bob  (2)" (# for a room; a friend's
 // presence, ● online or ○ offline; nothing for others, whose presence is
@@ -31,8 +34,7 @@ class ConversationDelegate : public QStyledItemDelegate {
 public:
     ConversationDelegate(const QSet<QString> *friends, const QSet<QString> *online, QObject *parent)
         : QStyledItemDelegate(parent), m_friends(friends), m_online(online)
-    {
-    }
+    { }
 
 protected:
     void initStyleOption(QStyleOptionViewItem *option, const QModelIndex &index) const override
@@ -69,8 +71,8 @@ QWidget *column(QWidget *parent, std::initializer_list<QWidget *> widgets)
 } // namespace
 
 ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
-    : QMainWindow(parent), m_client(deviceId, QStringLiteral("pushchat desktop chat")),
-      m_conversationModel(&m_client), m_messageModel(&m_client)
+    : QMainWindow(parent), m_client(deviceId, QStringLiteral("pushchat desktop chat")), m_conversationModel(&m_client),
+      m_messageModel(&m_client)
 {
     m_search = new QLineEdit(this);
     m_search->setObjectName(QStringLiteral("search"));
@@ -98,14 +100,14 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
     m_pages = new QStackedWidget(this);
     m_pages->addWidget(welcome);
     m_pages->addWidget(m_messages);
-    m_pages->addWidget(column(this, {m_foundTitle, m_found}));
+    m_pages->addWidget(column(this, { m_foundTitle, m_found }));
     m_sendBox = new QLineEdit(this);
     m_sendBox->setObjectName(QStringLiteral("sendBox"));
     m_sendBox->setPlaceholderText(tr("Type a message and press Enter"));
     auto *split = new QSplitter(this);
-    split->addWidget(column(this, {m_search, tabs}));
-    split->addWidget(column(this, {m_pages, m_sendBox}));
-    split->setSizes({280, 620});
+    split->addWidget(column(this, { m_search, tabs }));
+    split->addWidget(column(this, { m_pages, m_sendBox }));
+    split->setSizes({ 280, 620 });
     split->setStretchFactor(1, 1);
     setCentralWidget(split);
     m_connection = new QLabel(tr("Not logged in"), this);
@@ -119,18 +121,18 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
     m_acceptRequest = tools->addAction(tr("Accept request"), this, &ChatWindow::acceptRequest);
     m_newRoom = tools->addAction(tr("New room…"), this, &ChatWindow::askForRoom);
     m_invite = tools->addAction(tr("Invite…"), this, &ChatWindow::askForInvite);
-    for (auto [action, name] : {std::pair{m_addFriend, "addFriend"}, {m_acceptRequest, "acceptRequest"},
-                                {m_newRoom, "newRoom"}, {m_invite, "invite"}})
+    for (auto [action, name] : { std::pair{ m_addFriend, "addFriend" }, { m_acceptRequest, "acceptRequest" },
+             { m_newRoom, "newRoom" }, { m_invite, "invite" } })
         action->setObjectName(QLatin1String(name));
     updateActions();
     resize(900, 600);
 
     connect(m_conversations->selectionModel(), &QItemSelectionModel::currentChanged, this,
-            [this](const QModelIndex &current) {
-                if (current.isValid())
-                    openConversation(current.data(Conversations::PeerRole).toString(),
-                                     current.data(Conversations::RoomRole).toBool());
-            });
+        [this](const QModelIndex &current) {
+            if (current.isValid())
+                openConversation(
+                    current.data(Conversations::PeerRole).toString(), current.data(Conversations::RoomRole).toBool());
+        });
     // The open conversation's row is selected once the store has it.
     connect(&m_conversationModel, &QAbstractItemModel::rowsInserted, this, &ChatWindow::selectOpenConversation);
     connect(m_contacts, &QListWidget::currentItemChanged, this, &ChatWindow::updateActions);
@@ -160,26 +162,25 @@ ChatWindow::ChatWindow(const QString &deviceId, QWidget *parent)
         m_linkError = text;
         showStatus();
     });
-    connect(&m_client, &MessageClient::storeError, this, [this](const QString &text) {
-        statusBar()->showMessage(tr("Message store: %1").arg(text));
-    });
+    connect(&m_client, &MessageClient::storeError, this,
+        [this](const QString &text) { statusBar()->showMessage(tr("Message store: %1").arg(text)); });
     connect(&m_client, &MessageClient::storedMessageChanged, this, &ChatWindow::onStored);
     // The first message that arrives opens its conversation when none is.
     connect(&m_client, &MessageClient::messageReceived, this,
-            [this](const QString &from, const QString &to, const QString &, int, int msgType) {
-                const bool room = msgType == kGroupChat;
-                if (m_messageModel.peer().isEmpty() && !(room && from == to)) // not a room's own notice
-                    openConversation(room || from == m_jid ? to : from, room);
-            });
+        [this](const QString &from, const QString &to, const QString &, int, int msgType) {
+            const bool room = msgType == kGroupChat;
+            if (m_messageModel.peer().isEmpty() && !(room && from == to)) // not a room's own notice
+                openConversation(room || from == m_jid ? to : from, room);
+        });
     connect(&m_client, &MessageClient::friendList, this, &ChatWindow::onFriendList);
     connect(&m_client, &MessageClient::roomListRefreshed, this, &ChatWindow::onRoomList);
     connect(&m_client, &MessageClient::roomChanged, this, &ChatWindow::onRoomChanged);
     connect(&m_client, &MessageClient::presence, this, &ChatWindow::onPresence);
     connect(&m_client, &MessageClient::friendAdded, this,
-            [this](const QString &from, const QString &, const QString &body) {
-                contact(from, Request, tr("%1 asks: %2").arg(MessageView::nameOf(from), body));
-                statusBar()->showMessage(tr("Friend request from %1 (Contacts)").arg(MessageView::nameOf(from)), 10000);
-            });
+        [this](const QString &from, const QString &, const QString &body) {
+            contact(from, Request, tr("%1 asks: %2").arg(MessageView::nameOf(from), body));
+            statusBar()->showMessage(tr("Friend request from %1 (Contacts)").arg(MessageView::nameOf(from)), 10000);
+        });
     connect(&m_client, &MessageClient::friendAccepted, this, [this](const QString &from, const QString &) {
         statusBar()->showMessage(tr("%1 accepted your friend request").arg(MessageView::nameOf(from)), 10000);
         m_client.listFriends(1, 200);
@@ -285,18 +286,17 @@ void ChatWindow::search(const QString &text)
     }
     const QList<StoredMessage> hits = m_client.searchStoredMessages(text);
     for (const StoredMessage &m : hits) {
-        auto *it = new QListWidgetItem(QStringLiteral("%1  %2 — %3: %4")
-                                           .arg(MessageView::shortTime(QDateTime::fromMSecsSinceEpoch(m.time)),
-                                                MessageView::nameOf(m.conversation), MessageView::nameOf(m.sender),
-                                                m.body),
-                                       m_found);
+        auto *it =
+            new QListWidgetItem(QStringLiteral("%1  %2 — %3: %4")
+                                    .arg(MessageView::shortTime(QDateTime::fromMSecsSinceEpoch(m.time)),
+                                        MessageView::nameOf(m.conversation), MessageView::nameOf(m.sender), m.body),
+                m_found);
         it->setData(kJidRole, m.conversation);
         it->setData(kKindRole, m.messageType == kGroupChat ? RoomChat : Chat);
     }
-    m_foundTitle->setText(hits.size() == 1 ? tr("1 message holds “%1”; click it to open its conversation").arg(text)
-                                           : tr("%1 messages hold “%2”; click one to open its conversation")
-                                                 .arg(hits.size())
-                                                 .arg(text));
+    m_foundTitle->setText(
+        hits.size() == 1 ? tr("1 message holds “%1”; click it to open its conversation").arg(text)
+                         : tr("%1 messages hold “%2”; click one to open its conversation").arg(hits.size()).arg(text));
     m_pages->setCurrentIndex(2);
 }
 
@@ -312,7 +312,7 @@ void ChatWindow::onStored(const StoredMessage &message)
 
 void ChatWindow::showStatus()
 {
-    static const char *const names[] = {"Disconnected", "Connecting…", "Connected"};
+    static const char *const names[] = { "Disconnected", "Connecting…", "Connected" };
     const MessageClient::ConnectionState state = m_client.connectionState();
     QString text = m_jid + QStringLiteral(" — ") + tr(names[state]);
     if (state != MessageClient::Connected && !m_linkError.isEmpty())
@@ -340,7 +340,7 @@ void ChatWindow::onRoomList(const QString &json)
         const QJsonObject entry = r.toObject();
         for (auto it = entry.begin(); it != entry.end(); ++it)
             contact(it.key(), RoomChat,
-                    QStringLiteral("# ") + it.value().toObject().value(QLatin1String("name")).toString());
+                QStringLiteral("# ") + it.value().toObject().value(QLatin1String("name")).toString());
     }
 }
 

@@ -46,7 +46,11 @@ public:
     MessageClient &client() { return m_client; }
 
 private:
-    enum Kind { Chat, RoomChat, Request };
+    enum Kind {
+        Chat,
+        RoomChat,
+        Request
+    };
 
     QListWidgetItem *contact(const QString &jid, Kind kind, const QString &label = QString());
     void selectOpenConversation();
@@ -70,8 +74,8 @@ private:
     StoredMessageModel m_messageModel;
     LoginSettings m_settings;
     QString m_jid;
-    bool m_room = false;  // the open conversation is a room's
-    QString m_linkError;  // why the link is down, until it is up again
+    bool m_room = false;     // the open conversation is a room's
+    QString m_linkError;     // why the link is down, until it is up again
     QSet<QString> m_friends; // whose presence is shared with this user
     QSet<QString> m_online;
     QLineEdit *m_search;

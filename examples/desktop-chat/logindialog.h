@@ -29,8 +29,7 @@ public:
     LoginSettings settings() const;
 
 private:
-    QLineEdit *m_host, *m_user, *m_domain, *m_httpBase, *m_caFile, *m_certFile, *m_keyFile, *m_username,
-        *m_password;
+    QLineEdit *m_host, *m_user, *m_domain, *m_httpBase, *m_caFile, *m_certFile, *m_keyFile, *m_username, *m_password;
     QSpinBox *m_port, *m_level;
     QCheckBox *m_tls, *m_insecure;
 };

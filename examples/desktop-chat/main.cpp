@@ -31,8 +31,7 @@ int main(int argc, char *argv[])
     QCommandLineParser parser;
     parser.addHelpOption();
     const auto option = [&](const char *name, const char *help, const char *value = nullptr) {
-        const QCommandLineOption o(QLatin1String(name), QLatin1String(help),
-                                   value ? QLatin1String(value) : QString());
+        const QCommandLineOption o(QLatin1String(name), QLatin1String(help), value ? QLatin1String(value) : QString());
         parser.addOption(o);
         return o;
     };
@@ -42,8 +41,9 @@ int main(int argc, char *argv[])
                level = option("level", "Security level.", "n"),
                httpBase = option("http-base", "HTTP history service.", "url"),
                device = option("device", "Device id.", "id"), tls = option("tls", "Connect with TLS."),
-               cafile = option("cafile", "CA file (PEM).", "path"), cert = option("cert", "Client certificate.", "path"),
-               key = option("key", "Client key.", "path"), insecure = option("insecure", "Do not verify the broker."),
+               cafile = option("cafile", "CA file (PEM).", "path"),
+               cert = option("cert", "Client certificate.", "path"), key = option("key", "Client key.", "path"),
+               insecure = option("insecure", "Do not verify the broker."),
                store = option("store", "Message store file (default: one per user in the data folder).", "path"),
                chat = option("chat", "Open a conversation with JID.", "jid"),
                say = option("say", "Send TEXT into it.", "text"),
@@ -63,7 +63,8 @@ int main(int argc, char *argv[])
     settings.push.tls.certFile = parser.value(cert).toStdString();
     settings.push.tls.keyFile = parser.value(key).toStdString();
     settings.push.tls.insecure = parser.isSet(insecure);
-    settings.push.tls.enabled = parser.isSet(tls) || parser.isSet(cafile) || parser.isSet(cert) || parser.isSet(insecure);
+    settings.push.tls.enabled =
+        parser.isSet(tls) || parser.isSet(cafile) || parser.isSet(cert) || parser.isSet(insecure);
     if (settings.user.isEmpty()) {
         LoginDialog dialog(settings);
         if (dialog.exec() != QDialog::Accepted)

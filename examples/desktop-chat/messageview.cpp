@@ -24,7 +24,7 @@ public:
 // user's own, "pending" until the broker has it, then ✓ sent, ✓✓ read).
 class MessageDelegate : public QStyledItemDelegate {
 public:
-    explicit MessageDelegate(QListView *view) : QStyledItemDelegate(view), m_view(view) {}
+    explicit MessageDelegate(QListView *view) : QStyledItemDelegate(view), m_view(view) { }
 
     void paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override
     {
@@ -70,9 +70,11 @@ private:
         b.own = index.data(Messages::OutgoingRole).toBool();
         b.pending = b.own && state == StoredState::Pending;
         const QString when = MessageView::shortTime(index.data(Messages::TimeRole).toDateTime());
-        b.headText = b.own ? when + (b.pending ? MessageView::tr("  · pending")
-                                               : state == StoredState::Read ? QStringLiteral("  ✓✓") : QStringLiteral("  ✓"))
-                           : MessageView::nameOf(index.data(Messages::SenderRole).toString()) + QStringLiteral("  ") + when;
+        b.headText =
+            b.own ? when + (b.pending                       ? MessageView::tr("  · pending")
+                               : state == StoredState::Read ? QStringLiteral("  ✓✓")
+                                                            : QStringLiteral("  ✓"))
+                  : MessageView::nameOf(index.data(Messages::SenderRole).toString()) + QStringLiteral("  ") + when;
         b.bodyText = index.data(Messages::BodyRole).toString();
         const int width = m_view->viewport()->width();
         const int most = std::max(120, width * 7 / 10) - 2 * kPad;
@@ -110,7 +112,10 @@ QString MessageView::shortTime(const QDateTime &at)
                                                 : local.toString(QStringLiteral("d MMM"));
 }
 
-QString MessageView::nameOf(const QString &jid) { return jid.section(QLatin1Char('@'), 0, 0); }
+QString MessageView::nameOf(const QString &jid)
+{
+    return jid.section(QLatin1Char('@'), 0, 0);
+}
 
 void MessageView::reset()
 {

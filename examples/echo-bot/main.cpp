@@ -29,7 +29,7 @@ constexpr int kSecurityLevel = 0; // the bot's level, for its login and its answ
 
 class EchoBot : public QObject, public ImEventReciever {
 public:
-    explicit EchoBot(QString jid) : m_jid(std::move(jid)) {}
+    explicit EchoBot(QString jid) : m_jid(std::move(jid)) { }
     Message_lib &library() { return m_library; }
 
     void onConnected() override // again after every reconnection
@@ -40,8 +40,8 @@ public:
         });
     }
 
-    void onMessageReceive(QString from, QString to, QString body, int /*bodyType*/, int msgType,
-                          QString /*messageKey*/, QString /*stamp*/, bool readable) override
+    void onMessageReceive(QString from, QString to, QString body, int /*bodyType*/, int msgType, QString /*messageKey*/,
+        QString /*stamp*/, bool readable) override
     {
         // Chat messages only (no room messages), addressed to us (every user
         // receives every notice), never our own, and only those we may read
@@ -58,8 +58,7 @@ public:
 private:
     // Runs `work` on the main thread. Work still queued when the bot is
     // destroyed is dropped with it.
-    template <typename Work>
-    void onMainThread(Work work)
+    template <typename Work> void onMainThread(Work work)
     {
         QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
     }
@@ -67,7 +66,7 @@ private:
     const QString m_jid;
     // A fixed device id: the library then keeps nothing in a settings store.
     // Declared last, so it is destroyed (and logs out) first.
-    Message_lib m_library{this, nullptr, "echo-bot", ""};
+    Message_lib m_library{ this, nullptr, "echo-bot", "" };
 };
 
 // Blocks SIGINT and SIGTERM in the calling thread and, since threads inherit
@@ -89,7 +88,8 @@ int execUntil(QCoreApplication &app, const sigset_t &stop)
     std::thread waiter([&app, &stop] {
         int signal = 0;
         sigwait(&stop, &signal);
-        QMetaObject::invokeMethod(&app, [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &app, [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
     });
     const int status = app.exec(); // returns only through the waiter's quit()
     waiter.join();

@@ -90,7 +90,7 @@ private:
 
     std::promise<void> m_connected;
     std::promise<QString> m_answer;
-    std::atomic<bool> m_wasConnected{false}, m_wasAnswered{false};
+    std::atomic<bool> m_wasConnected{ false }, m_wasAnswered{ false };
 };
 
 int fail(const QString &message)
@@ -110,21 +110,20 @@ int main(int argc, char *argv[])
     parser.setApplicationDescription(QStringLiteral("Asks for message history and prints the answer."));
     parser.addHelpOption();
     const QCommandLineOption http(QStringLiteral("http"), QStringLiteral("Ask the HTTP history service."));
-    const QCommandLineOption domain(QStringLiteral("domain"), QStringLiteral("Login domain (HOST)."),
-                                    QStringLiteral("domain"));
-    const QCommandLineOption level(QStringLiteral("level"), QStringLiteral("Security level (0)."),
-                                   QStringLiteral("n"), QStringLiteral("0"));
+    const QCommandLineOption domain(
+        QStringLiteral("domain"), QStringLiteral("Login domain (HOST)."), QStringLiteral("domain"));
+    const QCommandLineOption level(
+        QStringLiteral("level"), QStringLiteral("Security level (0)."), QStringLiteral("n"), QStringLiteral("0"));
     const QCommandLineOption timeout(QStringLiteral("timeout"),
-                                     QStringLiteral("Seconds to wait for the connection, then for the answer (10)."),
-                                     QStringLiteral("s"), QStringLiteral("10"));
-    const QCommandLineOption httpBase(QStringLiteral("http-base"),
-                                      QStringLiteral("HTTP history service (http://HOST:5201)."),
-                                      QStringLiteral("url"));
-    parser.addOptions({http, domain, level, timeout, httpBase});
+        QStringLiteral("Seconds to wait for the connection, then for the answer (10)."), QStringLiteral("s"),
+        QStringLiteral("10"));
+    const QCommandLineOption httpBase(
+        QStringLiteral("http-base"), QStringLiteral("HTTP history service (http://HOST:5201)."), QStringLiteral("url"));
+    parser.addOptions({ http, domain, level, timeout, httpBase });
     parser.addPositionalArgument(QStringLiteral("HOST PORT USER"), QStringLiteral("The broker and the user."));
-    parser.addPositionalArgument(QStringLiteral("MODE"),
-                                 QStringLiteral("conversations TYPE PAGE SIZE | detail CONVID PAGE SIZE | "
-                                                "sync UUID | --http sync UUID | --http pull TYPE COUNT UUID"));
+    parser.addPositionalArgument(
+        QStringLiteral("MODE"), QStringLiteral("conversations TYPE PAGE SIZE | detail CONVID PAGE SIZE | "
+                                               "sync UUID | --http sync UUID | --http pull TYPE COUNT UUID"));
     parser.process(app); // --help, unknown options: prints and exits
 
     const QStringList args = parser.positionalArguments();

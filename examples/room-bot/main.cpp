@@ -35,12 +35,9 @@ constexpr int kSecurityLevel = 0; // the bot's level, for its login and its mess
 class RoomBot : public QObject, public ImEventReciever, public ImMUCEventReciever {
 public:
     RoomBot(const QString &user, const QString &domain, const QString &roomId, const QString &members)
-        : m_jid(user + QLatin1Char('@') + domain),
-          m_roomId(roomId),
-          m_roomJid(roomId + QLatin1Char('@') + domain),
+        : m_jid(user + QLatin1Char('@') + domain), m_roomId(roomId), m_roomJid(roomId + QLatin1Char('@') + domain),
           m_members(members)
-    {
-    }
+    { }
     Message_lib &library() { return m_library; }
 
     void onConnected() override // again after every reconnection
@@ -66,8 +63,8 @@ public:
         onMainThread([this, members] { welcome(members); });
     }
 
-    void onMessageReceive(QString from, QString to, QString body, int /*bodyType*/, int msgType,
-                          QString /*messageKey*/, QString /*stamp*/, bool readable) override
+    void onMessageReceive(QString from, QString to, QString body, int /*bodyType*/, int msgType, QString /*messageKey*/,
+        QString /*stamp*/, bool readable) override
     {
         // Messages in our room only, not our own, not the room's own notes
         // (sent from the room's JID when it is created or closed), and only
@@ -81,8 +78,7 @@ public:
 private:
     // Runs `work` on the main thread. Work still queued when the bot is
     // destroyed is dropped with it.
-    template <typename Work>
-    void onMainThread(Work work)
+    template <typename Work> void onMainThread(Work work)
     {
         QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
     }
@@ -115,7 +111,7 @@ private:
     QSet<QString> m_welcomed;     // main thread only
     // A fixed device id: the library then keeps nothing in a settings store.
     // Declared last, so it is destroyed (and logs out) first.
-    Message_lib m_library{this, this, "room-bot", ""};
+    Message_lib m_library{ this, this, "room-bot", "" };
 };
 
 // Blocks SIGINT and SIGTERM in the calling thread and, since threads inherit
@@ -137,7 +133,8 @@ int execUntil(QCoreApplication &app, const sigset_t &stop)
     std::thread waiter([&app, &stop] {
         int signal = 0;
         sigwait(&stop, &signal);
-        QMetaObject::invokeMethod(&app, [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &app, [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
     });
     const int status = app.exec(); // returns only through the waiter's quit()
     waiter.join();
@@ -154,9 +151,11 @@ int main(int argc, char *argv[])
     const QStringList args = QCoreApplication::arguments();
     bool portOk = false;
     const int port = args.value(2).toInt(&portOk);
-    if (args.size() < 6 || args.size() > 7 || !portOk || port <= 0 || port > 65535 || args[4].contains(QLatin1Char('@'))) {
-        std::fprintf(stderr, "usage: room-bot HOST PORT USER ROOM \"MEMBER1,MEMBER2\" [DOMAIN]\n"
-                             "  (ROOM and the members are ids without \"@\")\n");
+    if (args.size() < 6 || args.size() > 7 || !portOk || port <= 0 || port > 65535 ||
+        args[4].contains(QLatin1Char('@'))) {
+        std::fprintf(stderr,
+            "usage: room-bot HOST PORT USER ROOM \"MEMBER1,MEMBER2\" [DOMAIN]\n"
+            "  (ROOM and the members are ids without \"@\")\n");
         return 64;
     }
     const QString host = args[1], user = args[3], domain = args.value(6, host);

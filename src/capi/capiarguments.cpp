@@ -92,8 +92,8 @@ bool CapiArguments::parse(const char *text, CapiArguments &arguments, QString &e
     return true;
 }
 
-QString CapiArguments::check(const QString &context, const std::vector<Field> &fields,
-                             const std::vector<const char *> &also) const
+QString CapiArguments::check(
+    const QString &context, const std::vector<Field> &fields, const std::vector<const char *> &also) const
 {
     for (const Field &field : fields) {
         const QJsonValue value = this->value(field.name);

@@ -20,7 +20,13 @@
 
 class CapiArguments {
 public:
-    enum class Type { Text, Integer, Flag, Names, Any };
+    enum class Type {
+        Text,
+        Integer,
+        Flag,
+        Names,
+        Any
+    };
     struct Field {
         const char *name;
         Type type;
@@ -32,7 +38,7 @@ public:
     static constexpr std::size_t MAX_TEXT_BYTES = 16 * 1024 * 1024;
 
     CapiArguments() = default;
-    explicit CapiArguments(QJsonObject object) : m_object(std::move(object)) {}
+    explicit CapiArguments(QJsonObject object) : m_object(std::move(object)) { }
 
     /// Parses `text` (NUL-terminated UTF-8, at most MAX_TEXT_BYTES) as a JSON
     /// object; false with `error` set when it is none.
@@ -41,8 +47,8 @@ public:
     /// Checks the fields against `fields` and the names in `also` (taken
     /// as they are): "" when they fit, else what is wrong, starting with
     /// `context` and ": ".
-    QString check(const QString &context, const std::vector<Field> &fields,
-                  const std::vector<const char *> &also = {}) const;
+    QString check(
+        const QString &context, const std::vector<Field> &fields, const std::vector<const char *> &also = {}) const;
 
     bool has(const char *name) const { return m_object.contains(QLatin1String(name)); }
     QJsonValue value(const char *name) const { return m_object.value(QLatin1String(name)); }

@@ -55,7 +55,10 @@ CapiClient::CapiClient(const CapiConfig &config)
     m_library.setHistoryDeadline(config.historyDeadlineMs);
 }
 
-CapiClient::~CapiClient() { close(); }
+CapiClient::~CapiClient()
+{
+    close();
+}
 
 void CapiClient::close()
 {
@@ -95,8 +98,8 @@ int CapiClient::send(const char *request)
     }
     if (!op.isString()) {
         reportError(id, QString(),
-                    op.isUndefined() ? QStringLiteral("request: \"op\" is missing")
-                                     : QStringLiteral("request: \"op\" must be a string"));
+            op.isUndefined() ? QStringLiteral("request: \"op\" is missing")
+                             : QStringLiteral("request: \"op\" must be a string"));
         return -1;
     }
     const CapiOperation *operation = CapiOperation::find(op.toString());
@@ -104,7 +107,7 @@ int CapiClient::send(const char *request)
         reportError(id, op.toString(), QStringLiteral("unknown operation \"%1\"").arg(op.toString()));
         return -1;
     }
-    error = arguments.check(op.toString(), operation->fields, {"op", "id"});
+    error = arguments.check(op.toString(), operation->fields, { "op", "id" });
     if (!error.isEmpty()) {
         reportError(id, op.toString(), error);
         return -1;
@@ -133,16 +136,15 @@ void CapiClient::run(const CapiOperation &operation, const CapiArguments &argume
     // A blocking request's result waits for room like the callback it
     // follows; the others are the caller's own and never wait.
     m_events.report("result", fields,
-                    operation.mode == CapiOperation::Mode::Blocking ? CapiEventQueue::Room::Wait
-                                                                    : CapiEventQueue::Room::Never);
+        operation.mode == CapiOperation::Mode::Blocking ? CapiEventQueue::Room::Wait : CapiEventQueue::Room::Never);
 }
 
 void CapiClient::reportError(const QJsonValue &id, const QString &op, const QString &error)
 {
     qCDebug(lcCapi).noquote() << "request refused:" << error;
     m_events.report("error",
-                    {{QStringLiteral("id"), id.isUndefined() ? QJsonValue() : id},
-                     {QStringLiteral("op"), op.isEmpty() ? QJsonValue() : QJsonValue(op)},
-                     {QStringLiteral("error"), error}},
-                    CapiEventQueue::Room::Never);
+        { { QStringLiteral("id"), id.isUndefined() ? QJsonValue() : id },
+            { QStringLiteral("op"), op.isEmpty() ? QJsonValue() : QJsonValue(op) },
+            { QStringLiteral("error"), error } },
+        CapiEventQueue::Room::Never);
 }

@@ -64,7 +64,7 @@ private:
     std::shared_mutex m_sends; // held by every send, taken alone by close, which waits for them
     std::shared_mutex m_calls; // shared by requests, taken alone by login, logout and close
     CapiWorker m_worker;
-    std::atomic<bool> m_closed{false};
+    std::atomic<bool> m_closed{ false };
     std::once_flag m_closing;
 };
 

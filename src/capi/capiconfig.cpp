@@ -22,7 +22,7 @@ bool readBroker(const QString &text, PushBrokerAddress &address)
     QString host = text.left(colon);
     if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']')))
         host = host.mid(1, host.size() - 2);
-    address = {host.toStdString(), port};
+    address = { host.toStdString(), port };
     return true;
 }
 
@@ -35,11 +35,9 @@ QString readTls(const QJsonValue &value, PushTlsOptions &tls)
     const CapiArguments fields(value.toObject());
     if (!value.isObject())
         return QStringLiteral("configuration: \"tls\" must be true, false or an object");
-    const QString error = fields.check(QStringLiteral("configuration: tls"), {{"ca_file", Type::Text, false},
-                                                                             {"ca_path", Type::Text, false},
-                                                                             {"cert_file", Type::Text, false},
-                                                                             {"key_file", Type::Text, false},
-                                                                             {"insecure", Type::Flag, false}});
+    const QString error = fields.check(QStringLiteral("configuration: tls"),
+        { { "ca_file", Type::Text, false }, { "ca_path", Type::Text, false }, { "cert_file", Type::Text, false },
+            { "key_file", Type::Text, false }, { "insecure", Type::Flag, false } });
     tls.enabled = true;
     tls.caFile = fields.text("ca_file").toStdString();
     tls.caPath = fields.text("ca_path").toStdString();
@@ -57,24 +55,14 @@ QString CapiConfig::read(const char *text)
     QString error;
     if (!CapiArguments::parse(text, fields, error))
         return QStringLiteral("configuration: ") + error;
-    error = fields.check(QStringLiteral("configuration"), {{"user", Type::Text, true},
-                                                           {"domain", Type::Text, false},
-                                                           {"level", Type::Integer, false},
-                                                           {"device", Type::Text, false},
-                                                           {"device_name", Type::Text, false},
-                                                           {"brokers", Type::Names, false},
-                                                           {"tls", Type::Any, false},
-                                                           {"username", Type::Text, false},
-                                                           {"password", Type::Text, false},
-                                                           {"max_qos", Type::Integer, false},
-                                                           {"server_jid", Type::Text, false},
-                                                           {"history_base", Type::Text, false},
-                                                           {"history_deadline_ms", Type::Integer, false},
-                                                           {"store", Type::Text, false},
-                                                           {"store_sync", Type::Flag, false},
-                                                           {"queue_size", Type::Integer, false},
-                                                           {"max_pending_messages", Type::Integer, false},
-                                                           {"max_pending_bytes", Type::Integer, false}});
+    error = fields.check(QStringLiteral("configuration"),
+        { { "user", Type::Text, true }, { "domain", Type::Text, false }, { "level", Type::Integer, false },
+            { "device", Type::Text, false }, { "device_name", Type::Text, false }, { "brokers", Type::Names, false },
+            { "tls", Type::Any, false }, { "username", Type::Text, false }, { "password", Type::Text, false },
+            { "max_qos", Type::Integer, false }, { "server_jid", Type::Text, false },
+            { "history_base", Type::Text, false }, { "history_deadline_ms", Type::Integer, false },
+            { "store", Type::Text, false }, { "store_sync", Type::Flag, false }, { "queue_size", Type::Integer, false },
+            { "max_pending_messages", Type::Integer, false }, { "max_pending_bytes", Type::Integer, false } });
     if (!error.isEmpty())
         return error;
     user = fields.text("user");
@@ -82,7 +70,7 @@ QString CapiConfig::read(const char *text)
     device = fields.text("device").toStdString();
     deviceName = fields.text("device_name").toStdString();
     const QJsonValue brokers = fields.value("brokers");
-    const QJsonArray list = brokers.isString() ? QJsonArray{brokers} : brokers.toArray();
+    const QJsonArray list = brokers.isString() ? QJsonArray{ brokers } : brokers.toArray();
     for (int i = 0; i < list.size(); ++i) {
         PushBrokerAddress address;
         if (!readBroker(list.at(i).toString(), address))

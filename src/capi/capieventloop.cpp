@@ -62,7 +62,7 @@ private:
     std::thread m_thread; // runs while the library keeps its own application object
     QCoreApplication *m_application = nullptr;
     char m_name[9] = "pushchat";
-    char *m_argv[2] = {m_name, nullptr};
+    char *m_argv[2] = { m_name, nullptr };
     int m_argc = 1;
 };
 
@@ -74,8 +74,17 @@ Keeper &keeper()
 
 } // namespace
 
-CapiEventLoop::CapiEventLoop() { keeper().hold(); }
+CapiEventLoop::CapiEventLoop()
+{
+    keeper().hold();
+}
 
-CapiEventLoop::~CapiEventLoop() { keeper().release(); }
+CapiEventLoop::~CapiEventLoop()
+{
+    keeper().release();
+}
 
-bool CapiEventLoop::running() { return keeper().running(); }
+bool CapiEventLoop::running()
+{
+    return keeper().running();
+}

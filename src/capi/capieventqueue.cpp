@@ -10,8 +10,7 @@
 
 CapiEventQueue::CapiEventQueue(std::size_t capacity)
     : m_capacity(capacity), m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-{
-}
+{ }
 
 CapiEventQueue::~CapiEventQueue()
 {

@@ -28,7 +28,10 @@
 
 class CapiEventQueue {
 public:
-    enum class Room { Wait, Never };
+    enum class Room {
+        Wait,
+        Never
+    };
 
     explicit CapiEventQueue(std::size_t capacity);
     ~CapiEventQueue();

@@ -22,7 +22,7 @@
 
 class CapiEvents : public ImEventReciever, public ImMUCEventReciever {
 public:
-    explicit CapiEvents(CapiEventQueue &queue) : m_queue(queue) {}
+    explicit CapiEvents(CapiEventQueue &queue) : m_queue(queue) { }
 
     /// Where onDisconnected reads the connection's error.
     void setLibrary(const Message_lib *library) { m_library = library; }
@@ -32,7 +32,7 @@ public:
     void onConnected() override;
     void onDisconnected() override;
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
-                          QString stamp, bool readable) override;
+        QString stamp, bool readable) override;
     void onHistoryMessages(const char *json) override;
     void onConversations(const char *json) override;
     void onConversationDetail(const char *json) override;

@@ -22,7 +22,11 @@
 
 class CapiOperation {
 public:
-    enum class Mode { Plain, Exclusive, Blocking };
+    enum class Mode {
+        Plain,
+        Exclusive,
+        Blocking
+    };
     using Run = QJsonObject (*)(Message_lib &library, const CapiConfig &config, const CapiArguments &arguments);
 
     const char *name;

@@ -30,7 +30,10 @@ void copyError(const QString &text, char *error, size_t size)
 
 extern "C" {
 
-const char *pushchat_version(void) { return PUSHCHAT_VERSION_STRING; }
+const char *pushchat_version(void)
+{
+    return PUSHCHAT_VERSION_STRING;
+}
 
 pushchat_client *pushchat_client_new(const char *config, char *error, size_t error_size)
 {
@@ -42,7 +45,7 @@ pushchat_client *pushchat_client_new(const char *config, char *error, size_t err
             copyError(reason, error, error_size);
             return nullptr;
         }
-        return new pushchat_client{std::move(client)};
+        return new pushchat_client{ std::move(client) };
     } catch (const std::bad_alloc &) {
         copyError(QStringLiteral("out of memory"), error, error_size);
         return nullptr;
@@ -61,7 +64,10 @@ const char *pushchat_receive(pushchat_client *client, int timeout_ms)
     return client != nullptr ? client->client->receive(timeout_ms) : nullptr;
 }
 
-int pushchat_event_fd(const pushchat_client *client) { return client != nullptr ? client->client->eventFd() : -1; }
+int pushchat_event_fd(const pushchat_client *client)
+{
+    return client != nullptr ? client->client->eventFd() : -1;
+}
 
 void pushchat_client_close(pushchat_client *client)
 {
@@ -69,6 +75,9 @@ void pushchat_client_close(pushchat_client *client)
         client->client->close();
 }
 
-void pushchat_client_free(pushchat_client *client) { delete client; }
+void pushchat_client_free(pushchat_client *client)
+{
+    delete client;
+}
 
 } // extern "C"

@@ -37,8 +37,8 @@ std::uint16_t Crc16::x25(const char *data, int size)
     int i = 0;
     for (; i + 8 <= size; i += 8) {
         crc = std::uint16_t(kTables[7][(crc ^ p[i]) & 0xFFu] ^ kTables[6][((crc >> 8) ^ p[i + 1]) & 0xFFu] ^
-                            kTables[5][p[i + 2]] ^ kTables[4][p[i + 3]] ^ kTables[3][p[i + 4]] ^
-                            kTables[2][p[i + 5]] ^ kTables[1][p[i + 6]] ^ kTables[0][p[i + 7]]);
+                            kTables[5][p[i + 2]] ^ kTables[4][p[i + 3]] ^ kTables[3][p[i + 4]] ^ kTables[2][p[i + 5]] ^
+                            kTables[1][p[i + 6]] ^ kTables[0][p[i + 7]]);
     }
     for (; i < size; ++i)
         crc = std::uint16_t((crc >> 8) ^ kTables[0][(crc ^ p[i]) & 0xFFu]);

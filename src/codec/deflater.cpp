@@ -15,9 +15,9 @@ constexpr int defaultMemLevel = 8;
 constexpr int smallMemLevel = 4;
 
 static_assert(Deflater::smallInputLimit <= (1 << (smallMemLevel + 6)) - 2,
-              "a short input must fit in one block of the small stream");
-static_assert(Deflater::smallInputLimit < (4096 >> 2),
-              "a short input must not make a hash chain longer than the level-9 search");
+    "a short input must fit in one block of the small stream");
+static_assert(
+    Deflater::smallInputLimit < (4096 >> 2), "a short input must not make a hash chain longer than the level-9 search");
 
 QByteArray viaQCompress(const char *data, int size)
 {
@@ -26,14 +26,12 @@ QByteArray viaQCompress(const char *data, int size)
 
 } // namespace
 
-Deflater::Deflater()
-    : small_(smallMemLevel), full_(defaultMemLevel)
-{
-}
+Deflater::Deflater() : small_(smallMemLevel), full_(defaultMemLevel)
+{ }
 
 Deflater::~Deflater()
 {
-    for (Stream *stream : {&small_, &full_}) {
+    for (Stream *stream : { &small_, &full_ }) {
         if (stream->ready)
             deflateEnd(&stream->z);
     }
@@ -58,7 +56,7 @@ QByteArray Deflater::compressWith(Stream &stream, const char *data, int size)
     if (!stream.tried) {
         stream.tried = true;
         stream.ready = deflateInit2(&stream.z, compressionLevel, Z_DEFLATED, windowBits, stream.memLevel,
-                                    Z_DEFAULT_STRATEGY) == Z_OK;
+                           Z_DEFAULT_STRATEGY) == Z_OK;
     }
     if (!stream.ready)
         return viaQCompress(data, size);

@@ -33,8 +33,7 @@
 //
 // Not copyable; one instance serves one thread. forThisThread() hands out
 // the calling thread's instance.
-class Deflater
-{
+class Deflater {
 public:
     // Longest input that takes the small stream (see above): fewer symbols
     // than the small stream's block limit (1024 - 1), and fewer chain
@@ -58,13 +57,12 @@ public:
 
 private:
     // One kept deflate stream, set up on first use.
-    struct Stream
-    {
+    struct Stream {
         z_stream z{};
         int memLevel;
-        bool tried = false;  // deflateInit2 was called
-        bool ready = false;  // and succeeded; otherwise fall back to qCompress
-        explicit Stream(int level) : memLevel(level) {}
+        bool tried = false; // deflateInit2 was called
+        bool ready = false; // and succeeded; otherwise fall back to qCompress
+        explicit Stream(int level) : memLevel(level) { }
     };
 
     QByteArray compressWith(Stream &stream, const char *data, int size);

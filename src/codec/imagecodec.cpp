@@ -78,8 +78,8 @@ QString ImageCodec::getDecodeImagePath(QString &text)
     // No documents directory (an empty location) fails like an unwritable
     // one rather than writing next to the root.
     const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
-    const QString path = documents + QLatin1Char('/')
-            + QUuid::createUuid().toString(QUuid::WithoutBraces) + QStringLiteral(".jpg");
+    const QString path =
+        documents + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::WithoutBraces) + QStringLiteral(".jpg");
     if (image.isNull() || documents.isEmpty() || !image.save(path)) {
         qCCritical(lcImageCodec).noquote().nospace() << "ERROR !:Image save failed:" << path;
         return QString();

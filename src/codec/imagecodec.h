@@ -4,8 +4,8 @@
 /// \file
 /// ImageCodec, image files as message text.
 
-#include <pushchat/pushchat_export.h>
 #include <QString>
+#include <pushchat/pushchat_export.h>
 
 /// Turns an image file into message text and back.
 ///

@@ -9,15 +9,13 @@
 #include <limits>
 #include <utility>
 
-ImageShrinker::ImageShrinker(Observer observer)
-    : m_observer(std::move(observer))
-{
-}
+ImageShrinker::ImageShrinker(Observer observer) : m_observer(std::move(observer))
+{ }
 
 int ImageShrinker::edgeLimit(float rate)
 {
     const double limit = double(rate) * edgePerRate;
-    if (!(limit >= 1.0))  // also NaN
+    if (!(limit >= 1.0)) // also NaN
         return 0;
     if (limit >= double(INT_MAX))
         return INT_MAX;
@@ -66,9 +64,8 @@ QImage ImageShrinker::shrink(const QString &path, float rate)
         attempt.tooLarge = tooLarge;
         if (tooLarge) {
             attempt.loadedSize = size;
-            qCCritical(lcImageCodec).noquote().nospace()
-                    << "ERROR:image too large:" << path << ": " << size.width() << " x " << size.height()
-                    << " pixels, over " << maxPixels;
+            qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image too large:" << path << ": " << size.width()
+                                                         << " x " << size.height() << " pixels, over " << maxPixels;
         } else {
             qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image not loaded:" << path;
         }
@@ -91,9 +88,8 @@ QImage ImageShrinker::shrink(const QString &path, float rate)
         const bool keep = rate >= 1.0f && attempt.loadedByteCount <= pixelBudget;
         if (!keep && (original.width() > limit || original.height() > limit)) {
             attempt.scaled = true;
-            candidate = original.width() > original.height()
-                    ? original.scaledToWidth(limit, Qt::FastTransformation)
-                    : original.scaledToHeight(limit, Qt::FastTransformation);
+            candidate = original.width() > original.height() ? original.scaledToWidth(limit, Qt::FastTransformation)
+                                                             : original.scaledToHeight(limit, Qt::FastTransformation);
         } else {
             candidate = original; // shared, not copied
         }

@@ -38,17 +38,17 @@ public:
 
     /// What one attempt saw and decided.
     struct Attempt {
-        int number = 0;                 ///< 1 for the first attempt
-        bool loaded = false;            ///< false: the file did not load, the run ends
-        bool tooLarge = false;          ///< not loaded: over maxPixels (loadedSize as declared)
+        int number = 0;        ///< 1 for the first attempt
+        bool loaded = false;   ///< false: the file did not load, the run ends
+        bool tooLarge = false; ///< not loaded: over maxPixels (loadedSize as declared)
         QSize loadedSize;
         qsizetype loadedByteCount = 0;
         float rate = 0;
-        int edgeLimit = 0;              ///< trunc(rate x 350), clamped to [0, INT_MAX]
-        bool scaled = false;            ///< the candidate is a scaled copy
+        int edgeLimit = 0;   ///< trunc(rate x 350), clamped to [0, INT_MAX]
+        bool scaled = false; ///< the candidate is a scaled copy
         QSize candidateSize;
         qsizetype candidateByteCount = 0;
-        bool tooBig = false;            ///< another attempt follows, at nextRate
+        bool tooBig = false; ///< another attempt follows, at nextRate
         float nextRate = 0;
     };
     using Observer = std::function<void(const Attempt &)>;

@@ -16,15 +16,18 @@
 // inflate to, so a forged claim costs nothing.
 //
 // Not copyable; one instance serves one thread (forThisThread()).
-class Inflater
-{
+class Inflater {
 public:
     Inflater();
     ~Inflater();
     Inflater(const Inflater &) = delete;
     Inflater &operator=(const Inflater &) = delete;
 
-    enum class Result { Ok, Damaged, TooLarge };
+    enum class Result {
+        Ok,
+        Damaged,
+        TooLarge
+    };
 
     // The inflated data, null when it is not Ok; `result` says why.
     QByteArray uncompress(const char *data, int size, int limit, Result *result = nullptr);
@@ -35,7 +38,7 @@ public:
 
 private:
     z_stream stream_{};
-    bool ready_ = false;  // inflateInit succeeded; otherwise nothing is inflated
+    bool ready_ = false; // inflateInit succeeded; otherwise nothing is inflated
 };
 
 #endif // PUSHCHAT_INFLATER_H

@@ -36,11 +36,21 @@ std::size_t readString(std::string_view json, std::size_t pos, std::u16string &o
             const char e = json[pos + 1];
             pos += 2;
             switch (e) {
-            case 'b': out += u'\b'; break;
-            case 'f': out += u'\f'; break;
-            case 'n': out += u'\n'; break;
-            case 'r': out += u'\r'; break;
-            case 't': out += u'\t'; break;
+            case 'b':
+                out += u'\b';
+                break;
+            case 'f':
+                out += u'\f';
+                break;
+            case 'n':
+                out += u'\n';
+                break;
+            case 'r':
+                out += u'\r';
+                break;
+            case 't':
+                out += u'\t';
+                break;
             case 'u': {
                 unsigned int unit = 0;
                 if (!JsonHex::readUnit(json.data(), json.size(), pos, unit))
@@ -49,7 +59,9 @@ std::size_t readString(std::string_view json, std::size_t pos, std::u16string &o
                 pos += 4;
                 break;
             }
-            default: out += char16_t(static_cast<unsigned char>(e)); break;
+            default:
+                out += char16_t(static_cast<unsigned char>(e));
+                break;
             }
             continue;
         }

@@ -20,19 +20,19 @@ QString compact(const QJsonObject &object)
 
 QString MessageTools::formatTextMessage(QString text)
 {
-    return compact(QJsonObject{{keyType, QStringLiteral("text")}, {keyBody, text}});
+    return compact(QJsonObject{ { keyType, QStringLiteral("text") }, { keyBody, text } });
 }
 
 QJsonObject MessageTools::formatEncodeImageMessage(QString path)
 {
-    return QJsonObject{{keyType, QStringLiteral("image_encode")},
-                       {keyBody, ImageCodec().getEncodeImageStr(path, 1.0f)}};
+    return QJsonObject{ { keyType, QStringLiteral("image_encode") },
+        { keyBody, ImageCodec().getEncodeImageStr(path, 1.0f) } };
 }
 
 QJsonObject MessageTools::formatDecodeImageMessage(QString text)
 {
-    return QJsonObject{{keyType, QStringLiteral("image_with_path")},
-                       {keyBody, ImageCodec().getDecodeImagePath(text)}};
+    return QJsonObject{ { keyType, QStringLiteral("image_with_path") },
+        { keyBody, ImageCodec().getDecodeImagePath(text) } };
 }
 
 QString MessageTools::parserMessage(QString body)

@@ -4,9 +4,9 @@
 /// \file
 /// MessageTools, the chat message body formatter.
 
-#include <pushchat/pushchat_export.h>
 #include <QJsonObject>
 #include <QString>
+#include <pushchat/pushchat_export.h>
 
 /// Formats chat message bodies and converts them between their sending and
 /// receiving forms.

@@ -19,7 +19,7 @@ namespace {
 Q_LOGGING_CATEGORY(lcCodec, "pushchat.codec")
 
 constexpr char cipherVersion = 0x03;
-constexpr int headerSize = 2;  // version and flags, not enciphered
+constexpr int headerSize = 2; // version and flags, not enciphered
 
 enum Flag : uchar {
     FlagCompressed = 0x01,
@@ -122,8 +122,7 @@ VantrelCrypt::VantrelCrypt()
     seedThreadGenerator();
 }
 
-VantrelCrypt::VantrelCrypt(unsigned long long key)
-    : key(key)
+VantrelCrypt::VantrelCrypt(unsigned long long key) : key(key)
 {
     seedThreadGenerator();
     splitKey();
@@ -157,8 +156,8 @@ QByteArray VantrelCrypt::encryptToByteArray(QByteArray plaintext)
         QByteArray compressed = Deflater::forThisThread().compress(payload);
         // An empty result means compression failed (out of memory); the
         // payload then goes out as it is, which any reader still accepts.
-        const bool use = !compressed.isEmpty()
-                && (compressionPolicy == CompressAlways || compressed.size() < payload.size());
+        const bool use =
+            !compressed.isEmpty() && (compressionPolicy == CompressAlways || compressed.size() < payload.size());
         if (use) {
             payload = std::move(compressed);
             flags |= FlagCompressed;
@@ -245,7 +244,7 @@ QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher, int maxPayloadByt
     const int size = cypher.size();
     decipher(data + headerSize, size - headerSize, keyWordOf(keyBytes));
 
-    int offset = headerSize + 1;  // past the random byte
+    int offset = headerSize + 1; // past the random byte
     if (flags & FlagChecksum) {
         if (size - offset < checksumSize) {
             lastStatus = StatusIntegrityFailed;
@@ -282,7 +281,7 @@ QByteArray VantrelCrypt::decryptToByteArray(QByteArray cypher, int maxPayloadByt
     } else if (stored > maxPayloadBytes) {
         inflated = Inflater::Result::TooLarge;
     } else {
-        payload = cypher.mid(offset);  // non-null, also when empty
+        payload = cypher.mid(offset); // non-null, also when empty
     }
     if (inflated == Inflater::Result::TooLarge) {
         lastStatus = StatusTooLarge; // the caller reports it, once

@@ -4,10 +4,10 @@
 /// \file
 /// VantrelCrypt, the payload cipher, and keyList, its table of payload keys.
 
-#include <pushchat/pushchat_export.h>
 #include <QByteArray>
 #include <QString>
 #include <QVector>
+#include <pushchat/pushchat_export.h>
 
 /// Number of entries in keyList; the key letters "A" to "K" select them.
 constexpr int keyListLength = 11;
@@ -36,11 +36,14 @@ extern PUSHCHAT_EXPORT const unsigned long long keyList[keyListLength];
 /// held as Latin-1; the QString results of decryption are the payload
 /// decoded as UTF-8; a failure yields an empty string. A QString payload
 /// is enciphered as its UTF-8 bytes.
-class PUSHCHAT_EXPORT VantrelCrypt
-{
+class PUSHCHAT_EXPORT VantrelCrypt {
 public:
     /// Values of compressionPolicy.
-    enum CompressionPolicy { CompressWhenSmaller = 0, CompressAlways = 1, CompressNever = 2 };
+    enum CompressionPolicy {
+        CompressWhenSmaller = 0,
+        CompressAlways = 1,
+        CompressNever = 2
+    };
     /// \var VantrelCrypt::CompressWhenSmaller
     /// Compress when that makes the payload smaller (the default).
     /// \var VantrelCrypt::CompressAlways
@@ -49,7 +52,11 @@ public:
     /// Never compress.
 
     /// Values of integrityCheck.
-    enum IntegrityCheck { IntegrityNone = 0, IntegrityChecksum = 1, IntegritySha1 = 2 };
+    enum IntegrityCheck {
+        IntegrityNone = 0,
+        IntegrityChecksum = 1,
+        IntegritySha1 = 2
+    };
     /// \var VantrelCrypt::IntegrityNone
     /// No integrity field.
     /// \var VantrelCrypt::IntegrityChecksum
@@ -58,7 +65,13 @@ public:
     /// SHA-1 of the payload.
 
     /// Values of lastStatus.
-    enum Status { StatusOk = 0, StatusNoKey = 1, StatusBadVersion = 2, StatusIntegrityFailed = 3, StatusTooLarge = 4 };
+    enum Status {
+        StatusOk = 0,
+        StatusNoKey = 1,
+        StatusBadVersion = 2,
+        StatusIntegrityFailed = 3,
+        StatusTooLarge = 4
+    };
     /// \var VantrelCrypt::StatusOk
     /// The last operation succeeded.
     /// \var VantrelCrypt::StatusNoKey
@@ -111,8 +124,8 @@ public:
     /// empty on failure.
     QString decryptToString(const QString &cypher);
 
-    unsigned long long key = 0; ///< the key; set it with setKey()
-    QVector<char> keyBytes;     ///< the key's eight bytes; empty: no key set
+    unsigned long long key = 0;                  ///< the key; set it with setKey()
+    QVector<char> keyBytes;                      ///< the key's eight bytes; empty: no key set
     int compressionPolicy = CompressWhenSmaller; ///< a CompressionPolicy
     int integrityCheck = IntegrityChecksum;      ///< an IntegrityCheck, for enciphering
     int lastStatus = StatusOk;                   ///< the Status of the last operation

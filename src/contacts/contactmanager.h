@@ -4,9 +4,9 @@
 /// \file
 /// ContactManager, the engine's local contact bookkeeping.
 
-#include <pushchat/pushchat_export.h>
 #include <pushchat/contact.h>
 #include <pushchat/imeventreciever.h>
+#include <pushchat/pushchat_export.h>
 
 #include <QList>
 #include <QMap>

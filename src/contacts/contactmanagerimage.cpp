@@ -16,13 +16,12 @@ QString ContactManager::getImageEncodeStr(QString path, float rate)
         if (!attempt.loaded)
             return;
         PUSHCHAT_CONTACTS_LOG("getImageEncodeStr") << "image:" << attempt.loadedByteCount;
-        PUSHCHAT_CONTACTS_LOG("getImageEncodeStr")
-                << "image  Size:" << ImageShrinker::edgePerRate << " rate=" << attempt.rate
-                << " scaleSize=" << attempt.edgeLimit;
+        PUSHCHAT_CONTACTS_LOG("getImageEncodeStr") << "image  Size:" << ImageShrinker::edgePerRate
+                                                   << " rate=" << attempt.rate << " scaleSize=" << attempt.edgeLimit;
         if (attempt.tooBig)
             PUSHCHAT_CONTACTS_LOG("getImageEncodeStr")
-                    << "image_small size:" << attempt.candidateByteCount << " > "
-                    << ImageShrinker::pixelBudget << " need resize:" << attempt.nextRate;
+                << "image_small size:" << attempt.candidateByteCount << " > " << ImageShrinker::pixelBudget
+                << " need resize:" << attempt.nextRate;
     });
     const QImage image = shrinker.shrink(path, rate);
     if (image.isNull())

@@ -35,8 +35,7 @@ bool MessagePrivate::setFriendPropoties(const QString &ignored, QString peer, co
 
 bool MessagePrivate::listFriends(int type, int count, const QString &lastFriendId)
 {
-    const QJsonObject page{ { QStringLiteral("type"), type },
-                            { QStringLiteral("count"), count },
-                            { QStringLiteral("last_friend_id"), lastFriendId } };
+    const QJsonObject page{ { QStringLiteral("type"), type }, { QStringLiteral("count"), count },
+        { QStringLiteral("last_friend_id"), lastFriendId } };
     return sendSystemRequest(FriendCMD, FriendSub_List, CompactJson::text(page));
 }

@@ -23,7 +23,7 @@ QString text(const std::string &utf8)
 } // namespace
 
 int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel, QString body,
-                                      MESSAGE_BODY_TYPE bodyType, bool toRoom, QString messageKey, QString stamp)
+    MESSAGE_BODY_TYPE bodyType, bool toRoom, QString messageKey, QString stamp)
 {
     Q_UNUSED(ignored) // the sender is always the logged-in user
     // A UTF-16 unit takes at most 3 bytes of UTF-8: only long bodies are measured.
@@ -45,8 +45,8 @@ int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel,
     MQTTMessage msg(pushClient, true);
     msg.setSysProtocol(target.toUtf8().constData(), 2, MESSAGE_INFO, MESSAGE_NORMAL);
     if (!msg.fromText(text(jid), target, body,
-                      toRoom ? MediaInfo::MESSAGE_TYPE_GROUPCHAT : MediaInfo::MESSAGE_TYPE_CHAT,
-                      notice ? SECURITY_LEVEL_UNRESTRICTED : secLevel, bodyType, messageKey, stamp))
+            toRoom ? MediaInfo::MESSAGE_TYPE_GROUPCHAT : MediaInfo::MESSAGE_TYPE_CHAT,
+            notice ? SECURITY_LEVEL_UNRESTRICTED : secLevel, bodyType, messageKey, stamp))
         return 0;
     if (notice) {
         msg.protocol.topic = NOTICE_TOPIC;
@@ -78,21 +78,19 @@ void MessagePrivate::modifyMessageStatusRun(QString uuid, MSG_STATUS status)
 {
     MQTTMessage msg(pushClient, true);
     const bool built = msg.setSysProtocol(serverJidText().c_str(), 2, MESSAGE_INFO, MESSAGE_MODYFY_STATUS);
-    PUSHCHAT_ENGINE_LOG("modifyMessageStatus") << "uuid:" << uuid << "status:" << int(status)
-                                               << "ret:" << (built ? "true" : "false")
-                                               << "topic:" << msg.protocol.topic.c_str() << "type"
-                                               << msg.protocol.code;
+    PUSHCHAT_ENGINE_LOG("modifyMessageStatus")
+        << "uuid:" << uuid << "status:" << int(status) << "ret:" << (built ? "true" : "false")
+        << "topic:" << msg.protocol.topic.c_str() << "type" << msg.protocol.code;
     const QJsonObject body{ { QStringLiteral("uuid"), uuid }, { QStringLiteral("status"), int(status) } };
-    if (msg.fromText(text(jid), serverJid(), CompactJson::text(body),
-                     MediaInfo::MESSAGE_TYPE_SYSTEM, SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(),
-                     QString()))
+    if (msg.fromText(text(jid), serverJid(), CompactJson::text(body), MediaInfo::MESSAGE_TYPE_SYSTEM,
+            SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString()))
         msg.send(2);
 }
 
 void MessagePrivate::messageReceive(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("messageReceive") << "MessagePrivate::messageReceive length:" << msg->body.size()
-                                          << " secLevel:" << msg->secLevel;
+    PUSHCHAT_ENGINE_LOG("messageReceive")
+        << "MessagePrivate::messageReceive length:" << msg->body.size() << " secLevel:" << msg->secLevel;
     // 9999 is for everyone; otherwise the message's level must not be below
     // the user's own.
     const bool readable = msg->secLevel == SECURITY_LEVEL_UNRESTRICTED || msg->secLevel >= securityLevel;
@@ -100,7 +98,7 @@ void MessagePrivate::messageReceive(MQTTMessage *msg)
     if (!recordDelivered(*msg, body) || imReciever == nullptr)
         return; // already stored: delivered before
     imReciever->onMessageReceive(text(msg->from), text(msg->to), body, msg->bodyType, msg->msgType,
-                                 text(msg->messageKey), text(msg->stamp), readable);
+        text(msg->messageKey), text(msg->stamp), readable);
 }
 
 void MessagePrivate::messagePresenceIn(MQTTMessage *msg)
@@ -123,8 +121,7 @@ void MessagePrivate::messageModifyClientStatus(MQTTMessage *msg)
     const QString uuid = obj.value(QLatin1String("uuid")).toString();
     const QString modifier = obj.value(QLatin1String("modifier")).toString();
     const int status = obj.value(QLatin1String("status")).toInt();
-    PUSHCHAT_ENGINE_LOG("messageModifyClientStatus") << "messageModifyClientStatus uuid" << uuid << "status"
-                                                     << status;
+    PUSHCHAT_ENGINE_LOG("messageModifyClientStatus") << "messageModifyClientStatus uuid" << uuid << "status" << status;
     storePeerStatus(uuid, status);
     if (imReciever != nullptr)
         imReciever->onMessageStatusModified(modifier, uuid, status);

@@ -10,8 +10,7 @@
 /// made, each drop logged once as a warning (category "pushchat.engine").
 /// Everything else kept flowing. A value type, read with
 /// Message_lib::droppedInputs() from any thread.
-struct DroppedInputs
-{
+struct DroppedInputs {
     /// Deliveries whose topic, payload or inflated envelope passed its
     /// limit (1 KiB of topic, about 6 MiB of payload, 4.5 MiB of envelope);
     /// nothing past the limit was inflated.

@@ -11,36 +11,30 @@
 
 void MessagePrivate::fetchConversations(MediaInfo::MessageType type, int page, int pageSize)
 {
-    const QJsonObject body{ { QStringLiteral("message_type"), int(type) },
-                            { QStringLiteral("page"), page },
-                            { QStringLiteral("pagesize"), pageSize },
-                            { QStringLiteral("my_sec_level"), securityLevel } };
+    const QJsonObject body{ { QStringLiteral("message_type"), int(type) }, { QStringLiteral("page"), page },
+        { QStringLiteral("pagesize"), pageSize }, { QStringLiteral("my_sec_level"), securityLevel } };
     sendSystemRequest(HistoryCMD, HistorySub_Converstaion, CompactJson::text(body));
 }
 
 void MessagePrivate::getMsgByConvid(QString convId, int page, int pageSize)
 {
-    const QJsonObject body{ { QStringLiteral("page"), page },
-                            { QStringLiteral("pagesize"), pageSize },
-                            { QStringLiteral("my_sec_level"), securityLevel },
-                            { QStringLiteral("conv_id"), convId } };
+    const QJsonObject body{ { QStringLiteral("page"), page }, { QStringLiteral("pagesize"), pageSize },
+        { QStringLiteral("my_sec_level"), securityLevel }, { QStringLiteral("conv_id"), convId } };
     sendSystemRequest(HistoryCMD, HistorySub_Converstaion_Detail, CompactJson::text(body));
 }
 
 void MessagePrivate::startSyncMessage(QString msgUuid)
 {
     const QJsonObject body{ { QStringLiteral("my_sec_level"), securityLevel },
-                            { QStringLiteral("msg_uuid"), msgUuid } };
+        { QStringLiteral("msg_uuid"), msgUuid } };
     sendSystemRequest(HistoryCMD, HistorySub_List, CompactJson::text(body));
 }
 
 void MessagePrivate::startPullMessage(int pullType, int start, int count, QString msgUuid)
 {
-    const QJsonObject body{ { QStringLiteral("my_sec_level"), securityLevel },
-                            { QStringLiteral("msg_uuid"), msgUuid },
-                            { QStringLiteral("pull_type"), pullType },
-                            { QStringLiteral("start"), start },
-                            { QStringLiteral("count"), count } };
+    const QJsonObject body{ { QStringLiteral("my_sec_level"), securityLevel }, { QStringLiteral("msg_uuid"), msgUuid },
+        { QStringLiteral("pull_type"), pullType }, { QStringLiteral("start"), start },
+        { QStringLiteral("count"), count } };
     sendSystemRequest(HistoryCMD, HistorySub_List, CompactJson::text(body));
 }
 

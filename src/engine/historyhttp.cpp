@@ -24,8 +24,7 @@ bool haveLogin(const std::string &jid, const char *operation)
 
 // One request of a fresh task within `deadlineMs` (0: the task's default):
 // the body, or "" with the reason kept for this thread.
-template <typename Ask>
-QByteArray fetch(int deadlineMs, Ask ask)
+template <typename Ask> QByteArray fetch(int deadlineMs, Ask ask)
 {
     HttpSyncTask task(nullptr);
     task.setDeadline(deadlineMs);
@@ -74,8 +73,8 @@ void MessagePrivate::startPullMessageRun(int type, int count, QString msgUuid)
     QByteArray body;
     if (haveLogin(jid, "startPullMessageRun")) {
         body = fetch(httpHistoryDeadlineMs, [&](HttpSyncTask &task) {
-            return task.pullHistoryMessage(historyBaseAddress(), QString::fromStdString(jid), type, count, msgUuid,
-                                           securityLevel);
+            return task.pullHistoryMessage(
+                historyBaseAddress(), QString::fromStdString(jid), type, count, msgUuid, securityLevel);
         });
     }
     recordHistory(body.toStdString());

@@ -27,13 +27,17 @@
 
 class HttpReplyReader {
 public:
-    enum class State { Reading, Done, Failed };
+    enum class State {
+        Reading,
+        Done,
+        Failed
+    };
 
     static constexpr int MAX_HEAD_BYTES = 64 * 1024;
     static constexpr int MAX_HEADER_FIELDS = 100;
     static constexpr int MAX_LINE_BYTES = 1024;
 
-    explicit HttpReplyReader(qint64 maxBodyBytes) : m_maxBody(maxBodyBytes) {}
+    explicit HttpReplyReader(qint64 maxBodyBytes) : m_maxBody(maxBodyBytes) { }
 
     /// Takes the next bytes of the reply.
     State feed(const QByteArray &bytes);
@@ -47,7 +51,15 @@ public:
     QByteArray takeBody() { return std::move(m_body); }
 
 private:
-    enum class Stage { Head, Sized, UntilClose, ChunkSize, ChunkData, ChunkEnd, Trailer };
+    enum class Stage {
+        Head,
+        Sized,
+        UntilClose,
+        ChunkSize,
+        ChunkData,
+        ChunkEnd,
+        Trailer
+    };
 
     /// Parses the head (without its final blank line) and chooses the framing.
     void readHead(const QByteArray &head);
@@ -65,10 +77,10 @@ private:
     const qint64 m_maxBody;
     State m_state = State::Reading;
     Stage m_stage = Stage::Head;
-    QByteArray m_pending;    // received, not yet taken
-    int m_scanned = 0;       // m_pending searched up to here for a line end
+    QByteArray m_pending; // received, not yet taken
+    int m_scanned = 0;    // m_pending searched up to here for a line end
     int m_trailerBytes = 0;
-    qint64 m_left = 0;       // of the sized body or of the current chunk
+    qint64 m_left = 0; // of the sized body or of the current chunk
     QByteArray m_body;
     QString m_error;
 };

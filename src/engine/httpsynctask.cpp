@@ -30,7 +30,8 @@ QString seconds(int milliseconds)
 
 } // namespace
 
-HttpSyncTask::HttpSyncTask(QObject *parent) : QObject(parent) {}
+HttpSyncTask::HttpSyncTask(QObject *parent) : QObject(parent)
+{ }
 
 HttpSyncTask::~HttpSyncTask() = default;
 
@@ -118,14 +119,13 @@ void HttpSyncTask::exchange(const QUrl &target)
         if (m_transferTimeoutMs > 0)
             silence.start(m_transferTimeoutMs);
     };
-    connect(&silence, &QTimer::timeout, this, [this] {
-        refuse(QStringLiteral("no data for %1 (transfer timeout)").arg(seconds(m_transferTimeoutMs)));
-    });
+    connect(&silence, &QTimer::timeout, this,
+        [this] { refuse(QStringLiteral("no data for %1 (transfer timeout)").arg(seconds(m_transferTimeoutMs))); });
     QTimer deadline;
     deadline.setSingleShot(true);
     deadline.setTimerType(Qt::PreciseTimer); // a coarse one may fire 5 % early
     connect(&deadline, &QTimer::timeout, this,
-            [this] { refuse(QStringLiteral("timed out after %1 (deadline)").arg(seconds(m_deadlineMs))); });
+        [this] { refuse(QStringLiteral("timed out after %1 (deadline)").arg(seconds(m_deadlineMs))); });
 
     const QByteArray request = requestText(target);
     const auto send = [&] {
@@ -209,28 +209,30 @@ QString HttpSyncTask::socketError(const QAbstractSocket &socket)
     }
 }
 
-QByteArray HttpSyncTask::pullHistoryMessage(QString base, QString userId, int type, int count, QString msgUuid,
-                                            int securityLevel)
+QByteArray HttpSyncTask::pullHistoryMessage(
+    QString base, QString userId, int type, int count, QString msgUuid, int securityLevel)
 {
     // One multi-argument arg(): an encoded value such as "%2B" must not be
     // taken for a placeholder by a later substitution.
-    return httpResult(QStringLiteral("%1/vantrel_api/instance_message/pull_history_message"
-                                     "?user_id=%2&type=%3&count=%4&msg_uuid=%5&my_sec_level=%6")
-                          .arg(base, queryValue(userId), QString::number(type), QString::number(count),
-                               queryValue(msgUuid), QString::number(securityLevel)));
+    return httpResult(
+        QStringLiteral("%1/vantrel_api/instance_message/pull_history_message"
+                       "?user_id=%2&type=%3&count=%4&msg_uuid=%5&my_sec_level=%6")
+            .arg(base, queryValue(userId), QString::number(type), QString::number(count), queryValue(msgUuid),
+                QString::number(securityLevel)));
 }
 
 QByteArray HttpSyncTask::syncHistoryMessage(QString base, QString userId, QString msgUuid, int securityLevel)
 {
-    return httpResult(QStringLiteral("%1/vantrel_api/instance_message/sync_history_message"
-                                     "?user_id=%2&msg_uuid=%3&my_sec_level=%4")
-                          .arg(base, queryValue(userId), queryValue(msgUuid), QString::number(securityLevel)));
+    return httpResult(
+        QStringLiteral("%1/vantrel_api/instance_message/sync_history_message"
+                       "?user_id=%2&msg_uuid=%3&my_sec_level=%4")
+            .arg(base, queryValue(userId), queryValue(msgUuid), QString::number(securityLevel)));
 }
 
 QByteArray HttpSyncTask::modifyMessageStatus(QString base, QString uuid, MSG_STATUS status, int securityLevel)
 {
-    return httpResult(QStringLiteral("%1/vantrel_api/instance_message/modify_message_status"
-                                     "?uuid=%2&status=%3&my_sec_level=%4")
-                          .arg(base, queryValue(uuid), QString::number(int(status)),
-                               QString::number(securityLevel)));
+    return httpResult(
+        QStringLiteral("%1/vantrel_api/instance_message/modify_message_status"
+                       "?uuid=%2&status=%3&my_sec_level=%4")
+            .arg(base, queryValue(uuid), QString::number(int(status)), QString::number(securityLevel)));
 }

@@ -96,8 +96,8 @@ public:
 
     /// base + "/vantrel_api/instance_message/pull_history_message?user_id=…
     /// &type=…&count=…&msg_uuid=…&my_sec_level=…".
-    QByteArray pullHistoryMessage(QString base, QString userId, int type, int count, QString msgUuid,
-                                  int securityLevel);
+    QByteArray pullHistoryMessage(
+        QString base, QString userId, int type, int count, QString msgUuid, int securityLevel);
     /// base + "/vantrel_api/instance_message/sync_history_message?user_id=…
     /// &msg_uuid=…&my_sec_level=…".
     QByteArray syncHistoryMessage(QString base, QString userId, QString msgUuid, int securityLevel);
@@ -131,10 +131,10 @@ private:
     /// The reason of a connection that failed.
     static QString socketError(const QAbstractSocket &socket);
 
-    bool m_waiting = false;          // a request of this task is in progress
-    QEventLoop loop;                 // where a request waits
-    QByteArray m_body;               // of the request in progress
-    QString m_reason;                // why the request in progress fails
+    bool m_waiting = false; // a request of this task is in progress
+    QEventLoop loop;        // where a request waits
+    QByteArray m_body;      // of the request in progress
+    QString m_reason;       // why the request in progress fails
     QString m_lastError;
     int m_deadlineMs = DEADLINE_MS;
     int m_transferTimeoutMs = TRANSFER_TIMEOUT_MS;

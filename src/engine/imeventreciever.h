@@ -22,8 +22,8 @@
 /// rely on; new operations are added at the end. Every operation has an
 /// empty default, so an application overrides only what it needs.
 
-#include <pushchat/pushchat_export.h>
 #include <pushchat/mediainfo.h>
+#include <pushchat/pushchat_export.h>
 #include <pushchat/room.h>
 #include <pushchat/storedmessage.h>
 
@@ -52,12 +52,12 @@ public:
     virtual ~ImEventReciever() = default;
     /// The user is online: receive topics subscribed, presence announced.
     /// Called again after every reconnection.
-    virtual void onConnected() {}
+    virtual void onConnected() { }
     /// The link to the server was lost, or a connection attempt failed. The
     /// library reconnects on its own, except after a refusal that another
     /// attempt cannot fix (wrong credentials, not authorised, a certificate
     /// that does not verify): Message_lib::lastConnectionError tells which.
-    virtual void onDisconnected() {}
+    virtual void onDisconnected() { }
     /// A chat message, a notice or a room message. `bodyType` is a
     /// MESSAGE_BODY_TYPE, `msgType` a MediaInfo::MessageType; `messageKey`
     /// and `stamp` are the sender's. `readable` false: the message's
@@ -67,11 +67,17 @@ public:
     /// created or closed, or the user removed from a room by someone else,
     /// arrives as a room message from and to the room's JID with an empty
     /// body (BODY_TYPE_KICKED for the removal).
-    virtual void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType,
-                                  QString messageKey, QString stamp, bool readable)
+    virtual void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
+        QString stamp, bool readable)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body) Q_UNUSED(bodyType) Q_UNUSED(msgType)
-        Q_UNUSED(messageKey) Q_UNUSED(stamp) Q_UNUSED(readable)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(body)
+        Q_UNUSED(bodyType)
+        Q_UNUSED(msgType)
+        Q_UNUSED(messageKey)
+        Q_UNUSED(stamp)
+        Q_UNUSED(readable)
     }
     /// The server's answer to startPullMessage or startSyncMessage, or the
     /// HTTP service's to startPullMessageRun or startSyncMessageRun ("" when
@@ -82,29 +88,41 @@ public:
     /// The server's answer to getMsgByConvid.
     virtual void onConversationDetail(const char *json) { Q_UNUSED(json) }
     /// A peer's presence; `body` is its presence JSON, unparsed.
-    virtual void onPresence(QString from, QString body) { Q_UNUSED(from) Q_UNUSED(body) }
+    virtual void onPresence(QString from, QString body)
+    {
+        Q_UNUSED(from)
+        Q_UNUSED(body)
+    }
     /// The server's notice that `modifier` set the status of message `uuid`
     /// to `status` (a MSG_STATUS).
     virtual void onMessageStatusModified(QString modifier, QString uuid, int status)
     {
-        Q_UNUSED(modifier) Q_UNUSED(uuid) Q_UNUSED(status)
+        Q_UNUSED(modifier)
+        Q_UNUSED(uuid)
+        Q_UNUSED(status)
     }
     /// `from` asks the user to be friends (its addFriend); `body` is its
     /// text.
     virtual void onFriendAdded(QString from, QString to, QString body)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(body)
     }
     /// `from` accepted the user's request (its acceptFriend); `flag` is
     /// always 1.
     virtual void onFriendAccepted(QString from, QString to, int flag)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(flag)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(flag)
     }
     /// `from` ended the friendship (its delFriend); `flag` is always 1.
     virtual void onFriendDeleted(QString from, QString to, int flag)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(flag)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(flag)
     }
     /// The server's answer to listFriends, unread.
     virtual void onFriendList(const char *json) { Q_UNUSED(json) }
@@ -112,24 +130,32 @@ public:
     /// `body` is its text.
     virtual void onRemoteDesktopControlRequest(const char *from, const char *to, const char *body)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(body)
     }
     /// `from` answered the user's control request
     /// (its remoteDesktopControlReply).
     virtual void onRemoteDesktopControlResponse(const char *from, const char *to, const char *body)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(body)
     }
     /// `from` offers the user control of its desktop
     /// (its remoteDesktopBeControl).
     virtual void onRemoteDesktopBeControlRequest(const char *from, const char *to, const char *body)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(body)
     }
     /// `from` answered the user's offer (its remoteDesktopBeControlReply).
     virtual void onRemoteDesktopBeControlResponse(const char *from, const char *to, const char *body)
     {
-        Q_UNUSED(from) Q_UNUSED(to) Q_UNUSED(body)
+        Q_UNUSED(from)
+        Q_UNUSED(to)
+        Q_UNUSED(body)
     }
     /// With the message store (Message_lib::openMessageStore): a message
     /// was recorded, or its state changed (sent, read), as it now stands in
@@ -155,7 +181,11 @@ public:
     /// for a change of creator. Several room callbacks may run at once, in
     /// any order among themselves and relative to onMessageReceive; a room
     /// callback must not wait for the delivery thread.
-    virtual void onRoomChanged(Room &room, GroupSubCmd cmd) { Q_UNUSED(room) Q_UNUSED(cmd) }
+    virtual void onRoomChanged(Room &room, GroupSubCmd cmd)
+    {
+        Q_UNUSED(room)
+        Q_UNUSED(cmd)
+    }
 };
 
 /// Contacts. Slots 2 to 6 are reserved and never called. Set with
@@ -165,22 +195,28 @@ class PUSHCHAT_EXPORT ImContactEventReciever {
 public:
     /// Slots 0 and 1.
     virtual ~ImContactEventReciever() = default;
-    virtual void reserved2() {} ///< Slot 2, never called.
-    virtual void reserved3() {} ///< Slot 3, never called.
-    virtual void reserved4() {} ///< Slot 4, never called.
-    virtual void reserved5() {} ///< Slot 5, never called.
-    virtual void reserved6() {} ///< Slot 6, never called.
+    virtual void reserved2() { } ///< Slot 2, never called.
+    virtual void reserved3() { } ///< Slot 3, never called.
+    virtual void reserved4() { } ///< Slot 4, never called.
+    virtual void reserved5() { } ///< Slot 5, never called.
+    virtual void reserved6() { } ///< Slot 6, never called.
     /// `jid` asks to subscribe to the user's presence; `text7` and `text8`
     /// are the request's extra texts (see Contact).
     virtual void onSubscribeRequest(QString jid, QString text7, QString text8)
     {
-        Q_UNUSED(jid) Q_UNUSED(text7) Q_UNUSED(text8)
+        Q_UNUSED(jid)
+        Q_UNUSED(text7)
+        Q_UNUSED(text8)
     }
     /// A contact-info notice about `jid`: the record's text7, flag1 and
     /// flag2 (see Contact) and the list the notification carries.
     virtual void onContactInfo(QString jid, QString text7, bool flag1, bool flag2, QStringList callers)
     {
-        Q_UNUSED(jid) Q_UNUSED(text7) Q_UNUSED(flag1) Q_UNUSED(flag2) Q_UNUSED(callers)
+        Q_UNUSED(jid)
+        Q_UNUSED(text7)
+        Q_UNUSED(flag1)
+        Q_UNUSED(flag2)
+        Q_UNUSED(callers)
     }
     /// The user's own vCard text.
     virtual void onOwnerVCard(QString text) { Q_UNUSED(text) }

@@ -9,8 +9,7 @@
 
 Message_lib::Message_lib(ImEventReciever *im, ImMUCEventReciever *muc, std::string deviceId, std::string deviceName)
     : d(new MessagePrivate(im, muc, std::move(deviceId), std::move(deviceName)))
-{
-}
+{ }
 
 Message_lib::~Message_lib()
 {
@@ -52,8 +51,8 @@ DroppedInputs Message_lib::droppedInputs() const
     return d->droppedInputs();
 }
 
-int Message_lib::registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
-                                    QString domain, QString extra2)
+int Message_lib::registerToImServer(
+    QString host, int port, QString userId, QString extra1, int securityLevel, QString domain, QString extra2)
 {
     return d->registerToServer(host, port, userId, extra1, securityLevel, domain, extra2);
 }
@@ -63,8 +62,8 @@ int Message_lib::unRegisterToImServer()
     return d->disconnectToIMServer();
 }
 
-int Message_lib::sendTextMessageTo(QString ignored, QString to, int secLevel, QString text,
-                                   MESSAGE_BODY_TYPE bodyType, bool toRoom, QString messageKey, QString stamp)
+int Message_lib::sendTextMessageTo(QString ignored, QString to, int secLevel, QString text, MESSAGE_BODY_TYPE bodyType,
+    bool toRoom, QString messageKey, QString stamp)
 {
     return d->sendTextMessageTo(ignored, to, secLevel, text, bodyType, toRoom, messageKey, stamp);
 }

@@ -4,10 +4,10 @@
 /// \file
 /// Message_lib, the one class an application drives.
 
-#include <pushchat/pushchat_export.h>
 #include <pushchat/droppedinputs.h>
 #include <pushchat/imeventreciever.h>
 #include <pushchat/mediainfo.h>
+#include <pushchat/pushchat_export.h>
 #include <pushchat/pushclientoptions.h>
 #include <pushchat/room.h>
 #include <pushchat/storedmessage.h>
@@ -101,8 +101,8 @@ public:
     /// The user's JID is `userId` "@" domain; `securityLevel` is the user's
     /// level (see ImEventReciever::onMessageReceive), also sent with the
     /// history requests. `extra1` and `extra2` are not used.
-    int registerToImServer(QString host, int port, QString userId, QString extra1, int securityLevel,
-                           QString domain, QString extra2);
+    int registerToImServer(
+        QString host, int port, QString userId, QString extra1, int securityLevel, QString domain, QString extra2);
     /// Logs out in order ("APP_QUIT" presence, unsubscriptions, connection
     /// closed), then delivers the room events already received; always 1.
     /// No callback of the push connection runs after it returns.
@@ -128,7 +128,7 @@ public:
     /// broker, or one sending while the link is down, reaches it; wait a
     /// little and send again (back-pressure; nothing accepted is dropped).
     int sendTextMessageTo(QString ignored, QString to, int secLevel, QString text, MESSAGE_BODY_TYPE bodyType,
-                          bool toRoom, QString messageKey, QString stamp);
+        bool toRoom, QString messageKey, QString stamp);
     /// 1 if "first:second" was published on "LOCATION/" + target (raw
     /// text, QoS 0); 0 when not logged in or refused.
     int sendLocation(QString target, QString first, QString second);

@@ -11,17 +11,16 @@
 // they carry and queues the signal on the client's thread.
 class MessageClientReceiver : public ImEventReciever, public ImMUCEventReciever, public ImContactEventReciever {
 public:
-    explicit MessageClientReceiver(MessageClient *client) : q(client) {}
+    explicit MessageClientReceiver(MessageClient *client) : q(client) { }
     Message_lib *library = nullptr; // set once the façade exists
     // The login the callbacks belong to: a state change queued by an
     // earlier login is not applied to a later one.
-    std::atomic<unsigned> session{0};
-    std::atomic<unsigned> storeErrors{0}; // onStoreError calls so far
+    std::atomic<unsigned> session{ 0 };
+    std::atomic<unsigned> storeErrors{ 0 }; // onStoreError calls so far
 
     // The emitters wait here (the mutex orders the hand-over between the
     // threads); one queued call per emitter takes them out in order.
-    template <class Emit>
-    void post(Emit emitter)
+    template <class Emit> void post(Emit emitter)
     {
         {
             const std::lock_guard<std::mutex> lock(mutex);
@@ -61,7 +60,7 @@ public:
         });
     }
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
-                          QString stamp, bool readable) override
+        QString stamp, bool readable) override
     {
         post([c = q, from, to, body, bodyType, msgType, messageKey, stamp, readable] {
             emit c->messageReceived(from, to, body, bodyType, msgType, messageKey, stamp, readable);
@@ -158,8 +157,8 @@ private:
 
 MessageClient::MessageClient(const QString &deviceId, const QString &deviceName, QObject *parent)
     : QObject(parent), m_receiver(std::make_unique<MessageClientReceiver>(this)),
-      m_library(std::make_unique<Message_lib>(m_receiver.get(), m_receiver.get(), deviceId.toStdString(),
-                                              deviceName.toStdString()))
+      m_library(std::make_unique<Message_lib>(
+          m_receiver.get(), m_receiver.get(), deviceId.toStdString(), deviceName.toStdString()))
 {
     m_receiver->library = m_library.get();
     m_library->setContactEventReciever(m_receiver.get());
@@ -191,8 +190,14 @@ bool MessageClient::setState(unsigned session, ConnectionState state)
     return true;
 }
 
-void MessageClient::setServerJid(const QString &jid) { m_library->setServerJid(jid); }
-void MessageClient::setHistoryBaseAddress(const QString &base) { m_library->setHistoryBaseAddress(base); }
+void MessageClient::setServerJid(const QString &jid)
+{
+    m_library->setServerJid(jid);
+}
+void MessageClient::setHistoryBaseAddress(const QString &base)
+{
+    m_library->setHistoryBaseAddress(base);
+}
 void MessageClient::setPushClientOptions(const PushClientOptions &options)
 {
     m_library->setPushClientOptions(options);
@@ -213,16 +218,16 @@ int MessageClient::logout()
     return result;
 }
 
-int MessageClient::sendMessage(const QString &to, const QString &text, int secLevel, bool toRoom,
-                               const QString &messageKey, const QString &stamp)
+int MessageClient::sendMessage(
+    const QString &to, const QString &text, int secLevel, bool toRoom, const QString &messageKey, const QString &stamp)
 {
     return m_library->sendTextMessageTo(QString(), to, secLevel, text, BODY_TYPE_DEFAULT, toRoom, messageKey, stamp);
 }
 
 int MessageClient::sendNotice(const QString &to, const QString &text, const QString &messageKey, const QString &stamp)
 {
-    return m_library->sendTextMessageTo(QString(), to, SECURITY_LEVEL_UNRESTRICTED, text, BODY_TYPE_NOTICE, false,
-                                        messageKey, stamp);
+    return m_library->sendTextMessageTo(
+        QString(), to, SECURITY_LEVEL_UNRESTRICTED, text, BODY_TYPE_NOTICE, false, messageKey, stamp);
 }
 
 int MessageClient::sendLocation(const QString &target, const QString &first, const QString &second)
@@ -265,7 +270,10 @@ int MessageClient::setRoomType(const QString &roomId, int type)
     return m_library->modifyRoomType(roomId, ROOM_TYPE(type));
 }
 
-int MessageClient::destroyRoom(const QString &roomId) { return m_library->destoryRoom(roomId); }
+int MessageClient::destroyRoom(const QString &roomId)
+{
+    return m_library->destoryRoom(roomId);
+}
 
 void MessageClient::fetchConversations(int type, int page, int pageSize)
 {
@@ -282,8 +290,14 @@ void MessageClient::pullHistory(int pullType, int start, int count, const QStrin
     m_library->startPullMessage(pullType, start, count, msgUuid);
 }
 
-void MessageClient::syncHistory(const QString &msgUuid) { m_library->startSyncMessage(msgUuid); }
-void MessageClient::syncHistoryOverHttp(const QString &msgUuid) { m_library->startSyncMessageRun(msgUuid); }
+void MessageClient::syncHistory(const QString &msgUuid)
+{
+    m_library->startSyncMessage(msgUuid);
+}
+void MessageClient::syncHistoryOverHttp(const QString &msgUuid)
+{
+    m_library->startSyncMessageRun(msgUuid);
+}
 
 void MessageClient::pullHistoryOverHttp(int type, int count, const QString &msgUuid)
 {
@@ -300,7 +314,10 @@ int MessageClient::acceptFriend(const QString &jid, const QString &text)
     return m_library->acceptFriend(QString(), jid, text);
 }
 
-int MessageClient::deleteFriend(const QString &jid) { return m_library->delFriend(QString(), jid); }
+int MessageClient::deleteFriend(const QString &jid)
+{
+    return m_library->delFriend(QString(), jid);
+}
 
 int MessageClient::setFriendProperties(const QString &jid, const QString &text)
 {
@@ -342,9 +359,15 @@ bool MessageClient::openMessageStore(const QString &path, bool syncEachCommit)
     return false;
 }
 
-QString MessageClient::lastStoreError() const { return m_library->lastStoreError(); }
+QString MessageClient::lastStoreError() const
+{
+    return m_library->lastStoreError();
+}
 
-QList<StoredConversation> MessageClient::storedConversations() const { return m_library->storedConversations(); }
+QList<StoredConversation> MessageClient::storedConversations() const
+{
+    return m_library->storedConversations();
+}
 
 QList<StoredMessage> MessageClient::storedMessages(const QString &peer, const QString &beforeKey, int limit) const
 {
@@ -361,4 +384,7 @@ int MessageClient::markConversationRead(const QString &peer, bool tellPeer)
     return m_library->markConversationRead(peer, tellPeer);
 }
 
-int MessageClient::storedPendingCount() const { return m_library->storedPendingCount(); }
+int MessageClient::storedPendingCount() const
+{
+    return m_library->storedPendingCount();
+}

@@ -59,8 +59,8 @@ public:
     Q_ENUM(ConnectionState)
 
     /// The device id and name as for Message_lib (empty: kept, composed).
-    explicit MessageClient(const QString &deviceId = QString(), const QString &deviceName = QString(),
-                           QObject *parent = nullptr);
+    explicit MessageClient(
+        const QString &deviceId = QString(), const QString &deviceName = QString(), QObject *parent = nullptr);
     /// Logs out in order when logged in.
     ~MessageClient() override;
 
@@ -86,16 +86,16 @@ public:
     ///@{
 
     /// Message_lib::registerToImServer; the state becomes Connecting.
-    Q_INVOKABLE int login(const QString &host, int port, const QString &user, int securityLevel,
-                          const QString &domain = QString());
+    Q_INVOKABLE int login(
+        const QString &host, int port, const QString &user, int securityLevel, const QString &domain = QString());
     /// Message_lib::unRegisterToImServer; the state becomes Disconnected.
     Q_INVOKABLE int logout();
     /// Message_lib::sendTextMessageTo with BODY_TYPE_DEFAULT.
     Q_INVOKABLE int sendMessage(const QString &to, const QString &text, int secLevel, bool toRoom = false,
-                                const QString &messageKey = QString(), const QString &stamp = QString());
+        const QString &messageKey = QString(), const QString &stamp = QString());
     /// Message_lib::sendTextMessageTo with BODY_TYPE_NOTICE: readable by all.
     Q_INVOKABLE int sendNotice(const QString &to, const QString &text, const QString &messageKey = QString(),
-                               const QString &stamp = QString());
+        const QString &stamp = QString());
     /// Message_lib::sendLocation.
     Q_INVOKABLE int sendLocation(const QString &target, const QString &first, const QString &second);
     /// Message_lib::modifyMessageStatus.
@@ -163,11 +163,11 @@ public:
     QList<StoredConversation> storedConversations() const;
     /// Message_lib::storedMessages: oldest first, the newest ones or those
     /// before the message with key `beforeKey`.
-    QList<StoredMessage> storedMessages(const QString &peer, const QString &beforeKey = QString(),
-                                        int limit = 50) const;
+    QList<StoredMessage> storedMessages(
+        const QString &peer, const QString &beforeKey = QString(), int limit = 50) const;
     /// Message_lib::searchStoredMessages: newest first.
-    QList<StoredMessage> searchStoredMessages(const QString &text, const QString &peer = QString(),
-                                              int limit = 50) const;
+    QList<StoredMessage> searchStoredMessages(
+        const QString &text, const QString &peer = QString(), int limit = 50) const;
     /// Message_lib::markConversationRead.
     Q_INVOKABLE int markConversationRead(const QString &peer, bool tellPeer = false);
     /// Message_lib::storedPendingCount.
@@ -188,7 +188,7 @@ signals:
 
     /// ImEventReciever::onMessageReceive.
     void messageReceived(const QString &from, const QString &to, const QString &body, int bodyType, int msgType,
-                         const QString &messageKey, const QString &stamp, bool readable);
+        const QString &messageKey, const QString &stamp, bool readable);
     /// ImEventReciever::onPresence.
     void presence(const QString &from, const QString &body);
     /// ImEventReciever::onMessageStatusModified.

@@ -64,15 +64,14 @@ std::vector<char> mutableText(const std::string &text)
 
 const char *const MessagePrivate::UNREADABLE_TEXT = "[此消息已加密,您无权阅读]";
 
-MessagePrivate::MessagePrivate(ImEventReciever *im, ImMUCEventReciever *muc, std::string devId,
-                               std::string devName)
+MessagePrivate::MessagePrivate(ImEventReciever *im, ImMUCEventReciever *muc, std::string devId, std::string devName)
     : imReciever(im), mucReciever(muc), roomNotifier(newRoomNotifier())
 {
     deviceId = devId.empty() ? persistedDeviceId() : std::move(devId);
-    deviceName = devName.empty()
-                     ? (QSysInfo::prettyProductName() + QLatin1Char(':') + QSysInfo::currentCpuArchitecture())
-                           .toStdString()
-                     : std::move(devName);
+    deviceName =
+        devName.empty()
+            ? (QSysInfo::prettyProductName() + QLatin1Char(':') + QSysInfo::currentCpuArchitecture()).toStdString()
+            : std::move(devName);
     contactManager = std::make_unique<ContactManager>();
 }
 
@@ -104,20 +103,20 @@ QString MessagePrivate::completeJid(const QString &id) const
     return id.contains(QLatin1Char('@')) ? id : QStringLiteral("%1@%2").arg(id, domain);
 }
 
-int MessagePrivate::registerToServer(QString host, int port, QString user, QString extra1, int level,
-                                     QString loginDomain, QString extra2)
+int MessagePrivate::registerToServer(
+    QString host, int port, QString user, QString extra1, int level, QString loginDomain, QString extra2)
 {
     // The delivery thread of a live connection reads securityLevel: end
     // that connection before the level changes.
     if (pushClient != nullptr)
         disconnectToIMServer();
     securityLevel = level;
-    return registerToIMServer(std::move(host), port, std::move(user), std::move(extra1), std::move(loginDomain),
-                              std::move(extra2));
+    return registerToIMServer(
+        std::move(host), port, std::move(user), std::move(extra1), std::move(loginDomain), std::move(extra2));
 }
 
-int MessagePrivate::registerToIMServer(QString host, int port, QString user, QString extra1, QString loginDomain,
-                                       QString extra2)
+int MessagePrivate::registerToIMServer(
+    QString host, int port, QString user, QString extra1, QString loginDomain, QString extra2)
 {
     Q_UNUSED(extra1)
     Q_UNUSED(extra2)
@@ -157,8 +156,8 @@ int MessagePrivate::registerToIMServer(QString host, int port, QString user, QSt
     reloadUnsent(); // what the last run did not see acknowledged goes first
     pushClient->start_connect(host.toUtf8().constData(), port, PUSH_KEEPALIVE_SECONDS);
 
-    PUSHCHAT_ENGINE_LOG("registerToServer") << "MessagePrivate::registerToServer connecting to " << host << ":"
-                                            << port << " userid:" << user;
+    PUSHCHAT_ENGINE_LOG("registerToServer")
+        << "MessagePrivate::registerToServer connecting to " << host << ":" << port << " userid:" << user;
     return 1;
 }
 
@@ -248,13 +247,11 @@ void MessagePrivate::messgeRecievedMore(int mid, char *topic, void *payload, int
         // Notices are for everyone: no command chain, no security check.
         if (!msg.parseMessage(text) && msg.oversized)
             return dropOversized(topic, "envelope", InputLimits::ENVELOPE_BYTES);
-        PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << msg.from.c_str() << " msg:"
-                                                  << msg.to.c_str();
+        PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << msg.from.c_str() << " msg:" << msg.to.c_str();
         if (imReciever != nullptr)
             imReciever->onMessageReceive(QString::fromStdString(msg.from), QString::fromStdString(msg.to),
-                                         QString::fromStdString(msg.body), msg.bodyType, msg.msgType,
-                                         QString::fromStdString(msg.messageKey),
-                                         QString::fromStdString(msg.stamp), true);
+                QString::fromStdString(msg.body), msg.bodyType, msg.msgType, QString::fromStdString(msg.messageKey),
+                QString::fromStdString(msg.stamp), true);
         return;
     }
     if (msg.fromTopic(topic, text) && (msg.protocol.code == MESSAGE || msg.protocol.code == SYSTEM))
@@ -273,10 +270,8 @@ MQTTMessage *MessagePrivate::createPresenseMsg(MESSAGE_PRESENCE_TYPE type, std::
 
     auto *msg = new MQTTMessage(pushClient, true);
     msg->setSysProtocol(serverJidText().c_str(), 2, MESSAGE_INFO, MESSAGE_PRESENCE);
-    msg->fromText(QString::fromStdString(jid), serverJid(),
-                  CompactJson::text(body),
-                  MediaInfo::MESSAGE_TYPE_SYSTEM, SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(),
-                  QString());
+    msg->fromText(QString::fromStdString(jid), serverJid(), CompactJson::text(body), MediaInfo::MESSAGE_TYPE_SYSTEM,
+        SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString());
     return msg;
 }
 
@@ -287,8 +282,8 @@ int MessagePrivate::send_online_state(MESSAGE_PRESENCE_TYPE type, std::string te
     return 1;
 }
 
-bool MessagePrivate::sendCommand(const QString &topicJid, const QString &to, int family, int command,
-                                 const QString &body)
+bool MessagePrivate::sendCommand(
+    const QString &topicJid, const QString &to, int family, int command, const QString &body)
 {
     MQTTMessage msg(pushClient, true);
     // A chain that cannot be built would leave the message on some other
@@ -296,7 +291,7 @@ bool MessagePrivate::sendCommand(const QString &topicJid, const QString &to, int
     if (!msg.setSysProtocol(topicJid.toUtf8().constData(), 2, family, command))
         return false;
     if (!msg.fromText(QString::fromStdString(jid), to, body, MediaInfo::MESSAGE_TYPE_SYSTEM,
-                      SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString()))
+            SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString()))
         return false;
     return msg.send(kCommandQos);
 }
@@ -449,8 +444,8 @@ int MessagePrivate::disconnectToIMServer()
 void MessagePrivate::delayedSyncMessage(std::string topic, std::string data)
 {
     std::this_thread::sleep_for(std::chrono::seconds(5));
-    PUSHCHAT_ENGINE_LOG("delayedSyncMessage") << "delayedSyncMessage,topic:" << topic.c_str()
-                                              << "data:" << data.c_str();
+    PUSHCHAT_ENGINE_LOG("delayedSyncMessage")
+        << "delayedSyncMessage,topic:" << topic.c_str() << "data:" << data.c_str();
     if (pushClient != nullptr && !closing)
         pushClient->publish(topic.c_str(), data.c_str(), 0, false);
 }

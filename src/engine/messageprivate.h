@@ -79,14 +79,13 @@ public:
     /// Stores the security level, then logs in. Returns 1, or 0 when the
     /// user id or domain fails the JID check (nothing sent; see
     /// lastConnectionErrorText).
-    int registerToServer(QString host, int port, QString userId, QString extra1, int securityLevel,
-                         QString domain, QString extra2);
+    int registerToServer(
+        QString host, int port, QString userId, QString extra1, int securityLevel, QString domain, QString extra2);
     /// Logs in: creates the push client (an existing connection is closed
     /// first, in order), sets the will, starts connecting. Returns 1; the
     /// outcome arrives as connectStatus. 0 for a user id or domain that
     /// fails the JID check.
-    int registerToIMServer(QString host, int port, QString userId, QString extra1, QString domain,
-                           QString extra2);
+    int registerToIMServer(QString host, int port, QString userId, QString extra1, QString domain, QString extra2);
     /// Orderly logout: "APP_QUIT", unsubscriptions, push client released.
     int disconnectToIMServer();
 
@@ -104,7 +103,7 @@ public:
     /// notice topic). A recipient without "@" is completed with the domain.
     /// The first argument is not used: the sender is the logged-in user.
     int sendTextMessageTo(QString ignored, QString to, int secLevel, QString text, MESSAGE_BODY_TYPE bodyType,
-                          bool toRoom, QString messageKey, QString stamp);
+        bool toRoom, QString messageKey, QString stamp);
     /// Publishes "first:second" as raw text on "LOCATION/" + target, QoS 0.
     /// 1 when published, 0 otherwise (not logged in, or refused).
     int sendLocation(QString target, QString first, QString second);
@@ -325,8 +324,8 @@ private:
     QString memberJidOf(const QString &roomId, const QString &memberId) const;
     bool sendRoomCommand(int command, Room &room);
     // The store (storedmessages.cpp).
-    int sendStored(const QString &target, int secLevel, const QString &body, MESSAGE_BODY_TYPE bodyType,
-                   bool toRoom, const QString &messageKey, const QString &stamp);
+    int sendStored(const QString &target, int secLevel, const QString &body, MESSAGE_BODY_TYPE bodyType, bool toRoom,
+        const QString &messageKey, const QString &stamp);
     void handOverStored();
     void reloadUnsent();
     /// False when the message's key is already stored (not to be delivered).
@@ -356,9 +355,9 @@ private:
     int securityLevel = 0;
     std::string deviceId;
     std::string deviceName;
-    QString configuredServerJid; // empty: "server@" + domain
-    QString effectiveServerJid;  // fixed at login
-    QString httpHistoryBase;     // empty: "http://" + serverHost + ":5201"
+    QString configuredServerJid;                 // empty: "server@" + domain
+    QString effectiveServerJid;                  // fixed at login
+    QString httpHistoryBase;                     // empty: "http://" + serverHost + ":5201"
     std::atomic<int> httpHistoryDeadlineMs{ 0 }; // 0: HttpSyncTask's default
     // Runs the room callbacks off the delivery thread, on a few threads at
     // most. Finished (every accepted event delivered, every thread joined)

@@ -11,8 +11,7 @@ namespace {
 // What a view shows of a conversation is the same.
 bool same(const StoredConversation &a, const StoredConversation &b)
 {
-    return a.unread == b.unread && a.last.id == b.last.id && a.last.state == b.last.state &&
-           a.last.time == b.last.time;
+    return a.unread == b.unread && a.last.id == b.last.id && a.last.state == b.last.state && a.last.time == b.last.time;
 }
 
 } // namespace
@@ -128,13 +127,7 @@ QVariant StoredConversationModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> StoredConversationModel::roleNames() const
 {
-    return {{PeerRole, "peer"},
-            {RoomRole, "room"},
-            {LastTextRole, "lastText"},
-            {LastTimeRole, "lastTime"},
-            {LastSenderRole, "lastSender"},
-            {LastOutgoingRole, "lastOutgoing"},
-            {LastStateRole, "lastState"},
-            {UnreadRole, "unread"},
-            {Qt::DisplayRole, "display"}};
+    return { { PeerRole, "peer" }, { RoomRole, "room" }, { LastTextRole, "lastText" }, { LastTimeRole, "lastTime" },
+        { LastSenderRole, "lastSender" }, { LastOutgoingRole, "lastOutgoing" }, { LastStateRole, "lastState" },
+        { UnreadRole, "unread" }, { Qt::DisplayRole, "display" } };
 }

@@ -136,15 +136,7 @@ QVariant StoredMessageModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> StoredMessageModel::roleNames() const
 {
-    return {{IdRole, "id"},
-            {KeyRole, "key"},
-            {SenderRole, "sender"},
-            {BodyRole, "body"},
-            {TimeRole, "time"},
-            {StampRole, "stamp"},
-            {OutgoingRole, "outgoing"},
-            {StateRole, "state"},
-            {BodyTypeRole, "bodyType"},
-            {SecurityLevelRole, "securityLevel"},
-            {Qt::DisplayRole, "display"}};
+    return { { IdRole, "id" }, { KeyRole, "key" }, { SenderRole, "sender" }, { BodyRole, "body" }, { TimeRole, "time" },
+        { StampRole, "stamp" }, { OutgoingRole, "outgoing" }, { StateRole, "state" }, { BodyTypeRole, "bodyType" },
+        { SecurityLevelRole, "securityLevel" }, { Qt::DisplayRole, "display" } };
 }

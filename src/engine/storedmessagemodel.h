@@ -54,8 +54,8 @@ public:
 
     /// The conversation with `peer` in `client`'s store, loaded `pageSize`
     /// messages at a time (at least 1).
-    explicit StoredMessageModel(MessageClient *client, const QString &peer = QString(), int pageSize = 50,
-                                QObject *parent = nullptr);
+    explicit StoredMessageModel(
+        MessageClient *client, const QString &peer = QString(), int pageSize = 50, QObject *parent = nullptr);
 
     /// The conversation's peer: a user's or a room's JID.
     QString peer() const { return m_peer; }

@@ -50,7 +50,7 @@ void MessagePrivate::setStoreError(const QString &error)
 }
 
 int MessagePrivate::sendStored(const QString &target, int secLevel, const QString &body, MESSAGE_BODY_TYPE bodyType,
-                               bool toRoom, const QString &messageKey, const QString &stamp)
+    bool toRoom, const QString &messageKey, const QString &stamp)
 {
     if (pushClient == nullptr || closing) {
         setStoreError(QStringLiteral("message not sent: not logged in"));
@@ -111,7 +111,7 @@ void MessagePrivate::handOverStored()
         MQTTMessage msg(pushClient, true);
         msg.setSysProtocol(m.conversation.toUtf8().constData(), 2, MESSAGE_INFO, MESSAGE_NORMAL);
         if (msg.fromText(QString::fromStdString(jid), m.conversation, m.body, MediaInfo::MessageType(m.messageType),
-                         m.securityLevel, MESSAGE_BODY_TYPE(m.bodyType), m.key, m.stamp)) {
+                m.securityLevel, MESSAGE_BODY_TYPE(m.bodyType), m.key, m.stamp)) {
             const std::string &topic = notice ? std::string(NOTICE_TOPIC) : msg.protocol.topic;
             const int rc = pushClient->publish(topic.c_str(), msg.payload.c_str(), 2, false, std::uint64_t(m.id));
             if (rc == int(PushResult::OutboxFull))
@@ -233,8 +233,7 @@ void MessagePrivate::recordHistory(const std::string &body)
     {
         std::lock_guard<std::mutex> lock(outboxMutex);
         next = answer.value(QLatin1String("more")).toBool() && !last.isEmpty() &&
-               answer.value(QLatin1String("msg_uuid")).toString() == catchUpAnchor &&
-               ++catchUpPages < kMaxCatchUpPages;
+               answer.value(QLatin1String("msg_uuid")).toString() == catchUpAnchor && ++catchUpPages < kMaxCatchUpPages;
         if (next)
             catchUpAnchor = last;
     }

@@ -75,13 +75,27 @@ bool appendEscaped(QByteArray &out, const char *s, int n)
         run = ++i;
         out.append('\\');
         switch (c) {
-        case '"': out.append('"'); break;
-        case '\\': out.append('\\'); break;
-        case '\b': out.append('b'); break;
-        case '\f': out.append('f'); break;
-        case '\n': out.append('n'); break;
-        case '\r': out.append('r'); break;
-        case '\t': out.append('t'); break;
+        case '"':
+            out.append('"');
+            break;
+        case '\\':
+            out.append('\\');
+            break;
+        case '\b':
+            out.append('b');
+            break;
+        case '\f':
+            out.append('f');
+            break;
+        case '\n':
+            out.append('n');
+            break;
+        case '\r':
+            out.append('r');
+            break;
+        case '\t':
+            out.append('t');
+            break;
         default: {
             const char esc[] = { 'u', '0', '0', hexDigit(c >> 4), hexDigit(c & 0xF) };
             out.append(esc, int(sizeof(esc)));
@@ -142,8 +156,8 @@ int CompactJson::plainPrefix(const char *data, int size)
         // 0x20, '"' or '\\'; the lowest flagged byte is always a true one
         // (the subtractions only borrow upwards from a flagged byte).
         const quint64 quote = w ^ (ones * '"'), backslash = w ^ (ones * '\\');
-        const quint64 flags = (w | ((w - ones * 0x20) & ~w) | ((quote - ones) & ~quote) |
-                               ((backslash - ones) & ~backslash)) & highs;
+        const quint64 flags =
+            (w | ((w - ones * 0x20) & ~w) | ((quote - ones) & ~quote) | ((backslash - ones) & ~backslash)) & highs;
         if (flags != 0)
             return i + int(qCountTrailingZeroBits(flags) / 8);
     }

@@ -15,7 +15,18 @@
 namespace {
 
 // The keys in the order Qt writes them (sorted); the index is the key's rank.
-enum Key { KeyB, KeyBt, KeyF, KeyK, KeyP, KeyS, KeySt, KeyT, KeyV, KeyNone };
+enum Key {
+    KeyB,
+    KeyBt,
+    KeyF,
+    KeyK,
+    KeyP,
+    KeyS,
+    KeySt,
+    KeyT,
+    KeyV,
+    KeyNone
+};
 
 // Reads a key name at json[pos] (after its opening quote) up to the closing
 // quote; only our nine plain names are known.
@@ -34,14 +45,22 @@ Key readKey(const char *s, std::size_t n, std::size_t &pos)
     const char a = s[start], b = len == 2 ? s[start + 1] : '\0';
     if (len == 1) {
         switch (a) {
-        case 'b': return KeyB;
-        case 'f': return KeyF;
-        case 'k': return KeyK;
-        case 'p': return KeyP;
-        case 's': return KeyS;
-        case 't': return KeyT;
-        case 'v': return KeyV;
-        default: return KeyNone;
+        case 'b':
+            return KeyB;
+        case 'f':
+            return KeyF;
+        case 'k':
+            return KeyK;
+        case 'p':
+            return KeyP;
+        case 's':
+            return KeyS;
+        case 't':
+            return KeyT;
+        case 'v':
+            return KeyV;
+        default:
+            return KeyNone;
         }
     }
     if (len == 2 && a == 'b' && b == 't')
@@ -111,14 +130,30 @@ bool readString(const char *s, std::size_t n, std::size_t &pos, std::string &out
         const char e = s[pos + 1];
         pos += 2;
         switch (e) {
-        case '"': out += '"'; break;
-        case '\\': out += '\\'; break;
-        case '/': out += '/'; break;
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        case 't': out += '\t'; break;
+        case '"':
+            out += '"';
+            break;
+        case '\\':
+            out += '\\';
+            break;
+        case '/':
+            out += '/';
+            break;
+        case 'b':
+            out += '\b';
+            break;
+        case 'f':
+            out += '\f';
+            break;
+        case 'n':
+            out += '\n';
+            break;
+        case 'r':
+            out += '\r';
+            break;
+        case 't':
+            out += '\t';
+            break;
         case 'u': {
             unsigned int unit = 0;
             if (!JsonHex::readUnit(s, n, pos, unit))
@@ -201,16 +236,35 @@ bool EnvelopeReader::readCompact(const char *s, std::size_t n, Fields &out)
         ++pos;
         bool ok = false;
         switch (key) {
-        case KeyB: ok = readString(s, n, pos, out.body); break;
-        case KeyF: ok = readString(s, n, pos, out.from); break;
-        case KeyK: ok = readString(s, n, pos, out.messageKey); break;
-        case KeyP: ok = readString(s, n, pos, out.p); break;
-        case KeySt: ok = readString(s, n, pos, out.stamp); break;
-        case KeyT: ok = readString(s, n, pos, out.to); break;
-        case KeyBt: ok = readInt(s, n, pos, out.bodyType); break;
-        case KeyS: ok = readInt(s, n, pos, out.secLevel); break;
-        case KeyV: ok = readInt(s, n, pos, out.msgType); break;
-        case KeyNone: break;
+        case KeyB:
+            ok = readString(s, n, pos, out.body);
+            break;
+        case KeyF:
+            ok = readString(s, n, pos, out.from);
+            break;
+        case KeyK:
+            ok = readString(s, n, pos, out.messageKey);
+            break;
+        case KeyP:
+            ok = readString(s, n, pos, out.p);
+            break;
+        case KeySt:
+            ok = readString(s, n, pos, out.stamp);
+            break;
+        case KeyT:
+            ok = readString(s, n, pos, out.to);
+            break;
+        case KeyBt:
+            ok = readInt(s, n, pos, out.bodyType);
+            break;
+        case KeyS:
+            ok = readInt(s, n, pos, out.secLevel);
+            break;
+        case KeyV:
+            ok = readInt(s, n, pos, out.msgType);
+            break;
+        case KeyNone:
+            break;
         }
         if (!ok || pos >= n)
             return false;

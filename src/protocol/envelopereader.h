@@ -20,22 +20,20 @@
 #include <cstddef>
 #include <string>
 
-class EnvelopeReader
-{
+class EnvelopeReader {
 public:
     /// The envelope's fields as read; a key that is missing or has another
     /// type reads as the default shown.
-    struct Fields
-    {
-        std::string messageKey;  // "k"
-        std::string p;           // "p"
-        std::string from;        // "f"
-        std::string to;          // "t"
-        std::string body;        // "b": string, or an object as indented JSON
-        std::string stamp;       // "st"
-        int secLevel = defaultSecLevel;  // "s"
-        int bodyType = defaultBodyType;  // "bt"
-        int msgType = defaultMsgType;    // "v"
+    struct Fields {
+        std::string messageKey;         // "k"
+        std::string p;                  // "p"
+        std::string from;               // "f"
+        std::string to;                 // "t"
+        std::string body;               // "b": string, or an object as indented JSON
+        std::string stamp;              // "st"
+        int secLevel = defaultSecLevel; // "s"
+        int bodyType = defaultBodyType; // "bt"
+        int msgType = defaultMsgType;   // "v"
 
         static constexpr int defaultSecLevel = 9999;
         static constexpr int defaultBodyType = 0;

@@ -61,14 +61,22 @@ Jid::Problem Jid::checkPart(const QString &part)
 const char *Jid::describe(Problem problem)
 {
     switch (problem) {
-    case Problem::None: return "";
-    case Problem::Empty: return "is empty";
-    case Problem::TooLong: return "is longer than 256 bytes";
-    case Problem::NotUtf8: return "is not valid UTF-8";
-    case Problem::ControlCharacter: return "holds a control character";
-    case Problem::Wildcard: return "holds an MQTT wildcard ('+' or '#')";
-    case Problem::LevelSeparator: return "holds '/'";
-    case Problem::At: return "holds '@'";
+    case Problem::None:
+        return "";
+    case Problem::Empty:
+        return "is empty";
+    case Problem::TooLong:
+        return "is longer than 256 bytes";
+    case Problem::NotUtf8:
+        return "is not valid UTF-8";
+    case Problem::ControlCharacter:
+        return "holds a control character";
+    case Problem::Wildcard:
+        return "holds an MQTT wildcard ('+' or '#')";
+    case Problem::LevelSeparator:
+        return "holds '/'";
+    case Problem::At:
+        return "holds '@'";
     }
     return "is not valid";
 }

@@ -18,14 +18,13 @@
 // Stateless; any thread. Applications may use it to check a value before
 // they pass it to the library (the command-line client does).
 
-#include <pushchat/pushchat_export.h>
 #include <QString>
+#include <pushchat/pushchat_export.h>
 
 #include <string_view>
 
 /// Validates JIDs, user ids and domains before they reach a topic.
-class PUSHCHAT_EXPORT Jid
-{
+class PUSHCHAT_EXPORT Jid {
 public:
     /// Longest JID, user id or domain, in UTF-8 bytes.
     static constexpr int MAX_BYTES = 256;

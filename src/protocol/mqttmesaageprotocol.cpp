@@ -12,8 +12,8 @@ constexpr unsigned int kMaxMatchCodes = 5;
 
 // The recursive matcher. Topics are byte strings: captures are views into
 // the text being parsed, and a JID keeps the bytes it had in the topic.
-bool parseLevel(MqttMesaageProtocol &self, const ProtocolHead *table, std::string_view text,
-                ProtocolHead **out, unsigned int first, unsigned int last)
+bool parseLevel(MqttMesaageProtocol &self, const ProtocolHead *table, std::string_view text, ProtocolHead **out,
+    unsigned int first, unsigned int last)
 {
     PatternCaptures captures;
     for (unsigned int i = first; i <= last; ++i) {
@@ -55,8 +55,7 @@ bool parseLevel(MqttMesaageProtocol &self, const ProtocolHead *table, std::strin
 
 } // namespace
 
-MqttMesaageProtocol::MqttMesaageProtocol(const char *topicText)
-    : ProtocolHead{}, valid(false)
+MqttMesaageProtocol::MqttMesaageProtocol(const char *topicText) : ProtocolHead{}, valid(false)
 {
     if (topicText != nullptr)
         fromTopic(topicText);
@@ -88,8 +87,8 @@ bool MqttMesaageProtocol::fromTopic(const char *topicText)
     return valid;
 }
 
-bool MqttMesaageProtocol::parseTopic(const ProtocolHead *table, const char *text, ProtocolHead **out,
-                                     unsigned int first, unsigned int last)
+bool MqttMesaageProtocol::parseTopic(
+    const ProtocolHead *table, const char *text, ProtocolHead **out, unsigned int first, unsigned int last)
 {
     if (table == nullptr || text == nullptr || out == nullptr)
         return false;
@@ -160,8 +159,7 @@ bool MqttMesaageProtocol::parseMesageTopic(const char *topicText)
 bool MqttMesaageProtocol::parseSystemTopic(const char *topicText)
 {
     const QString text = QString::fromLatin1(topicText != nullptr ? topicText : "");
-    QRegExp longForm(QStringLiteral("m/(([\\s\\S]*)@([\\s\\S]*))/([\\s\\S]*)/"), Qt::CaseSensitive,
-                     QRegExp::RegExp);
+    QRegExp longForm(QStringLiteral("m/(([\\s\\S]*)@([\\s\\S]*))/([\\s\\S]*)/"), Qt::CaseSensitive, QRegExp::RegExp);
     return longForm.indexIn(text) != -1;
 }
 

@@ -138,8 +138,8 @@ public:
     bool fromTopic(const char *topic);
     /// Matches `text` against rows first..last of `table`, building the
     /// chain in `*out`. True when `*out` then holds a node of non-zero code.
-    bool parseTopic(const ProtocolHead *table, const char *text, ProtocolHead **out,
-                    unsigned int first, unsigned int last);
+    bool parseTopic(
+        const ProtocolHead *table, const char *text, ProtocolHead **out, unsigned int first, unsigned int last);
     /// Frees `node` and every node after it; nothing for null.
     static void deleteProtocol(ProtocolHead *node);
 

@@ -46,8 +46,7 @@ MQTTMessage::MQTTMessage(PushClient *client, bool encrypt)
 MQTTMessage::~MQTTMessage() = default;
 
 bool MQTTMessage::fromText(const QString &fromJid, const QString &toJid, const QString &text,
-                           MediaInfo::MessageType type, int level, MESSAGE_BODY_TYPE kind,
-                           const QString &key, const QString &stampText)
+    MediaInfo::MessageType type, int level, MESSAGE_BODY_TYPE kind, const QString &key, const QString &stampText)
 {
     PUSHCHAT_PROTOCOL_TRACE("fromText") << "from " << fromJid << " to " << toJid;
     if (protocol.code == 0)
@@ -57,7 +56,7 @@ bool MQTTMessage::fromText(const QString &fromJid, const QString &toJid, const Q
 }
 
 bool MQTTMessage::encText(QString fromJid, QString toJid, QString text, MediaInfo::MessageType type,
-                          MESSAGE_BODY_TYPE kind, QString key, QString stampText, int level)
+    MESSAGE_BODY_TYPE kind, QString key, QString stampText, int level)
 {
     from = fromJid.toStdString();
     to = toJid.toStdString();

@@ -30,22 +30,22 @@ class PushClient;
 
 class MQTTMessage {
 public:
-    std::string messageKey; ///< "k": passed through to the receiver
-    std::string p;          ///< "p": always sent empty
-    std::string from;       ///< "f": sender's JID
-    std::string to;         ///< "t": addressee's JID
-    std::string body;       ///< "b": text, or a command's JSON
-    int secLevel;           ///< "s": security level (9999: anyone may read)
-    int bodyType;           ///< "bt": MESSAGE_BODY_TYPE
-    int msgType;            ///< "v": MediaInfo::MessageType
-    std::string stamp;      ///< "st": passed through to the receiver
-    std::string topicText;  ///< topic as received, or as built by fromText
-    std::string payload;    ///< outgoing payload built by encText
+    std::string messageKey;       ///< "k": passed through to the receiver
+    std::string p;                ///< "p": always sent empty
+    std::string from;             ///< "f": sender's JID
+    std::string to;               ///< "t": addressee's JID
+    std::string body;             ///< "b": text, or a command's JSON
+    int secLevel;                 ///< "s": security level (9999: anyone may read)
+    int bodyType;                 ///< "bt": MESSAGE_BODY_TYPE
+    int msgType;                  ///< "v": MediaInfo::MessageType
+    std::string stamp;            ///< "st": passed through to the receiver
+    std::string topicText;        ///< topic as received, or as built by fromText
+    std::string payload;          ///< outgoing payload built by encText
     MqttMesaageProtocol protocol; ///< topic, command chain and JID
-    bool parsedOk;          ///< outcome of the last fromTopic
-    bool encrypted;         ///< out: encipher the JSON; in: it was enciphered
-    bool oversized = false; ///< in: the payload or its envelope passed its limit (inputlimits.h)
-    PushClient *pushClient; ///< connection used by send; not owned
+    bool parsedOk;                ///< outcome of the last fromTopic
+    bool encrypted;               ///< out: encipher the JSON; in: it was enciphered
+    bool oversized = false;       ///< in: the payload or its envelope passed its limit (inputlimits.h)
+    PushClient *pushClient;       ///< connection used by send; not owned
 
     MQTTMessage(PushClient *client, bool encrypt);
     ~MQTTMessage();
@@ -60,11 +60,10 @@ public:
     /// command topic goes to the plain message topic of `to`. False, and
     /// no payload, when the envelope would be longer than a receiver takes
     /// (InputLimits::ENVELOPE_BYTES).
-    bool fromText(const QString &from, const QString &to, const QString &body,
-                  MediaInfo::MessageType msgType, int secLevel, MESSAGE_BODY_TYPE bodyType,
-                  const QString &messageKey, const QString &stamp);
-    bool encText(QString from, QString to, QString body, MediaInfo::MessageType msgType,
-                 MESSAGE_BODY_TYPE bodyType, QString messageKey, QString stamp, int secLevel);
+    bool fromText(const QString &from, const QString &to, const QString &body, MediaInfo::MessageType msgType,
+        int secLevel, MESSAGE_BODY_TYPE bodyType, const QString &messageKey, const QString &stamp);
+    bool encText(QString from, QString to, QString body, MediaInfo::MessageType msgType, MESSAGE_BODY_TYPE bodyType,
+        QString messageKey, QString stamp, int secLevel);
     /// Publishes the payload on the topic at `qos`; true when published.
     bool send(int qos);
 

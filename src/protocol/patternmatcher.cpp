@@ -25,10 +25,9 @@ const PatternMatcher::Compiled *PatternMatcher::grammarPattern(const char *patte
 {
     static const std::unordered_map<const char *, Compiled> grammar = [] {
         std::unordered_map<const char *, Compiled> table;
-        for (const ProtocolHead *rows :
-             { protocolHeadALL, messageSubHead, groupCMDProtocolHead, groupInfoProtocolHead,
-               friendSubCmdProtocolHead, friendSubInfoProtocolHead, remoteDesktopSubCmdProtocolHead,
-               remoteDesktopSubInfoProtocolHead, HistorySubCmdProtocolHead, HistorySubInfoHead }) {
+        for (const ProtocolHead *rows : { protocolHeadALL, messageSubHead, groupCMDProtocolHead, groupInfoProtocolHead,
+                 friendSubCmdProtocolHead, friendSubInfoProtocolHead, remoteDesktopSubCmdProtocolHead,
+                 remoteDesktopSubInfoProtocolHead, HistorySubCmdProtocolHead, HistorySubInfoHead }) {
             for (int i = 0; i <= rows[0].code; ++i) {
                 Compiled c = compile(rows[i].pattern);
                 if (c.shaped) // only stateless matchers may be shared between threads
@@ -84,7 +83,7 @@ PatternMatcher::Compiled PatternMatcher::compile(const char *pattern)
     if (!c.shaped) {
         c.groups.clear();
         c.fallback = QRegExp(QStringLiteral("^(?:") + QString::fromLatin1(pattern) + QLatin1Char(')'),
-                             Qt::CaseSensitive, QRegExp::RegExp);
+            Qt::CaseSensitive, QRegExp::RegExp);
     }
     return c;
 }
@@ -103,7 +102,7 @@ PatternMatcher::Compiled &PatternMatcher::compiled(const char *pattern)
 // the search stops there; every other failure leaves at most a few spans to
 // try, so the cost stays linear in the subject.
 bool PatternMatcher::matchGroups(const std::vector<Group> &groups, std::string_view text, std::size_t pos,
-                                 std::size_t index, std::vector<std::string_view> &out)
+    std::size_t index, std::vector<std::string_view> &out)
 {
     const Group &g = groups[index];
     if (index + 1 == groups.size()) {

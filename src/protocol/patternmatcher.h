@@ -54,8 +54,8 @@ private:
     Compiled &compiled(const char *pattern);
     static Compiled compile(const char *pattern);
     static bool matchShaped(const Compiled &c, std::string_view subject, PatternCaptures &captures);
-    static bool matchGroups(const std::vector<Group> &groups, std::string_view text, std::size_t pos,
-                            std::size_t index, std::vector<std::string_view> &out);
+    static bool matchGroups(const std::vector<Group> &groups, std::string_view text, std::size_t pos, std::size_t index,
+        std::vector<std::string_view> &out);
 
     std::unordered_map<const char *, Compiled> cache_;
 };

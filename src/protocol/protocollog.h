@@ -11,7 +11,6 @@
 
 Q_DECLARE_LOGGING_CATEGORY(lcProtocol)
 
-#define PUSHCHAT_PROTOCOL_TRACE(op) \
-    qCDebug(lcProtocol).noquote().nospace() << "[" << op << ": " << __LINE__ << "] "
+#define PUSHCHAT_PROTOCOL_TRACE(op) qCDebug(lcProtocol).noquote().nospace() << "[" << op << ": " << __LINE__ << "] "
 
 #endif // PUSHCHAT_PROTOCOLLOG_H

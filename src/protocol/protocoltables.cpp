@@ -8,7 +8,10 @@
 
 #define ANY "([\\s\\S]*)"
 #define JID "([\\s\\S]*@[\\s\\S]*)"
-#define NO_SUB { nullptr, nullptr, nullptr, nullptr, nullptr }
+#define NO_SUB                                                                                                         \
+    {                                                                                                                  \
+        nullptr, nullptr, nullptr, nullptr, nullptr                                                                    \
+    }
 
 const ProtocolHead messageSubHead[5] = {
     { 4, "MESSAGE_SUB_MAX", "xx", 0, NO_SUB, nullptr },
@@ -80,8 +83,14 @@ const ProtocolHead HistorySubInfoHead[4] = {
     { HistorySubInfo_Converstaion_Detail, "HistorySubInfo_Converstaion_Detail", "vd", 0, NO_SUB, nullptr },
 };
 
-#define SUB1(t) { t, nullptr, nullptr, nullptr, nullptr }
-#define SUB2(t, u) { t, u, nullptr, nullptr, nullptr }
+#define SUB1(t)                                                                                                        \
+    {                                                                                                                  \
+        t, nullptr, nullptr, nullptr, nullptr                                                                          \
+    }
+#define SUB2(t, u)                                                                                                     \
+    {                                                                                                                  \
+        t, u, nullptr, nullptr, nullptr                                                                                \
+    }
 
 const ProtocolHead protocolHeadALL[14] = {
     { 13, "Protocol_MAX", "xx", 0, NO_SUB, nullptr },
@@ -89,16 +98,15 @@ const ProtocolHead protocolHeadALL[14] = {
     { MESSAGE_INFO, "MESSAGE_INFO", "m/i/" JID "/" ANY, 2, SUB1(messageSubHead), nullptr },
     { SYSTEM, "SYSTEM", "s/" ANY, 0, NO_SUB, nullptr },
     { GroupCMD, "GroupCMD", "s/g/c/" JID "/" ANY, 2, SUB1(groupCMDProtocolHead), nullptr },
-    { GroupINFO, "GroupINFO", "s/g/i/" JID "/" ANY "/" ANY, 3,
-      SUB2(groupInfoProtocolHead, groupCMDProtocolHead), nullptr },
+    { GroupINFO, "GroupINFO", "s/g/i/" JID "/" ANY "/" ANY, 3, SUB2(groupInfoProtocolHead, groupCMDProtocolHead),
+        nullptr },
     { ConferenceCMD, "ConferenceCMD", "s/c/c/" JID "/" ANY, 2, NO_SUB, nullptr },
     { ConferenceINFO, "ConferenceINFO", "s/c/i/" JID "/" ANY, 2, NO_SUB, nullptr },
     { FriendCMD, "FriendCMD", "s/f/c/" JID "/" ANY, 2, SUB1(friendSubCmdProtocolHead), nullptr },
     { FriendInfo, "FriendInfo", "s/f/i/" JID "/" ANY, 2, SUB1(friendSubInfoProtocolHead), nullptr },
-    { RemoteDesktopCMD, "RemoteDesktopCMD", "s/r/c/" JID "/" ANY, 2,
-      SUB1(remoteDesktopSubCmdProtocolHead), nullptr },
-    { RemoteDesktopINFO, "RemoteDesktopINFO", "s/r/i/" JID "/" ANY, 2,
-      SUB1(remoteDesktopSubInfoProtocolHead), nullptr },
+    { RemoteDesktopCMD, "RemoteDesktopCMD", "s/r/c/" JID "/" ANY, 2, SUB1(remoteDesktopSubCmdProtocolHead), nullptr },
+    { RemoteDesktopINFO, "RemoteDesktopINFO", "s/r/i/" JID "/" ANY, 2, SUB1(remoteDesktopSubInfoProtocolHead),
+        nullptr },
     { HistoryCMD, "HistoryCMD", "s/h/c/" JID "/" ANY, 2, SUB1(HistorySubCmdProtocolHead), nullptr },
     { HistoryINFO, "HistoryINFO", "s/h/i/" JID "/" ANY, 2, SUB1(HistorySubInfoHead), nullptr },
 };

@@ -19,8 +19,16 @@ namespace {
 constexpr const char *kPlaceholder = "<jid>";
 
 constexpr const char *kReceiveTemplates[] = {
-    "m/i/<jid>/#", "s/g/i/<jid>/#", "s/g/c/<jid>/#", "s/c/c/<jid>/#", "s/c/i/<jid>/#",
-    "s/f/c/<jid>/#", "s/f/i/<jid>/#", "s/r/c/<jid>/#", "s/r/i/<jid>/#", "s/h/i/<jid>/#",
+    "m/i/<jid>/#",
+    "s/g/i/<jid>/#",
+    "s/g/c/<jid>/#",
+    "s/c/c/<jid>/#",
+    "s/c/i/<jid>/#",
+    "s/f/c/<jid>/#",
+    "s/f/i/<jid>/#",
+    "s/r/c/<jid>/#",
+    "s/r/i/<jid>/#",
+    "s/h/i/<jid>/#",
 };
 constexpr const char *kNoticeSubscription = "m/ntc/#";
 constexpr const char *kSendToTemplate = "m/i/<jid>/#";

@@ -3,12 +3,9 @@
 #include <algorithm>
 
 PushBackoff::PushBackoff(std::chrono::milliseconds minimum, std::chrono::milliseconds maximum)
-    : minimum_(std::max(minimum, std::chrono::milliseconds(1))),
-      maximum_(std::max(maximum, minimum_)),
-      current_(minimum_),
-      random_(std::random_device{}())
-{
-}
+    : minimum_(std::max(minimum, std::chrono::milliseconds(1))), maximum_(std::max(maximum, minimum_)),
+      current_(minimum_), random_(std::random_device{}())
+{ }
 
 std::chrono::milliseconds PushBackoff::next()
 {

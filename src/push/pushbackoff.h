@@ -8,8 +8,7 @@
 // after every attempt up to the maximum, and each delay is drawn at random
 // between half its value and its value, so clients cut off together spread
 // out. reset() goes back to the minimum.
-class PushBackoff
-{
+class PushBackoff {
 public:
     PushBackoff(std::chrono::milliseconds minimum, std::chrono::milliseconds maximum);
 

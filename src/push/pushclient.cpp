@@ -9,61 +9,64 @@ int toInt(PushResult result)
 }
 } // namespace
 
-void PushEventReciever::messgeRecieved(char*, char*) {}
+void PushEventReciever::messgeRecieved(char *, char *)
+{ }
 
-void PushEventReciever::subscriptionGranted(int, int) {}
-void PushEventReciever::published(std::uint64_t) {}
+void PushEventReciever::subscriptionGranted(int, int)
+{ }
+void PushEventReciever::published(std::uint64_t)
+{ }
 
 PushEventReciever::~PushEventReciever() = default;
 
-PushClient::PushClient(char* clientId) : PushClient(clientId, PushClientOptions()) {}
+PushClient::PushClient(char *clientId) : PushClient(clientId, PushClientOptions())
+{ }
 
-PushClient::PushClient(char* clientId, const PushClientOptions& options)
+PushClient::PushClient(char *clientId, const PushClientOptions &options)
     : connection_(std::make_shared<PushConnection>(clientId, options))
-{
-}
+{ }
 
 PushClient::~PushClient()
 {
     connection_->close();
 }
 
-void PushClient::setEventRecv(PushEventReciever* receiver)
+void PushClient::setEventRecv(PushEventReciever *receiver)
 {
     connection_->setReceiver(receiver);
 }
 
-int PushClient::will_set(const char* topic, char* payload, int qos, bool /*retain*/)
+int PushClient::will_set(const char *topic, char *payload, int qos, bool /*retain*/)
 {
     return connection_->setWill(topic, payload, qos);
 }
 
-int PushClient::start_connect(const char* host, int port, int keepalive)
+int PushClient::start_connect(const char *host, int port, int keepalive)
 {
     return connection_->start(host, port, keepalive);
 }
 
-int PushClient::subscribe(char* topic)
+int PushClient::subscribe(char *topic)
 {
-    return topic ? subscribe(std::vector<std::string>{topic}) : toInt(PushResult::InvalidArgument);
+    return topic ? subscribe(std::vector<std::string>{ topic }) : toInt(PushResult::InvalidArgument);
 }
 
-int PushClient::subscribe(const std::vector<std::string>& filters, int qos)
+int PushClient::subscribe(const std::vector<std::string> &filters, int qos)
 {
     return connection_->subscribe(filters, qos);
 }
 
-int PushClient::unsubscribe(const char* topic)
+int PushClient::unsubscribe(const char *topic)
 {
-    return topic ? unsubscribe(std::vector<std::string>{topic}) : toInt(PushResult::InvalidArgument);
+    return topic ? unsubscribe(std::vector<std::string>{ topic }) : toInt(PushResult::InvalidArgument);
 }
 
-int PushClient::unsubscribe(const std::vector<std::string>& filters)
+int PushClient::unsubscribe(const std::vector<std::string> &filters)
 {
     return connection_->unsubscribe(filters);
 }
 
-int PushClient::publish(const char* topic, const char* payload, int qos, bool /*retain*/, std::uint64_t ticket)
+int PushClient::publish(const char *topic, const char *payload, int qos, bool /*retain*/, std::uint64_t ticket)
 {
     return connection_->publish(topic, payload, qos, ticket);
 }

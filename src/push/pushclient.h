@@ -74,16 +74,14 @@
 
 // Callback interface, called on the client's network thread. The order of the
 // virtual operations is part of the binary interface: do not reorder.
-class PushEventReciever
-{
+class PushEventReciever {
 public:
     // Legacy slot: never called by PushClient.
-    virtual void messgeRecieved(char* topic, char* payload);
+    virtual void messgeRecieved(char *topic, char *payload);
     // One incoming message: (message id, topic, payload, payload length, qos,
     // retain). Topic and payload are NUL-terminated copies (the payload may
     // also hold NUL bytes of its own: use the length for binary data).
-    virtual void messgeRecievedMore(int mid, char* topic, void* payload, int payloadlen, int qos,
-                                    bool retain) = 0;
+    virtual void messgeRecievedMore(int mid, char *topic, void *payload, int payloadlen, int qos, bool retain) = 0;
     virtual void connectStatus(bool connected) = 0;
     // The first SUBACK of this client that grants less than was asked:
     // a lower delivery level (a broker without QoS 2), or 128 (refused).
@@ -106,8 +104,7 @@ enum class PushResult : int {
 
 class PushConnection;
 
-class PushClient
-{
+class PushClient {
 public:
     enum class State {
         Idle,       // start_connect not called yet
@@ -116,31 +113,31 @@ public:
         Refused,    // the broker refused the connection; no more attempts
     };
 
-    explicit PushClient(char* clientId);
-    PushClient(char* clientId, const PushClientOptions& options);
+    explicit PushClient(char *clientId);
+    PushClient(char *clientId, const PushClientOptions &options);
     ~PushClient();
-    PushClient(const PushClient&) = delete;
-    PushClient& operator=(const PushClient&) = delete;
+    PushClient(const PushClient &) = delete;
+    PushClient &operator=(const PushClient &) = delete;
 
-    void setEventRecv(PushEventReciever* receiver);
+    void setEventRecv(PushEventReciever *receiver);
     // Last will, sent with the next CONNECT; used by the broker only if the
     // link dies without DISCONNECT. A null topic clears it.
-    int will_set(const char* topic, char* payload, int qos, bool retain);
+    int will_set(const char *topic, char *payload, int qos, bool retain);
     // Starts connecting on the network thread and returns at once. keepalive
     // is in seconds: 0 turns it off, 1 to 4 are raised to 5 (libmosquitto's
     // minimum). Calling it again sets the target of later attempts and, when
     // offline or refused, makes an attempt at once.
-    int start_connect(const char* host, int port, int keepalive);
-    int subscribe(char* topic);
+    int start_connect(const char *host, int port, int keepalive);
+    int subscribe(char *topic);
     // Several filters, in SUBSCRIBE packets of up to 256 filters each (one
     // request of the outbox per packet). Any invalid filter refuses all.
-    int subscribe(const std::vector<std::string>& filters, int qos = 1);
-    int unsubscribe(const char* topic);
-    int unsubscribe(const std::vector<std::string>& filters);
+    int subscribe(const std::vector<std::string> &filters, int qos = 1);
+    int unsubscribe(const char *topic);
+    int unsubscribe(const std::vector<std::string> &filters);
     // payload is NUL-terminated text; qos is 0, 1 or 2. A non-zero ticket
     // of a QoS 1/2 publication is handed to the receiver's published() once
     // the broker has acknowledged it.
-    int publish(const char* topic, const char* payload, int qos, bool retain, std::uint64_t ticket = 0);
+    int publish(const char *topic, const char *payload, int qos, bool retain, std::uint64_t ticket = 0);
 
     State state() const;
     // Why the last attempt failed or the link went down (None once a

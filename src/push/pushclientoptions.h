@@ -71,15 +71,15 @@ inline bool isRetried(PushConnectionError error)
 /// Connection settings. Defaults: plain TCP, anonymous, one broker.
 struct PushClientOptions {
     /// First wait before reconnecting; doubles after each failure.
-    std::chrono::milliseconds reconnectDelayMin{500};
+    std::chrono::milliseconds reconnectDelayMin{ 500 };
     /// Longest wait before reconnecting.
-    std::chrono::milliseconds reconnectDelayMax{30000};
+    std::chrono::milliseconds reconnectDelayMax{ 30000 };
     /// Most requests the outbox keeps (capped at 65000, the MQTT message ids).
     std::size_t maxPendingMessages = 1000;
     /// Most bytes (topic + payload) the outbox keeps.
     std::size_t maxPendingBytes = 16u * 1024u * 1024u;
     /// How long closing waits for the broker to acknowledge what was sent.
-    std::chrono::milliseconds closeTimeout{1000};
+    std::chrono::milliseconds closeTimeout{ 1000 };
     /// TLS; off by default.
     PushTlsOptions tls;
     /// User name sent in CONNECT; empty: none (anonymous).

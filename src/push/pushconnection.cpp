@@ -73,18 +73,18 @@ int fromLibrary(int rc)
     }
 }
 
-bool validUtf8(const char* text, std::size_t length)
+bool validUtf8(const char *text, std::size_t length)
 {
     return length <= kMaxTopicBytes && mosquitto_validate_utf8(text, static_cast<int>(length)) == MOSQ_ERR_SUCCESS;
 }
 
-bool validPublishTopic(const char* topic)
+bool validPublishTopic(const char *topic)
 {
     return topic && *topic && validUtf8(topic, std::strlen(topic)) &&
            mosquitto_pub_topic_check(topic) == MOSQ_ERR_SUCCESS;
 }
 
-bool validSubscribeTopic(const char* topic)
+bool validSubscribeTopic(const char *topic)
 {
     return topic && *topic && validUtf8(topic, std::strlen(topic)) &&
            mosquitto_sub_topic_check(topic) == MOSQ_ERR_SUCCESS;
@@ -108,7 +108,7 @@ PushConnectionError connackError(int code)
 
 // A TLS failure, told apart by the error lines libmosquitto logged during
 // the handshake (it returns the same code for every TLS failure).
-PushConnectionError tlsError(const std::string& logged)
+PushConnectionError tlsError(const std::string &logged)
 {
     if (logged.find("host name verification failed") != std::string::npos)
         return PushConnectionError::HostNameMismatch;
@@ -117,16 +117,15 @@ PushConnectionError tlsError(const std::string& logged)
     return PushConnectionError::TlsFailed;
 }
 
-const char* orNull(const std::string& text)
+const char *orNull(const std::string &text)
 {
     return text.empty() ? nullptr : text.c_str();
 }
 
 } // namespace
 
-PushConnection::PushConnection(const char* clientId, const PushClientOptions& options)
-    : options_(options),
-      outbox_(options.maxPendingMessages, options.maxPendingBytes),
+PushConnection::PushConnection(const char *clientId, const PushClientOptions &options)
+    : options_(options), outbox_(options.maxPendingMessages, options.maxPendingBytes),
       backoff_(options.reconnectDelayMin, options.reconnectDelayMax)
 {
     initialiseLibrary();
@@ -157,7 +156,7 @@ PushConnection::PushConnection(const char* clientId, const PushClientOptions& op
 // reported by the first attempt, which then does not connect.
 void PushConnection::configureSecurity()
 {
-    const PushTlsOptions& tls = options_.tls;
+    const PushTlsOptions &tls = options_.tls;
     if (!options_.username.empty() &&
         mosquitto_username_pw_set(mosq_, options_.username.c_str(), orNull(options_.password)) != MOSQ_ERR_SUCCESS)
         settingsError_ = "unusable user name (not UTF-8?)";
@@ -171,7 +170,7 @@ void PushConnection::configureSecurity()
         mosquitto_int_option(mosq_, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
     if ((ownCa || !tls.certFile.empty() || !tls.keyFile.empty()) &&
         mosquitto_tls_set(mosq_, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
-                          nullptr) != MOSQ_ERR_SUCCESS)
+            nullptr) != MOSQ_ERR_SUCCESS)
         settingsError_ = ownCa ? "unusable TLS files (CA file or folder, certificate, key): missing, unreadable, "
                                  "or a certificate without its key"
                                : "a client certificate needs the CA file or folder of the broker's certificate";
@@ -193,13 +192,13 @@ PushConnection::~PushConnection()
 
 // --- operations called from any thread --------------------------------------
 
-void PushConnection::setReceiver(PushEventReciever* receiver)
+void PushConnection::setReceiver(PushEventReciever *receiver)
 {
     if (!closing_)
         receiver_.store(receiver);
 }
 
-int PushConnection::setWill(const char* topic, const char* payload, int qos)
+int PushConnection::setWill(const char *topic, const char *payload, int qos)
 {
     if (!mosq_)
         return toResult(PushResult::InvalidArgument);
@@ -219,7 +218,7 @@ int PushConnection::setWill(const char* topic, const char* payload, int qos)
     return toResult(PushResult::Ok);
 }
 
-int PushConnection::start(const char* host, int port, int keepalive)
+int PushConnection::start(const char *host, int port, int keepalive)
 {
     if (!mosq_ || !host || !*host || port <= 0 || port > 65535 || keepalive < 0 || keepalive > 65535)
         return toResult(PushResult::InvalidArgument);
@@ -230,8 +229,8 @@ int PushConnection::start(const char* host, int port, int keepalive)
     if (closing_)
         return toResult(PushResult::Failed);
     keepalive_ = keepalive;
-    brokers_.assign(1, PushBrokerAddress{host, port});
-    for (const PushBrokerAddress& broker : options_.failover) {
+    brokers_.assign(1, PushBrokerAddress{ host, port });
+    for (const PushBrokerAddress &broker : options_.failover) {
         if (!broker.host.empty() && broker.port > 0 && broker.port <= 65535)
             brokers_.push_back(broker);
     }
@@ -253,7 +252,7 @@ int PushConnection::start(const char* host, int port, int keepalive)
     return toResult(PushResult::Ok);
 }
 
-int PushConnection::publish(const char* topic, const char* payload, int qos, std::uint64_t ticket)
+int PushConnection::publish(const char *topic, const char *payload, int qos, std::uint64_t ticket)
 {
     if (!mosq_ || !validPublishTopic(topic) || qos < 0 || qos > 2)
         return toResult(PushResult::InvalidArgument);
@@ -277,8 +276,8 @@ int PushConnection::publish(const char* topic, const char* payload, int qos, std
     if (!outbox_.hasRoomFor(size))
         return toResult(PushResult::OutboxFull);
     if (link_ != Link::Online) {
-        outbox_.enqueue(
-            {PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos, {}, ticket});
+        outbox_.enqueue({ PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos,
+            {}, ticket });
         return toResult(PushResult::Ok);
     }
     int mid = 0;
@@ -294,24 +293,25 @@ int PushConnection::publish(const char* topic, const char* payload, int qos, std
     return fromLibrary(rc);
 }
 
-int PushConnection::subscribe(const std::vector<std::string>& filters, int qos)
+int PushConnection::subscribe(const std::vector<std::string> &filters, int qos)
 {
     if (qos < 0 || qos > 2)
         return toResult(PushResult::InvalidArgument);
     return requestFilters(PushOutbox::Request::Kind::Subscribe, filters, std::min(qos, maxQos_.load()));
 }
 
-int PushConnection::unsubscribe(const std::vector<std::string>& filters)
+int PushConnection::unsubscribe(const std::vector<std::string> &filters)
 {
     return requestFilters(PushOutbox::Request::Kind::Unsubscribe, filters, 0);
 }
 
 // Filters go out in packets of kFiltersPerPacket. When one is refused, the
 // packets before it stand and the rest are not sent.
-int PushConnection::requestFilters(PushOutbox::Request::Kind kind, const std::vector<std::string>& filters, int qos)
+int PushConnection::requestFilters(PushOutbox::Request::Kind kind, const std::vector<std::string> &filters, int qos)
 {
-    if (!mosq_ || filters.empty() ||
-        !std::all_of(filters.begin(), filters.end(), [](const std::string& f) { return validSubscribeTopic(f.c_str()); }))
+    if (!mosq_ || filters.empty() || !std::all_of(filters.begin(), filters.end(), [](const std::string &f) {
+            return validSubscribeTopic(f.c_str());
+        }))
         return toResult(PushResult::InvalidArgument);
     if (kind == PushOutbox::Request::Kind::Subscribe)
         topics_.hold(filters);
@@ -319,8 +319,9 @@ int PushConnection::requestFilters(PushOutbox::Request::Kind kind, const std::ve
         topics_.release(filters);
     for (std::size_t at = 0; at < filters.size(); at += kFiltersPerPacket) {
         const auto first = filters.begin() + static_cast<std::ptrdiff_t>(at);
-        const auto last = filters.begin() + static_cast<std::ptrdiff_t>(std::min(filters.size(), at + kFiltersPerPacket));
-        const int rc = request({kind, {}, {}, qos, {first, last}});
+        const auto last =
+            filters.begin() + static_cast<std::ptrdiff_t>(std::min(filters.size(), at + kFiltersPerPacket));
+        const int rc = request({ kind, {}, {}, qos, { first, last } });
         if (rc != toResult(PushResult::Ok))
             return rc;
     }
@@ -328,11 +329,11 @@ int PushConnection::requestFilters(PushOutbox::Request::Kind kind, const std::ve
 }
 
 // Hands a SUBSCRIBE or UNSUBSCRIBE to libmosquitto and tracks its answer.
-int PushConnection::sendLocked(const PushOutbox::Request& request)
+int PushConnection::sendLocked(const PushOutbox::Request &request)
 {
-    std::vector<char*> filters;
-    for (const std::string& filter : request.filters)
-        filters.push_back(const_cast<char*>(filter.c_str()));
+    std::vector<char *> filters;
+    for (const std::string &filter : request.filters)
+        filters.push_back(const_cast<char *>(filter.c_str()));
     const int count = static_cast<int>(filters.size());
     int mid = 0;
     const int rc = request.kind == PushOutbox::Request::Kind::Subscribe
@@ -384,7 +385,7 @@ std::size_t PushConnection::pendingCount() const
 std::pair<PushConnectionError, std::string> PushConnection::lastError() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    return {error_, errorText_};
+    return { error_, errorText_ };
 }
 
 void PushConnection::close()
@@ -406,45 +407,46 @@ void PushConnection::close()
 
 // --- libmosquitto callbacks (inside mosquitto_loop, library locks held) -----
 
-void PushConnection::onConnect(mosquitto*, void* self, int code)
+void PushConnection::onConnect(mosquitto *, void *self, int code)
 {
-    static_cast<PushConnection*>(self)->record({Event::Kind::Connack, code, {}, {}});
+    static_cast<PushConnection *>(self)->record({ Event::Kind::Connack, code, {}, {} });
 }
 
-void PushConnection::onDisconnect(mosquitto*, void* self, int reason)
+void PushConnection::onDisconnect(mosquitto *, void *self, int reason)
 {
-    Event event{Event::Kind::Disconnected, reason, {}, {}};
+    Event event{ Event::Kind::Disconnected, reason, {}, {} };
     event.systemError = errno;
-    static_cast<PushConnection*>(self)->record(std::move(event));
+    static_cast<PushConnection *>(self)->record(std::move(event));
 }
 
-void PushConnection::onPublish(mosquitto*, void* self, int mid)
+void PushConnection::onPublish(mosquitto *, void *self, int mid)
 {
-    static_cast<PushConnection*>(self)->record({Event::Kind::Published, mid, {}, {}});
+    static_cast<PushConnection *>(self)->record({ Event::Kind::Published, mid, {}, {} });
 }
 
-void PushConnection::onSubscribe(mosquitto*, void* self, int mid, int count, const int* granted)
+void PushConnection::onSubscribe(mosquitto *, void *self, int mid, int count, const int *granted)
 {
-    Event event{Event::Kind::Answered, mid, {}, {}};
+    Event event{ Event::Kind::Answered, mid, {}, {} };
     for (int i = 0; i < count; ++i) // the lowest level granted; 128 (refused) above all
         event.qos = i == 0 || granted[i] == kRefusedFilter ? granted[i] : std::min(event.qos, granted[i]);
-    static_cast<PushConnection*>(self)->record(std::move(event));
+    static_cast<PushConnection *>(self)->record(std::move(event));
 }
 
-void PushConnection::onUnsubscribe(mosquitto*, void* self, int mid)
+void PushConnection::onUnsubscribe(mosquitto *, void *self, int mid)
 {
-    static_cast<PushConnection*>(self)->record({Event::Kind::Answered, mid, {}, {}});
+    static_cast<PushConnection *>(self)->record({ Event::Kind::Answered, mid, {}, {} });
 }
 
-void PushConnection::onMessage(mosquitto*, void* self, const mosquitto_message* message)
+void PushConnection::onMessage(mosquitto *, void *self, const mosquitto_message *message)
 {
-    auto* connection = static_cast<PushConnection*>(self);
-    Event event{Event::Kind::Message, message->mid, message->topic ? message->topic : "", {}};
+    auto *connection = static_cast<PushConnection *>(self);
+    Event event{ Event::Kind::Message, message->mid, message->topic ? message->topic : "", {} };
     const std::size_t limit = connection->incomingLimit_;
     if (limit != 0 && static_cast<std::size_t>(message->payloadlen) > limit)
         event.length = static_cast<std::size_t>(message->payloadlen);
     else if (message->payload && message->payloadlen > 0)
-        event.payload.assign(static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen));
+        event.payload.assign(
+            static_cast<const char *>(message->payload), static_cast<std::size_t>(message->payloadlen));
     event.qos = message->qos;
     event.retain = message->retain;
     connection->record(std::move(event));
@@ -452,13 +454,13 @@ void PushConnection::onMessage(mosquitto*, void* self, const mosquitto_message* 
 
 // Called on any thread that calls into libmosquitto; keeps the error lines
 // of the attempt under way (the TLS failure's reason is only logged).
-void PushConnection::onLog(mosquitto*, void* self, int level, const char* text)
+void PushConnection::onLog(mosquitto *, void *self, int level, const char *text)
 {
     if (level != MOSQ_LOG_ERR || !text)
         return;
-    auto* connection = static_cast<PushConnection*>(self);
+    auto *connection = static_cast<PushConnection *>(self);
     std::lock_guard<std::mutex> lock(connection->eventMutex_);
-    std::string& errors = connection->libraryErrors_;
+    std::string &errors = connection->libraryErrors_;
     if (errors.size() < 1024)
         errors.append(errors.empty() ? "" : "; ").append(text);
 }
@@ -520,11 +522,11 @@ void PushConnection::run()
 void PushConnection::wake()
 {
     const std::uint64_t one = 1;
-    if (wakeFd_ >= 0)
-        [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
+    if (wakeFd_ >= 0) [[maybe_unused]]
+        const auto written = ::write(wakeFd_, &one, sizeof one);
 }
 
-int PushConnection::waitMilliseconds(bool& silent)
+int PushConnection::waitMilliseconds(bool &silent)
 {
     int keepalive = 0;
     {
@@ -562,13 +564,13 @@ int PushConnection::serviceLink()
         ::shutdown(socket, SHUT_RDWR);
         return MOSQ_ERR_KEEPALIVE;
     }
-    pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {socket, POLLIN, 0}};
+    pollfd fds[2] = { { wakeFd_, POLLIN, 0 }, { socket, POLLIN, 0 } };
     if (mosquitto_want_write(mosq_))
         fds[1].events |= POLLOUT;
     ::poll(fds, socket >= 0 ? 2 : 1, timeout);
     std::uint64_t wakes = 0;
-    if (fds[0].revents & POLLIN)
-        [[maybe_unused]] const auto read = ::read(wakeFd_, &wakes, sizeof wakes);
+    if (fds[0].revents & POLLIN) [[maybe_unused]]
+        const auto read = ::read(wakeFd_, &wakes, sizeof wakes);
     return mosquitto_loop(mosq_, 0, 1);
 }
 
@@ -600,8 +602,8 @@ void PushConnection::attemptConnection()
         mosquitto_log_callback_set(mosq_, &PushConnection::onLog);
     // Only this thread touches the handle while the link is not online.
     if (will.set)
-        mosquitto_will_set(mosq_, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(),
-                           will.qos, false);
+        mosquitto_will_set(
+            mosq_, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(), will.qos, false);
     else
         mosquitto_will_clear(mosq_);
     // With TLS the handshake may finish, or fail, inside this call.
@@ -621,25 +623,23 @@ void PushConnection::processEvents()
         return;
 
     const bool anyAck = std::any_of(batch_.begin(), batch_.end(),
-                                    [](const Event& e) {
-                                        return e.kind == Event::Kind::Published || e.kind == Event::Kind::Answered;
-                                    });
-    std::pair<int, int> lowerGrant{-1, -1}; // asked, granted
-    std::vector<std::uint64_t> tickets;      // acknowledged
+        [](const Event &e) { return e.kind == Event::Kind::Published || e.kind == Event::Kind::Answered; });
+    std::pair<int, int> lowerGrant{ -1, -1 }; // asked, granted
+    std::vector<std::uint64_t> tickets;       // acknowledged
     if (anyAck) {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (const Event& event : batch_) {
+        for (const Event &event : batch_) {
             if (event.kind == Event::Kind::Published) {
                 if (const std::uint64_t ticket = outbox_.acknowledge(event.code))
                     tickets.push_back(ticket);
             } else if (event.kind == Event::Kind::Answered) {
                 const int asked = outbox_.answered(event.code);
                 if (asked >= 0 && event.qos != asked && (event.qos < asked || event.qos == kRefusedFilter))
-                    lowerGrant = {asked, event.qos};
+                    lowerGrant = { asked, event.qos };
             }
         }
     }
-    PushEventReciever* receiver = receiver_.load();
+    PushEventReciever *receiver = receiver_.load();
     if (lowerGrant.first >= 0 && !lowerGrantTold_ && receiver && !closing_) {
         lowerGrantTold_ = true;
         receiver->subscriptionGranted(lowerGrant.first, lowerGrant.second);
@@ -648,16 +648,16 @@ void PushConnection::processEvents()
         if (receiver && !closing_)
             receiver->published(ticket);
     }
-    for (Event& event : batch_) {
+    for (Event &event : batch_) {
         switch (event.kind) {
         case Event::Kind::Connack:
             handleConnack(event.code);
             break;
         case Event::Kind::Disconnected:
             handleLinkDown(event.code,
-                           event.code == MOSQ_ERR_ERRNO && event.systemError != 0 ? std::strerror(event.systemError)
-                                                                                  : std::string(),
-                           event.systemError);
+                event.code == MOSQ_ERR_ERRNO && event.systemError != 0 ? std::strerror(event.systemError)
+                                                                       : std::string(),
+                event.systemError);
             break;
         case Event::Kind::Message:
             deliver(event);
@@ -722,14 +722,14 @@ void PushConnection::refuse(PushConnectionError error, std::string text)
 bool PushConnection::drainOutboxLocked()
 {
     while (outbox_.hasQueued()) {
-        const PushOutbox::Request& next = outbox_.front();
-        const char* topic = next.topic.c_str();
+        const PushOutbox::Request &next = outbox_.front();
+        const char *topic = next.topic.c_str();
         int mid = 0;
         int rc = MOSQ_ERR_SUCCESS;
         switch (next.kind) {
         case PushOutbox::Request::Kind::Publish:
-            rc = mosquitto_publish(mosq_, &mid, topic, static_cast<int>(next.payload.size()), next.payload.data(),
-                                   next.qos, false);
+            rc = mosquitto_publish(
+                mosq_, &mid, topic, static_cast<int>(next.payload.size()), next.payload.data(), next.qos, false);
             if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
                 const std::size_t size = PushOutbox::sizeOf(next);
                 const std::uint64_t ticket = next.ticket;
@@ -801,7 +801,8 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
             error = PushConnectionError::NothingListening;
         if (!repeatedTls || error_ == PushConnectionError::None) {
             error_ = error;
-            errorText_ = brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
+            errorText_ =
+                brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
         }
         brokerIndex_ = (brokerIndex_ + 1) % brokers_.size(); // failover: the next broker, if any
         link_ = Link::Waiting;
@@ -812,7 +813,7 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
 
 // QoS 0 is delivered at most once by the transport itself: only QoS 1/2
 // deliveries can be redeliveries.
-void PushConnection::deliver(Event& message)
+void PushConnection::deliver(Event &message)
 {
     if (closing_)
         return;
@@ -821,10 +822,10 @@ void PushConnection::deliver(Event& message)
         ++repeatsDropped_;
         return;
     }
-    if (PushEventReciever* receiver = receiver_.load()) {
+    if (PushEventReciever *receiver = receiver_.load()) {
         const std::size_t length = message.length != 0 ? message.length : message.payload.size();
         receiver->messgeRecievedMore(message.code, message.topic.data(), message.payload.data(),
-                                     static_cast<int>(length), message.qos, message.retain);
+            static_cast<int>(length), message.qos, message.retain);
     }
 }
 
@@ -834,7 +835,7 @@ void PushConnection::report(bool connected)
     if (closing_ || lastReport_ == now)
         return;
     lastReport_ = now;
-    if (PushEventReciever* receiver = receiver_.load())
+    if (PushEventReciever *receiver = receiver_.load())
         receiver->connectStatus(connected);
 }
 
@@ -893,7 +894,7 @@ void PushConnection::disconnectCleanly(Clock::time_point limit)
     const int held = ::dup(socket);
     if (mosquitto_disconnect(mosq_) == MOSQ_ERR_SUCCESS) {
         while (Clock::now() < limit && mosquitto_loop_write(mosq_, 1) == MOSQ_ERR_SUCCESS) {
-            pollfd writable{mosquitto_socket(mosq_), POLLOUT, 0};
+            pollfd writable{ mosquitto_socket(mosq_), POLLOUT, 0 };
             if (writable.fd < 0)
                 break; // DISCONNECT written, libmosquitto closed its descriptor
             ::poll(&writable, 1, 20);
@@ -905,7 +906,7 @@ void PushConnection::disconnectCleanly(Clock::time_point limit)
     char scratch[4096];
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit - Clock::now()).count();
-        pollfd readable{held, POLLIN, 0};
+        pollfd readable{ held, POLLIN, 0 };
         if (left <= 0 || ::poll(&readable, 1, static_cast<int>(left)) <= 0)
             break;
         if (::recv(held, scratch, sizeof scratch, 0) <= 0)

@@ -36,20 +36,19 @@ struct mosquitto_message;
 //
 // The network thread keeps a shared_ptr to this object, so it can finish a
 // clean disconnect on its own when the client is destroyed from a callback.
-class PushConnection : public std::enable_shared_from_this<PushConnection>
-{
+class PushConnection : public std::enable_shared_from_this<PushConnection> {
 public:
-    PushConnection(const char* clientId, const PushClientOptions& options);
+    PushConnection(const char *clientId, const PushClientOptions &options);
     ~PushConnection();
-    PushConnection(const PushConnection&) = delete;
-    PushConnection& operator=(const PushConnection&) = delete;
+    PushConnection(const PushConnection &) = delete;
+    PushConnection &operator=(const PushConnection &) = delete;
 
-    void setReceiver(PushEventReciever* receiver);
-    int setWill(const char* topic, const char* payload, int qos);
-    int start(const char* host, int port, int keepalive);
-    int publish(const char* topic, const char* payload, int qos, std::uint64_t ticket = 0);
-    int subscribe(const std::vector<std::string>& filters, int qos);
-    int unsubscribe(const std::vector<std::string>& filters);
+    void setReceiver(PushEventReciever *receiver);
+    int setWill(const char *topic, const char *payload, int qos);
+    int start(const char *host, int port, int keepalive);
+    int publish(const char *topic, const char *payload, int qos, std::uint64_t ticket = 0);
+    int subscribe(const std::vector<std::string> &filters, int qos);
+    int unsubscribe(const std::vector<std::string> &filters);
     PushClient::State state() const;
     std::size_t pendingCount() const;
     std::size_t repeatsDropped() const { return repeatsDropped_; }
@@ -65,12 +64,27 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    enum class Link { Idle, Waiting, Connecting, Online, Refused };
-    enum class Report { None, Online, Offline };
+    enum class Link {
+        Idle,
+        Waiting,
+        Connecting,
+        Online,
+        Refused
+    };
+    enum class Report {
+        None,
+        Online,
+        Offline
+    };
 
-    struct Event
-    {
-        enum class Kind { Connack, Disconnected, Message, Published, Answered };
+    struct Event {
+        enum class Kind {
+            Connack,
+            Disconnected,
+            Message,
+            Published,
+            Answered
+        };
         Kind kind;
         int code; // CONNACK code, disconnect reason or message id
         std::string topic;
@@ -81,21 +95,20 @@ private:
         int systemError = 0;    // of a disconnection: errno as libmosquitto left it
     };
 
-    struct Will
-    {
+    struct Will {
         bool set = false;
         std::string topic;
         std::string payload;
         int qos = 0;
     };
 
-    static void onConnect(mosquitto*, void* self, int code);
-    static void onDisconnect(mosquitto*, void* self, int reason);
-    static void onPublish(mosquitto*, void* self, int mid);
-    static void onSubscribe(mosquitto*, void* self, int mid, int count, const int* granted);
-    static void onUnsubscribe(mosquitto*, void* self, int mid);
-    static void onMessage(mosquitto*, void* self, const mosquitto_message* message);
-    static void onLog(mosquitto*, void* self, int level, const char* text);
+    static void onConnect(mosquitto *, void *self, int code);
+    static void onDisconnect(mosquitto *, void *self, int reason);
+    static void onPublish(mosquitto *, void *self, int mid);
+    static void onSubscribe(mosquitto *, void *self, int mid, int count, const int *granted);
+    static void onUnsubscribe(mosquitto *, void *self, int mid);
+    static void onMessage(mosquitto *, void *self, const mosquitto_message *message);
+    static void onLog(mosquitto *, void *self, int level, const char *text);
     void record(Event event);
     void configureSecurity();
 
@@ -105,7 +118,7 @@ private:
     // has to send a keepalive or the link is to be judged dead; then lets
     // libmosquitto act on what is ready.
     int serviceLink();
-    int waitMilliseconds(bool& silent);
+    int waitMilliseconds(bool &silent);
     void wake();
     void attemptConnection();
     void processEvents();
@@ -116,22 +129,22 @@ private:
     void handleLinkDown(int rc, std::string detail = std::string(), int systemError = 0);
     void refuse(PushConnectionError error, std::string text);
     bool drainOutboxLocked();
-    int sendLocked(const PushOutbox::Request& request);
+    int sendLocked(const PushOutbox::Request &request);
     int request(PushOutbox::Request request);
-    int requestFilters(PushOutbox::Request::Kind kind, const std::vector<std::string>& filters, int qos);
-    void deliver(Event& message);
+    int requestFilters(PushOutbox::Request::Kind kind, const std::vector<std::string> &filters, int qos);
+    void deliver(Event &message);
     void report(bool connected);
     void shutdown();
     void disconnectCleanly(Clock::time_point limit);
 
     const PushClientOptions options_;
-    mosquitto* mosq_ = nullptr;
-    std::atomic<PushEventReciever*> receiver_{nullptr};
-    std::atomic<bool> closing_{false};
-    std::atomic<std::size_t> repeatsDropped_{0};
-    std::atomic<std::size_t> incomingLimit_{0}; // 0: none
-    std::atomic<int> maxQos_{2};                // the deployment's cap on every level
-    int wakeFd_ = -1; // eventfd: requests and close() wake the network thread
+    mosquitto *mosq_ = nullptr;
+    std::atomic<PushEventReciever *> receiver_{ nullptr };
+    std::atomic<bool> closing_{ false };
+    std::atomic<std::size_t> repeatsDropped_{ 0 };
+    std::atomic<std::size_t> incomingLimit_{ 0 }; // 0: none
+    std::atomic<int> maxQos_{ 2 };                // the deployment's cap on every level
+    int wakeFd_ = -1;                             // eventfd: requests and close() wake the network thread
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;

@@ -17,14 +17,14 @@ std::uint64_t fnv1a(std::uint64_t hash, std::string_view bytes)
 
 } // namespace
 
-PushDuplicateFilter::Digest PushDuplicateFilter::digestOf(const std::string& topic, const std::string& payload)
+PushDuplicateFilter::Digest PushDuplicateFilter::digestOf(const std::string &topic, const std::string &payload)
 {
     // Two unrelated 64-bit hashes: an accidental match of both between two
     // different messages is out of reach for any realistic window.
     const std::uint64_t fnv = fnv1a(fnv1a(0xcbf29ce484222325ULL, topic), std::string_view("\0", 1));
     const std::size_t t = std::hash<std::string_view>()(topic);
     const std::size_t p = std::hash<std::string_view>()(payload);
-    return {fnv1a(fnv, payload), (t * 0x9e3779b97f4a7c15ULL) ^ p ^ payload.size()};
+    return { fnv1a(fnv, payload), (t * 0x9e3779b97f4a7c15ULL) ^ p ^ payload.size() };
 }
 
 void PushDuplicateFilter::expire(Clock::time_point now)
@@ -37,16 +37,16 @@ void PushDuplicateFilter::expire(Clock::time_point now)
     }
 }
 
-bool PushDuplicateFilter::repeated(const std::string& topic, const std::string& payload, std::uint64_t connection,
-                                   Clock::time_point now)
+bool PushDuplicateFilter::repeated(
+    const std::string &topic, const std::string &payload, std::uint64_t connection, Clock::time_point now)
 {
     expire(now);
     const Digest digest = digestOf(topic, payload);
-    const auto [it, fresh] = seen_.try_emplace(digest, Seen{connection, 0});
+    const auto [it, fresh] = seen_.try_emplace(digest, Seen{ connection, 0 });
     if (!fresh && it->second.firstConnection < connection)
         return true;
     ++it->second.count;
-    order_.push_back({digest, now});
+    order_.push_back({ digest, now });
     expire(now);
     return false;
 }

@@ -22,44 +22,39 @@
 // Messages are remembered by a 128-bit digest, not by their bytes, so the
 // filter stays small (about 64 bytes per entry) whatever the payload sizes.
 // Not thread-safe: the owner's delivery thread uses it.
-class PushDuplicateFilter
-{
+class PushDuplicateFilter {
 public:
     using Clock = std::chrono::steady_clock;
     static constexpr std::size_t kMaxEntries = 4096;
-    static constexpr std::chrono::minutes kMaxAge{5};
+    static constexpr std::chrono::minutes kMaxAge{ 5 };
 
     // True when this message, delivered on connection number `connection`
     // (counted up by the owner at every new connection), repeats one
     // delivered within the window on an earlier connection; otherwise
     // remembers it and returns false.
-    bool repeated(const std::string& topic, const std::string& payload, std::uint64_t connection,
-                  Clock::time_point now = Clock::now());
+    bool repeated(const std::string &topic, const std::string &payload, std::uint64_t connection,
+        Clock::time_point now = Clock::now());
     std::size_t size() const { return order_.size(); }
 
 private:
-    struct Digest
-    {
+    struct Digest {
         std::uint64_t first;
         std::uint64_t second;
-        bool operator==(const Digest& other) const { return first == other.first && second == other.second; }
+        bool operator==(const Digest &other) const { return first == other.first && second == other.second; }
     };
-    struct DigestHash
-    {
-        std::size_t operator()(const Digest& d) const { return static_cast<std::size_t>(d.first); }
+    struct DigestHash {
+        std::size_t operator()(const Digest &d) const { return static_cast<std::size_t>(d.first); }
     };
-    struct Entry
-    {
+    struct Entry {
         Digest digest;
         Clock::time_point at;
     };
-    struct Seen
-    {
+    struct Seen {
         std::uint64_t firstConnection; // where it was first delivered
         std::size_t count;             // its entries in order_
     };
 
-    static Digest digestOf(const std::string& topic, const std::string& payload);
+    static Digest digestOf(const std::string &topic, const std::string &payload);
     void expire(Clock::time_point now);
 
     std::deque<Entry> order_;

@@ -11,13 +11,12 @@ constexpr std::size_t kMaxTrackedMessages = 65000;
 
 PushOutbox::PushOutbox(std::size_t maxMessages, std::size_t maxBytes)
     : maxMessages_(std::min(maxMessages, kMaxTrackedMessages)), maxBytes_(maxBytes)
-{
-}
+{ }
 
-std::size_t PushOutbox::sizeOf(const Request& request)
+std::size_t PushOutbox::sizeOf(const Request &request)
 {
     std::size_t size = request.topic.size() + request.payload.size();
-    for (const std::string& filter : request.filters)
+    for (const std::string &filter : request.filters)
         size += filter.size();
     return size;
 }
@@ -51,11 +50,11 @@ void PushOutbox::clearQueued()
 
 void PushOutbox::trackInFlight(int mid, std::size_t bytes, std::uint64_t ticket)
 {
-    auto [it, inserted] = inFlight_.emplace(mid, InFlight{bytes, ticket});
+    auto [it, inserted] = inFlight_.emplace(mid, InFlight{ bytes, ticket });
     if (!inserted) {
         // Same id still tracked: the old one can no longer be told apart.
         bytes_ -= it->second.bytes;
-        it->second = {bytes, ticket};
+        it->second = { bytes, ticket };
     }
     bytes_ += bytes;
 }

@@ -18,12 +18,14 @@
 // outside the bound (they are the owner's, not the application's, and
 // libmosquitto drops them when the link goes down).
 // Not thread-safe: the owner guards it.
-class PushOutbox
-{
+class PushOutbox {
 public:
-    struct Request
-    {
-        enum class Kind { Publish, Subscribe, Unsubscribe };
+    struct Request {
+        enum class Kind {
+            Publish,
+            Subscribe,
+            Unsubscribe
+        };
         Kind kind;
         std::string topic;   // Publish
         std::string payload; // Publish
@@ -39,7 +41,7 @@ public:
     // the bound would be exceeded.
     bool enqueue(Request request);
     bool hasQueued() const { return !queued_.empty(); }
-    const Request& front() const { return queued_.front(); }
+    const Request &front() const { return queued_.front(); }
     void popFront();
     void clearQueued();
 
@@ -60,15 +62,14 @@ public:
     std::size_t count() const { return queued_.size() + inFlight_.size() + requests_.size(); }
     std::size_t bytes() const { return bytes_; }
 
-    static std::size_t sizeOf(const Request& request);
+    static std::size_t sizeOf(const Request &request);
 
 private:
     std::size_t maxMessages_;
     std::size_t maxBytes_;
     std::size_t bytes_ = 0;
     std::deque<Request> queued_;
-    struct InFlight
-    {
+    struct InFlight {
         std::size_t bytes;
         std::uint64_t ticket;
     };

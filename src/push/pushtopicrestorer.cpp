@@ -13,17 +13,18 @@ std::string slashed(std::string literal)
 
 } // namespace
 
-bool PushTopicRestorer::split(const std::string& filter, Known& known)
+bool PushTopicRestorer::split(const std::string &filter, Known &known)
 {
     known.tail = filter == "#" || (filter.size() >= 2 && filter.compare(filter.size() - 2, 2, "/#") == 0);
-    known.literal = filter.substr(0, known.tail ? filter.size() - std::min<std::size_t>(filter.size(), 2) : filter.size());
+    known.literal =
+        filter.substr(0, known.tail ? filter.size() - std::min<std::size_t>(filter.size(), 2) : filter.size());
     return !known.literal.empty() && known.literal.find_first_of("+#") == std::string::npos;
 }
 
-void PushTopicRestorer::hold(const std::vector<std::string>& filters)
+void PushTopicRestorer::hold(const std::vector<std::string> &filters)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (const std::string& filter : filters) {
+    for (const std::string &filter : filters) {
         Known known;
         if (!split(filter, known))
             continue;
@@ -33,10 +34,10 @@ void PushTopicRestorer::hold(const std::vector<std::string>& filters)
     }
 }
 
-void PushTopicRestorer::release(const std::vector<std::string>& filters)
+void PushTopicRestorer::release(const std::vector<std::string> &filters)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (const std::string& filter : filters) {
+    for (const std::string &filter : filters) {
         Known known;
         if (!split(filter, known))
             continue;
@@ -47,7 +48,7 @@ void PushTopicRestorer::release(const std::vector<std::string>& filters)
 
 // Whether a held filter matches `topic` literally: the topic itself, or one
 // of its level prefixes under a filter ending in "#".
-bool PushTopicRestorer::holdsAsIs(const std::string& topic) const
+bool PushTopicRestorer::holdsAsIs(const std::string &topic) const
 {
     for (std::size_t end = topic.find('/'); end != std::string::npos; end = topic.find('/', end + 1)) {
         const auto it = held_.find(topic.substr(0, end));
@@ -57,7 +58,7 @@ bool PushTopicRestorer::holdsAsIs(const std::string& topic) const
     return held_.count(topic) != 0;
 }
 
-bool PushTopicRestorer::restore(std::string& topic) const
+bool PushTopicRestorer::restore(std::string &topic) const
 {
     std::lock_guard<std::mutex> lock(mutex_);
     if (dotted_.empty())

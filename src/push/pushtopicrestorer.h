@@ -24,27 +24,25 @@
 //
 // Thread-safe: filters change on the owner's threads, deliveries are
 // restored on the network thread.
-class PushTopicRestorer
-{
+class PushTopicRestorer {
 public:
-    void hold(const std::vector<std::string>& filters);
-    void release(const std::vector<std::string>& filters);
+    void hold(const std::vector<std::string> &filters);
+    void release(const std::vector<std::string> &filters);
     // True when `topic` was changed back.
-    bool restore(std::string& topic) const;
+    bool restore(std::string &topic) const;
 
 private:
-    struct Known
-    {
+    struct Known {
         std::string literal; // the filter without its trailing "/#"
         bool tail;           // the filter ends in "#"
     };
     // A filter split into its literal part; false for one that cannot be known.
-    static bool split(const std::string& filter, Known& known);
-    bool holdsAsIs(const std::string& topic) const;
+    static bool split(const std::string &filter, Known &known);
+    bool holdsAsIs(const std::string &topic) const;
 
     mutable std::mutex mutex_;
-    std::unordered_map<std::string, bool> held_;      // literal -> tail, every known filter
-    std::unordered_map<std::string, Known> dotted_;   // literal with '.' as '/' -> the filter, filters with a '.'
+    std::unordered_map<std::string, bool> held_;    // literal -> tail, every known filter
+    std::unordered_map<std::string, Known> dotted_; // literal with '.' as '/' -> the filter, filters with a '.'
 };
 
 #endif // PUSHTOPICRESTORER_H

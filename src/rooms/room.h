@@ -66,8 +66,7 @@ inline std::string textAt(const QJsonObject &obj, const char *key)
 }
 
 /// Stores `value` under `key`; an object already stored there is deleted.
-template <typename T>
-void storeOwned(std::map<std::string, T *> &map, const QString &key, std::unique_ptr<T> value)
+template <typename T> void storeOwned(std::map<std::string, T *> &map, const QString &key, std::unique_ptr<T> value)
 {
     T *&slot = map.try_emplace(toUtf8(key), nullptr).first->second;
     delete std::exchange(slot, value.release());
@@ -86,9 +85,9 @@ public:
 /// One room. Its JSON form is shown in room.h.
 class Room {
 public:
-    std::string jid;                        ///< "jid": room id "@" domain
-    std::string name;                       ///< "name": display name
-    std::string creater;                    ///< "creater": as the server reports it
+    std::string jid;                         ///< "jid": room id "@" domain
+    std::string name;                        ///< "name": display name
+    std::string creater;                     ///< "creater": as the server reports it
     std::map<std::string, Member *> members; ///< "members": owned, keyed by JID
     ROOM_TYPE type = ROOM_TYPE_DEFAULT;      ///< "type"
     int status = 0;                          ///< "status": the server's number

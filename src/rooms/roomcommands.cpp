@@ -52,8 +52,8 @@ bool MessagePrivate::sendRoomCommand(int command, Room &room)
     return sendSystemRequest(GroupCMD, command, QString::fromStdString(room.toString()));
 }
 
-int MessagePrivate::createMucRoom(const QString &roomId, const QString &roomName, const QString &memberList,
-                                  ROOM_TYPE type)
+int MessagePrivate::createMucRoom(
+    const QString &roomId, const QString &roomName, const QString &memberList, ROOM_TYPE type)
 {
     Room room;
     room.jid = jidWithDomain(roomId).toStdString();
@@ -86,7 +86,7 @@ int MessagePrivate::kickFromRoom(const QString &roomId, const QString &memberLis
     room.name = roomId.toStdString();
     // Who kicked whom, as the server hands it on to every member.
     const QJsonObject kick{ { QStringLiteral("operatorBy"), QString::fromStdString(userId) },
-                            { QStringLiteral("memberID"), memberList } };
+        { QStringLiteral("memberID"), memberList } };
     room.operatorBy = CompactJson::text(kick).toStdString();
     for (const QString &part : memberParts(memberList))
         putMember(room, memberJidOf(roomId, part), part);
@@ -115,7 +115,7 @@ int MessagePrivate::setRoomCreater(const QString &roomId, const QString &memberI
     if (refusedAddressee(jidWithDomain(roomId), "room command"))
         return 0;
     const QJsonObject body{ { QStringLiteral("room_id"), jidWithDomain(roomId) },
-                            { QStringLiteral("member_id"), jidWithDomain(memberId) } };
+        { QStringLiteral("member_id"), jidWithDomain(memberId) } };
     return sendSystemRequest(GroupCMD, GroupSub_SetRoomCreater, CompactJson::text(body)) ? 1 : 0;
 }
 
@@ -125,8 +125,7 @@ int MessagePrivate::modifyRoomType(QString roomId, ROOM_TYPE type)
         return 0;
     // Written as text, not by the JSON writer: the type stands as a JSON
     // string and the room JID is not escaped.
-    const QString body = QStringLiteral("{\"room_type\":\"%1\",\"room_id\":\"%2\"}")
-                             .arg(int(type), 0, 10)
-                             .arg(completeJid(roomId));
+    const QString body =
+        QStringLiteral("{\"room_type\":\"%1\",\"room_id\":\"%2\"}").arg(int(type), 0, 10).arg(completeJid(roomId));
     return sendSystemRequest(GroupCMD, GroupSub_Modify_Type, body) ? 1 : 0;
 }

@@ -66,8 +66,8 @@ bool readRoom(const MQTTMessage *msg, Room &room)
 
 std::unique_ptr<RoomNotifier> MessagePrivate::newRoomNotifier()
 {
-    const std::size_t threads = std::clamp<std::size_t>(std::thread::hardware_concurrency(),
-                                                        kMinNotificationThreads, kMaxNotificationThreads);
+    const std::size_t threads =
+        std::clamp<std::size_t>(std::thread::hardware_concurrency(), kMinNotificationThreads, kMaxNotificationThreads);
     return std::make_unique<RoomNotifier>(threads, kQueuedNotifications);
 }
 
@@ -113,8 +113,7 @@ void MessagePrivate::deliverRoomMessage(const std::string &roomJid, MESSAGE_BODY
     const QString room = QString::fromStdString(roomJid);
     const QString key = QUuid::createUuid().toString(QUuid::WithoutBraces);
     const QString stamp = QDateTime::currentDateTime().toString(QLatin1String(kStampFormat));
-    imReciever->onMessageReceive(room, room, QString(), bodyType, MediaInfo::MESSAGE_TYPE_GROUPCHAT, key, stamp,
-                                 true);
+    imReciever->onMessageReceive(room, room, QString(), bodyType, MediaInfo::MESSAGE_TYPE_GROUPCHAT, key, stamp, true);
 }
 
 // --- handlers -------------------------------------------------------------
@@ -126,8 +125,7 @@ void MessagePrivate::deliverRoomMessage(const std::string &roomJid, MESSAGE_BODY
 
 void MessagePrivate::SysGroupCreated(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("SysGroupCreated") << "SysGroupCreated " << msg->topicText.c_str() << " "
-                                           << msg->body.c_str();
+    PUSHCHAT_ENGINE_LOG("SysGroupCreated") << "SysGroupCreated " << msg->topicText.c_str() << " " << msg->body.c_str();
     Room room;
     const bool readable = readRoom(msg, room);
     if (readable && refusedRoomJid(room.jid))

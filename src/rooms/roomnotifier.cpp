@@ -24,8 +24,7 @@ std::thread startStdThread(std::function<void()> body)
 } // namespace
 
 RoomNotifier::RoomNotifier(std::size_t maxThreads, std::size_t maxQueued, ThreadStarter starter)
-    : maxThreads_(std::max<std::size_t>(1, maxThreads)),
-      maxQueued_(std::max<std::size_t>(1, maxQueued)),
+    : maxThreads_(std::max<std::size_t>(1, maxThreads)), maxQueued_(std::max<std::size_t>(1, maxQueued)),
       starter_(starter ? std::move(starter) : ThreadStarter(startStdThread))
 {
     // Room for every worker up front: storing a started thread never
@@ -48,8 +47,8 @@ void RoomNotifier::post(Work work)
         queue_.push_back(std::move(work));
         // After a failed start the running workers carry on alone, rather
         // than every later event trying (and logging) again.
-        const bool wantWorker = queue_.size() > idle_ && workers_.size() < maxThreads_ &&
-                                (workers_.empty() || !startFailed_);
+        const bool wantWorker =
+            queue_.size() > idle_ && workers_.size() < maxThreads_ && (workers_.empty() || !startFailed_);
         if (!wantWorker || startWorker() || !workers_.empty()) {
             workReady_.notify_one();
             return;

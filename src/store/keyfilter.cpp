@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr int kProbes = 7;           // with 10 bits a key: about 1 % false passes
+constexpr int kProbes = 7; // with 10 bits a key: about 1 % false passes
 constexpr std::size_t kBitsPerKey = 10;
 
 // A 64-bit finaliser (from splitmix64): every input bit moves every output bit.
@@ -32,10 +32,8 @@ std::uint64_t absorb(std::uint64_t hash, std::string_view text)
 
 } // namespace
 
-KeyFilter::KeyFilter(std::size_t expected)
-    : bits_(std::max<std::size_t>(expected * kBitsPerKey / 64, 1024))
-{
-}
+KeyFilter::KeyFilter(std::size_t expected) : bits_(std::max<std::size_t>(expected * kBitsPerKey / 64, 1024))
+{ }
 
 std::uint64_t KeyFilter::digest(std::string_view conversation, std::string_view sender, std::string_view key)
 {
@@ -45,8 +43,8 @@ std::uint64_t KeyFilter::digest(std::string_view conversation, std::string_view 
 std::uint64_t KeyFilter::digest(const QString &conversation, const QString &sender, const QString &key)
 {
     const QByteArray c = conversation.toUtf8(), s = sender.toUtf8(), k = key.toUtf8();
-    return digest(std::string_view(c.constData(), std::size_t(c.size())), std::string_view(s.constData(), std::size_t(s.size())),
-                  std::string_view(k.constData(), std::size_t(k.size())));
+    return digest(std::string_view(c.constData(), std::size_t(c.size())),
+        std::string_view(s.constData(), std::size_t(s.size())), std::string_view(k.constData(), std::size_t(k.size())));
 }
 
 // Double hashing: probe i is h1 + i * h2, h2 odd so that the probes differ.

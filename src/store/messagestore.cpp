@@ -11,10 +11,10 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <sys/resource.h>
-#include <unistd.h>
 #include <chrono>
 #include <map>
+#include <sys/resource.h>
+#include <unistd.h>
 
 Q_LOGGING_CATEGORY(lcStore, "pushchat.store", QtInfoMsg)
 
@@ -24,7 +24,7 @@ constexpr const char *kColumns =
     "m.id, m.conv, m.msg_key, m.sender, m.at, m.stamp, m.body, m.body_type, m.msg_type, m.sec_level, m.outgoing, "
     "m.state";
 constexpr std::int64_t kRetentionEveryMs = 10 * 60 * 1000;
-constexpr std::int64_t kGatherMs = 10; // writes nobody waits for are committed within this
+constexpr std::int64_t kGatherMs = 10;      // writes nobody waits for are committed within this
 constexpr std::int64_t kIndexQuietMs = 200; // an index pass follows this long without writes
 
 std::int64_t steadyMs()
@@ -79,7 +79,8 @@ struct MessageStore::Job {
     bool ok = false;
 };
 
-MessageStore::MessageStore(bool syncEachCommit) : syncEachCommit_(syncEachCommit), journal_(syncEachCommit) {}
+MessageStore::MessageStore(bool syncEachCommit) : syncEachCommit_(syncEachCommit), journal_(syncEachCommit)
+{ }
 
 MessageStore::~MessageStore()
 {
@@ -127,8 +128,8 @@ bool MessageStore::open(const QString &path)
         "INSERT INTO conversations(conv, last_id, last_at, unread) VALUES(?1, ?2, ?4, ?3) ON CONFLICT(conv) DO UPDATE"
         " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
         " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
-    if (!insertMessage_.valid() || !insertUnindexed_.valid() || !upsertConversation_.valid() || !markSent_.valid() || !readBack_.valid() ||
-        !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1") ||
+    if (!insertMessage_.valid() || !insertUnindexed_.valid() || !upsertConversation_.valid() || !markSent_.valid() ||
+        !readBack_.valid() || !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1") ||
         !(readerKnownKey_ = reader_.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
                                             " AND msg_key <> ''"))
              .valid()) {
@@ -162,8 +163,8 @@ bool MessageStore::recoverOutbox()
         qCInfo(lcStore) << "recovered" << found.size() << "messages from the outbox";
     }
     if (!(ok && journal_.clear(0) && journal_.clear(1))) {
-        fail(QStringLiteral("cannot use the outbox of %1: %2").arg(path_, journal_.error().isEmpty() ? writer_.error()
-                                                                                                      : journal_.error()));
+        fail(QStringLiteral("cannot use the outbox of %1: %2")
+                 .arg(path_, journal_.error().isEmpty() ? writer_.error() : journal_.error()));
         writer_.close();
         return false;
     }
@@ -255,10 +256,13 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
 
 void MessageStore::run()
 {
-
     std::int64_t wroteMs = steadyMs(); // the last batch's commit
     for (;;) {
-        enum { Batch, Retention, Index } next = Batch;
+        enum {
+            Batch,
+            Retention,
+            Index
+        } next = Batch;
         {
             std::unique_lock<std::mutex> lock(mutex_);
             const auto due = [&] { return retentionDueMs_ >= 0 && steadyMs() >= retentionDueMs_; };
@@ -418,8 +422,10 @@ bool MessageStore::commit()
 bool MessageStore::indexSome(int most)
 {
     const char *const kSome = "(SELECT id FROM unindexed ORDER BY id LIMIT ?1)";
-    const bool ok = writer_.prepare(std::string("INSERT INTO search(rowid, words) SELECT id, search_words(body)"
-                                                " FROM messages WHERE id IN ") + kSome)
+    const bool ok = writer_
+                        .prepare(std::string("INSERT INTO search(rowid, words) SELECT id, search_words(body)"
+                                             " FROM messages WHERE id IN ") +
+                                 kSome)
                         .bind(1, most)
                         .run() &&
                     writer_.prepare(std::string("DELETE FROM unindexed WHERE id IN ") + kSome).bind(1, most).run();
@@ -464,8 +470,8 @@ void MessageStore::settleOutbox(Moving &moving, bool committed, std::vector<Stor
 {
     std::lock_guard<std::mutex> lock(outboxMutex_);
     if (!committed) {
-        unmoved_.insert(unmoved_.begin(), std::make_move_iterator(moving.rows.begin()),
-                        std::make_move_iterator(moving.rows.end()));
+        unmoved_.insert(
+            unmoved_.begin(), std::make_move_iterator(moving.rows.begin()), std::make_move_iterator(moving.rows.end()));
         return;
     }
     if (!journal_.clear(moving.file))
@@ -487,9 +493,10 @@ bool MessageStore::forget(qint64 id)
         return false;
     if (writer_.changes() > 0)
         --unindexed_;
-    return (writer_.changes() > 0 || writer_.prepare("INSERT INTO search(search, rowid, words)"
-                                                     " SELECT 'delete', id, search_words(body) FROM messages"
-                                                     " WHERE id = ?1")
+    return (writer_.changes() > 0 || writer_
+                                         .prepare("INSERT INTO search(search, rowid, words)"
+                                                  " SELECT 'delete', id, search_words(body) FROM messages"
+                                                  " WHERE id = ?1")
                                          .bind(1, std::int64_t(id))
                                          .run()) &&
            writer_.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
@@ -497,14 +504,18 @@ bool MessageStore::forget(qint64 id)
 
 bool MessageStore::recount(const QString &conversation)
 {
-    return writer_.prepare("DELETE FROM conversations WHERE conv = ?1"
-                           " AND NOT EXISTS (SELECT 1 FROM messages WHERE conv = ?1)")
+    return writer_
+               .prepare(
+                   "DELETE FROM conversations WHERE conv = ?1"
+                   " AND NOT EXISTS (SELECT 1 FROM messages WHERE conv = ?1)")
                .bind(1, conversation)
                .run() &&
-           writer_.prepare("UPDATE conversations SET (last_id, last_at) = (SELECT id, at FROM messages WHERE conv = ?1"
-                           " ORDER BY at DESC, id DESC LIMIT 1),"
-                           " unread = (SELECT count(*) FROM messages WHERE conv = ?1 AND state = 2)"
-                           " WHERE conv = ?1")
+           writer_
+               .prepare(
+                   "UPDATE conversations SET (last_id, last_at) = (SELECT id, at FROM messages WHERE conv = ?1"
+                   " ORDER BY at DESC, id DESC LIMIT 1),"
+                   " unread = (SELECT count(*) FROM messages WHERE conv = ?1 AND state = 2)"
+                   " WHERE conv = ?1")
                .bind(1, conversation)
                .run();
 }
@@ -700,7 +711,8 @@ void MessageStore::markSent(qint64 id)
     {
         // Acknowledged before the store's thread moved it: moved as sent.
         std::lock_guard<std::mutex> lock(outboxMutex_);
-        const auto m = std::find_if(unmoved_.begin(), unmoved_.end(), [id](const StoredMessage &m) { return m.id == id; });
+        const auto m =
+            std::find_if(unmoved_.begin(), unmoved_.end(), [id](const StoredMessage &m) { return m.id == id; });
         if (m != unmoved_.end()) {
             m->state = StoredState::Sent;
             return;
@@ -718,8 +730,11 @@ void MessageStore::markSent(qint64 id)
 void MessageStore::markReadByPeer(const QString &key)
 {
     queue([this, key](Job &job) {
-        collect("SELECT id FROM messages WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1", key, &job.touched);
-        return writer_.prepare("UPDATE messages SET state = 3 WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1")
+        collect("SELECT id FROM messages WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1", key,
+            &job.touched);
+        return writer_
+            .prepare(
+                "UPDATE messages SET state = 3 WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1")
             .bind(1, key)
             .run();
     });
@@ -729,17 +744,17 @@ QStringList MessageStore::markConversationRead(const QString &conversation)
 {
     auto job = queue(
         [this, conversation](Job &job) {
-        SqliteStatement unread = writer_.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
-        unread.bind(1, conversation);
-        while (unread.next()) {
-            job.touched.push_back(unread.integer(0));
-            if (unread.bytes(1) > 0)
-                job.keys << unread.text(1);
-        }
-        return writer_.prepare("UPDATE messages SET state = 3 WHERE conv = ?1 AND state = 2")
-                   .bind(1, conversation)
-                   .run() &&
-               writer_.prepare("UPDATE conversations SET unread = 0 WHERE conv = ?1").bind(1, conversation).run();
+            SqliteStatement unread = writer_.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
+            unread.bind(1, conversation);
+            while (unread.next()) {
+                job.touched.push_back(unread.integer(0));
+                if (unread.bytes(1) > 0)
+                    job.keys << unread.text(1);
+            }
+            return writer_.prepare("UPDATE messages SET state = 3 WHERE conv = ?1 AND state = 2")
+                       .bind(1, conversation)
+                       .run() &&
+                   writer_.prepare("UPDATE conversations SET unread = 0 WHERE conv = ?1").bind(1, conversation).run();
         },
         true);
     return waitFor(job) ? job->keys : QStringList();
@@ -793,7 +808,7 @@ QList<StoredMessage> MessageStore::pending(qint64 afterId, int limit)
 {
     settle();
     return select("SELECT $COLUMNS FROM messages m WHERE m.state = 0 AND m.id > ?1 ORDER BY m.id LIMIT ?2",
-                  [&](SqliteStatement &s) { s.bind(1, std::int64_t(afterId)).bind(2, limit); });
+        [&](SqliteStatement &s) { s.bind(1, std::int64_t(afterId)).bind(2, limit); });
 }
 
 int MessageStore::pendingCount() const
@@ -810,11 +825,11 @@ QList<StoredConversation> MessageStore::conversations()
     settle();
     QList<StoredConversation> out;
     std::lock_guard<std::mutex> lock(readerMutex_);
-    SqliteStatement rows = reader_.prepare(
-        QByteArray("SELECT c.unread, $COLUMNS FROM conversations c JOIN messages m ON m.id = c.last_id"
-                   " ORDER BY c.last_at DESC, c.last_id DESC")
-            .replace("$COLUMNS", kColumns)
-            .toStdString());
+    SqliteStatement rows =
+        reader_.prepare(QByteArray("SELECT c.unread, $COLUMNS FROM conversations c JOIN messages m ON m.id = c.last_id"
+                                   " ORDER BY c.last_at DESC, c.last_id DESC")
+                            .replace("$COLUMNS", kColumns)
+                            .toStdString());
     while (rows.next()) {
         StoredConversation c;
         c.unread = int(rows.integer(0));
@@ -840,9 +855,10 @@ QList<StoredMessage> MessageStore::messages(const QString &conversation, const Q
         at = anchor.integer(0);
         id = anchor.integer(1);
     }
-    return select("SELECT * FROM (SELECT $COLUMNS FROM messages m WHERE m.conv = ?1 AND (m.at, m.id) < (?2, ?3)"
-                  " ORDER BY m.at DESC, m.id DESC LIMIT ?4) ORDER BY at, id",
-                  [&](SqliteStatement &s) { s.bind(1, conversation).bind(2, at).bind(3, id).bind(4, limit); });
+    return select(
+        "SELECT * FROM (SELECT $COLUMNS FROM messages m WHERE m.conv = ?1 AND (m.at, m.id) < (?2, ?3)"
+        " ORDER BY m.at DESC, m.id DESC LIMIT ?4) ORDER BY at, id",
+        [&](SqliteStatement &s) { s.bind(1, conversation).bind(2, at).bind(3, id).bind(4, limit); });
 }
 
 QList<StoredMessage> MessageStore::search(const QString &text, const QString &conversation, int limit)

@@ -184,10 +184,10 @@ private:
     };
     std::map<QString, ConversationDue> conversationsDue_;
     std::atomic<qint64> unindexed_{ 0 }; // about how many messages the full-text index lacks
-    mutable std::mutex outboxMutex_; // guards journal_ and unmoved_; taken before mutex_
+    mutable std::mutex outboxMutex_;     // guards journal_ and unmoved_; taken before mutex_
     OutboxJournal journal_;
     std::vector<StoredMessage> unmoved_; // in the journal, not yet moved into messages
-    SqliteStatement readerKnownKey_; // under readerMutex_
+    SqliteStatement readerKnownKey_;     // under readerMutex_
     mutable SqliteDatabase reader_;
     mutable std::mutex readerMutex_;
 
@@ -197,16 +197,16 @@ private:
     std::condition_variable room_; // the queue took a batch
     std::deque<std::shared_ptr<Job>> jobs_;
     std::set<QString> queuedKeys_; // messages queued or in the outbox, not yet in messages
-    KeyFilter filter_;           // every key stored or reserved, once filterReady_
+    KeyFilter filter_;             // every key stored or reserved, once filterReady_
     bool filterReady_ = false;
     mutable QString error_;
     qint64 maxAgeMs_ = 0;
     int maxPerConversation_ = 0;
     std::int64_t retentionDueMs_ = -1; // steady ms; -1: none set
     bool stopping_ = false;
-    qint64 nextId_ = 0;               // the last id given: ids follow the order of the calls
-    int outboxRows_ = 0;              // rows in the outbox
-    bool moveDue_ = false;            // the outbox waits to be moved
+    qint64 nextId_ = 0;              // the last id given: ids follow the order of the calls
+    int outboxRows_ = 0;             // rows in the outbox
+    bool moveDue_ = false;           // the outbox waits to be moved
     int awaited_ = 0;                // queued writes a caller waits for
     std::int64_t gatherSinceMs_ = 0; // steady ms: since when queued writes wait
     std::thread thread_;

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr quint32 kMostRecordBytes = 256u << 20; // larger lengths are damage, not records
-constexpr int kHeadBytes = 8;                     // length, CRC-32
+constexpr int kHeadBytes = 8;                    // length, CRC-32
 
 QString systemError()
 {
@@ -91,7 +91,8 @@ bool writeAll(int fd, const char *data, qint64 size)
 
 } // namespace
 
-OutboxJournal::OutboxJournal(bool syncEachAppend) : syncEachAppend_(syncEachAppend) {}
+OutboxJournal::OutboxJournal(bool syncEachAppend) : syncEachAppend_(syncEachAppend)
+{ }
 
 OutboxJournal::~OutboxJournal()
 {
@@ -111,15 +112,14 @@ bool OutboxJournal::open(const QString &storePath, std::vector<StoredMessage> *f
 {
     for (int which = 0; which < 2; ++which) {
         paths_[which] = storePath + QLatin1String(which == 0 ? "-outbox.0" : "-outbox.1");
-        fds_[which] = ::open(QFile::encodeName(paths_[which]).constData(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC,
-                             0600);
+        fds_[which] =
+            ::open(QFile::encodeName(paths_[which]).constData(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         if (fds_[which] < 0)
             return failed(QStringLiteral("cannot open %1: %2").arg(paths_[which], systemError()));
         if (!read(which, found))
             return false;
     }
-    std::sort(found->begin(), found->end(),
-              [](const StoredMessage &a, const StoredMessage &b) { return a.id < b.id; });
+    std::sort(found->begin(), found->end(), [](const StoredMessage &a, const StoredMessage &b) { return a.id < b.id; });
     return true;
 }
 

@@ -20,8 +20,7 @@ bool isCjk(uint ucs4)
 
 // Splits `text` into pieces: runs of CJK characters (as code points) and
 // the text between them.
-template <typename Visit>
-void pieces(const QString &text, Visit visit)
+template <typename Visit> void pieces(const QString &text, Visit visit)
 {
     const QVector<uint> points = text.toUcs4();
     int i = 0;

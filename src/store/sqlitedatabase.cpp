@@ -33,7 +33,7 @@ bool SqliteDatabase::open(const QString &path, bool lock)
         }
     }
     const int rc = sqlite3_open_v2(path.isEmpty() ? ":memory:" : path.toUtf8().constData(), &db_,
-                                   SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         error_ = QStringLiteral("cannot open %1: %2").arg(path, QString::fromUtf8(sqlite3_errstr(rc)));
         close();

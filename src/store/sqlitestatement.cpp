@@ -20,8 +20,7 @@ SqliteStatement::~SqliteStatement()
 
 SqliteStatement::SqliteStatement(SqliteStatement &&other) noexcept
     : stmt_(std::exchange(other.stmt_, nullptr)), rc_(other.rc_)
-{
-}
+{ }
 
 SqliteStatement &SqliteStatement::operator=(SqliteStatement &&other) noexcept
 {
@@ -68,8 +67,7 @@ bool SqliteStatement::next()
 
 bool SqliteStatement::run()
 {
-    while (next()) {
-    }
+    while (next()) { }
     return rc_ == SQLITE_DONE;
 }
 
@@ -93,7 +91,8 @@ QString SqliteStatement::text(int column) const
 std::string_view SqliteStatement::utf8(int column) const
 {
     const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(stmt_, column));
-    return text == nullptr ? std::string_view() : std::string_view(text, std::size_t(sqlite3_column_bytes(stmt_, column)));
+    return text == nullptr ? std::string_view()
+                           : std::string_view(text, std::size_t(sqlite3_column_bytes(stmt_, column)));
 }
 
 int SqliteStatement::bytes(int column) const

@@ -19,17 +19,17 @@ enum class StoredState : int {
 
 /// One chat message, room message or notice, sent or received.
 struct StoredMessage {
-    qint64 id = 0;        ///< recording order in this store, ascending
-    QString conversation; ///< the peer's JID, or the room's
-    QString key;          ///< the message key (unique per conversation and sender)
-    QString sender;       ///< the sender's JID
-    qint64 time = 0;      ///< milliseconds since the epoch: when it was sent or received here
-    QString stamp;        ///< the sender's stamp, as sent
-    QString body;         ///< the text (what the user's level may not read: a placeholder)
-    int bodyType = 0;      ///< MESSAGE_BODY_TYPE
-    int messageType = 0;   ///< MediaInfo::MessageType (chat or room)
-    int securityLevel = 0; ///< the message's level
-    bool outgoing = false; ///< sent by this user
+    qint64 id = 0;                             ///< recording order in this store, ascending
+    QString conversation;                      ///< the peer's JID, or the room's
+    QString key;                               ///< the message key (unique per conversation and sender)
+    QString sender;                            ///< the sender's JID
+    qint64 time = 0;                           ///< milliseconds since the epoch: when it was sent or received here
+    QString stamp;                             ///< the sender's stamp, as sent
+    QString body;                              ///< the text (what the user's level may not read: a placeholder)
+    int bodyType = 0;                          ///< MESSAGE_BODY_TYPE
+    int messageType = 0;                       ///< MediaInfo::MessageType (chat or room)
+    int securityLevel = 0;                     ///< the message's level
+    bool outgoing = false;                     ///< sent by this user
     StoredState state = StoredState::Received; ///< where it stands
 };
 

@@ -43,8 +43,7 @@ void searchWords(sqlite3_context *context, int, sqlite3_value **values)
         sqlite3_result_value(context, values[0]); // no CJK: the words are the text's own
         return;
     }
-    const QByteArray words =
-        SearchText::words(QString::fromUtf8(utf8, bytes)).toUtf8();
+    const QByteArray words = SearchText::words(QString::fromUtf8(utf8, bytes)).toUtf8();
     sqlite3_result_text(context, words.constData(), words.size(), SQLITE_TRANSIENT);
 }
 
@@ -64,7 +63,7 @@ const char *StoreSchema::step(int to)
 bool StoreSchema::registerFunctions(SqliteDatabase &db)
 {
     return sqlite3_create_function(db.handle(), "search_words", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr,
-                                   searchWords, nullptr, nullptr) == SQLITE_OK;
+               searchWords, nullptr, nullptr) == SQLITE_OK;
 }
 
 bool StoreSchema::prepare(SqliteDatabase &db, const QString &path, QString *error)
@@ -76,7 +75,9 @@ bool StoreSchema::prepare(SqliteDatabase &db, const QString &path, QString *erro
     }
     if (version > kVersion) {
         *error = QStringLiteral("%1 was made by a newer pushchat (store version %2, this one reads up to %3)")
-                     .arg(path).arg(version).arg(kVersion);
+                     .arg(path)
+                     .arg(version)
+                     .arg(kVersion);
         return false;
     }
     if (version == 0 && integerOf(db, "SELECT count(*) FROM sqlite_master") > 0) {
@@ -88,8 +89,8 @@ bool StoreSchema::prepare(SqliteDatabase &db, const QString &path, QString *erro
         return false;
     }
     for (int to = version + 1; to <= kVersion; ++to) {
-        const std::string steps = std::string("BEGIN IMMEDIATE;") + step(to) + "PRAGMA user_version=" +
-                                  std::to_string(to) + ";COMMIT;";
+        const std::string steps =
+            std::string("BEGIN IMMEDIATE;") + step(to) + "PRAGMA user_version=" + std::to_string(to) + ";COMMIT;";
         if (!db.exec(steps)) {
             *error = QStringLiteral("cannot bring %1 to store version %2: %3").arg(path).arg(to).arg(db.error());
             db.exec("ROLLBACK");

@@ -25,7 +25,7 @@ std::string next(pushchat_client *client)
 
 bool readable(pushchat_client *client)
 {
-    pollfd fd{pushchat_event_fd(client), POLLIN, 0};
+    pollfd fd{ pushchat_event_fd(client), POLLIN, 0 };
     return poll(&fd, 1, 0) == 1;
 }
 
@@ -34,7 +34,8 @@ bool readable(pushchat_client *client)
 pushchat_client *loggedIn(const std::string &extra)
 {
     const std::string config = R"({"user":"alice","domain":"im","level":3,"device":"capi-test",)"
-                               R"("brokers":["127.0.0.1:1"],)" + extra + "}";
+                               R"("brokers":["127.0.0.1:1"],)" +
+                               extra + "}";
     pushchat_client *client = pushchat_client_new(config.c_str(), nullptr, 0);
     if (client != nullptr)
         pushchat_send(client, R"({"op":"login","id":"in"})");
@@ -59,7 +60,8 @@ TEST(CApi, runsInTheHostsQtApplication)
     EXPECT_EQ(next(client), R"({"event":"onHistoryMessages","json":"{\"messages\":[]}"})");
     EXPECT_EQ(next(client), R"({"event":"result","id":2,"op":"http_history_sync","reason":"","result":1})");
     EXPECT_EQ(server.requestLines().back(),
-              "GET /vantrel_api/instance_message/sync_history_message?user_id=alice@im&msg_uuid=a%2Bb&my_sec_level=3 HTTP/1.1");
+        "GET /vantrel_api/instance_message/sync_history_message?user_id=alice@im&msg_uuid=a%2Bb&my_sec_level=3 "
+        "HTTP/1.1");
 
     // The descriptor follows the queue; a full queue refuses requests.
     // Logged out, the connection attempts stop and the queue holds only

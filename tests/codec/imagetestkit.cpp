@@ -30,7 +30,10 @@ Sandbox *const environment = static_cast<Sandbox *>(::testing::AddGlobalTestEnvi
 
 } // namespace
 
-QString sandbox(const QString &name) { return environment->dir.filePath(name); }
+QString sandbox(const QString &name)
+{
+    return environment->dir.filePath(name);
+}
 
 QString writePicture(QSize size)
 {

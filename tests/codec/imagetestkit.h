@@ -19,7 +19,7 @@ QString writePicture(QSize size);
 
 inline QStringList savedPictures()
 {
-    return QDir(sandbox(QStringLiteral("home/Documents"))).entryList({QStringLiteral("*.jpg")}, QDir::Files);
+    return QDir(sandbox(QStringLiteral("home/Documents"))).entryList({ QStringLiteral("*.jpg") }, QDir::Files);
 }
 
 } // namespace imagetest

@@ -83,14 +83,14 @@ TEST(VantrelCrypt, LayoutAndRoundTripForEveryPolicy)
                 ASSERT_GE(cypher.size(), 3);
                 const bool compress = compression == 1 || (compression == 0 && packed.size() < plain.size());
                 const QByteArray stored = compress ? packed : plain;
-                const QByteArray field = integrity == 1 ? checksum(stored)
-                        : integrity == 2                ? QCryptographicHash::hash(stored, QCryptographicHash::Sha1)
-                                                        : QByteArray();
+                const QByteArray field = integrity == 1   ? checksum(stored)
+                                         : integrity == 2 ? QCryptographicHash::hash(stored, QCryptographicHash::Sha1)
+                                                          : QByteArray();
                 const int flags = (compress ? 1 : 0) | (integrity == 1 ? 2 : 0) | (integrity == 2 ? 4 : 0);
                 EXPECT_EQ(cypher, reference(flags, char(uchar(cypher[2]) ^ uchar(kKey)) + field + stored));
                 const QByteArray back = reader.decryptToByteArray(cypher);
                 EXPECT_EQ(
-                        fields(back.isNull(), back, writer.lastStatus, reader.lastStatus), fields(false, plain, 0, 0));
+                    fields(back.isNull(), back, writer.lastStatus, reader.lastStatus), fields(false, plain, 0, 0));
             }
         }
     }
@@ -107,16 +107,16 @@ TEST(VantrelCrypt, Refused)
         return fields(result.isNull(), result, crypt.lastStatus);
     };
     EXPECT_EQ(fields(decrypt("\x03"), decrypt("\x03\x02"), decrypt(QByteArray("\x02\x00\x00\x00", 4)),
-                      decrypt(reference(1, QByteArray("\x5A\0\0\0\x10garbage!", 13)))),
-            "1||1|1||1|1||2|1||0");
+                  decrypt(reference(1, QByteArray("\x5A\0\0\0\x10garbage!", 13)))),
+        "1||1|1||1|1||2|1||0");
 }
 
 TEST(VantrelCrypt, NoKeyUntilSetAndTextForms)
 {
     VantrelCrypt crypt, other;
     EXPECT_EQ(fields(crypt.encryptToByteArray(QByteArray("x")).isNull(), crypt.lastStatus,
-                      other.decryptToByteArray(reference(0, "xx")).isNull(), other.lastStatus),
-            "1|1|1|1");
+                  other.decryptToByteArray(reference(0, "xx")).isNull(), other.lastStatus),
+        "1|1|1|1");
     // Base 64 both ways; the payload is UTF-8 and a NUL inside is kept.
     crypt.setKey(kKey);
     const QString plain = QString::fromUtf8("Grüße 😀") + QChar(0) + QStringLiteral("after");
@@ -143,7 +143,7 @@ TEST(Deflater, MatchesQCompress)
             periodic[i] = i < period || rng() % 64 == 0 ? char(rng()) : periodic[i - period];
         }
         for (const QByteArray &data : { binary, nibbles, periodic, text(size, rng()), QByteArray(size, '\0'),
-                     randomBytes(size, rng()), size % 97 ? QByteArray() : text(5000, 7) })
+                 randomBytes(size, rng()), size % 97 ? QByteArray() : text(5000, 7) })
             ASSERT_EQ(deflater.compress(data), qCompress(data, 9)) << "size " << size;
     }
 }
@@ -157,15 +157,17 @@ TEST(Inflater, SoundWithinTheLimitNothingPastIt)
     const int limit = 70000;
     for (int size : { 1, 300, 70000, 70001, 4000000 }) {
         for (quint32 claim : { quint32(size), 0u, 1u, quint32(size) - 1, quint32(limit), quint32(limit) + 1,
-                     0x7FFFFFE8u, 0xFFFFFFFFu }) {
+                 0x7FFFFFE8u, 0xFFFFFFFFu }) {
             const QByteArray data = size > 100000 ? QByteArray(size, 'x') : text(size, 1);
             QByteArray packed = qCompress(data, 9);
             qToBigEndian(claim, packed.data());
             R result = R::Damaged;
-            const QByteArray out = Inflater::forThisThread().uncompress(packed.constData(), packed.size(), limit, &result);
+            const QByteArray out =
+                Inflater::forThisThread().uncompress(packed.constData(), packed.size(), limit, &result);
             const bool fits = size <= limit && claim <= quint32(limit);
-            EXPECT_EQ(fields(out == (fits ? data : QByteArray()), int(result)), fields(true, int(fits ? R::Ok : R::TooLarge)))
-                    << size << " claims " << claim;
+            EXPECT_EQ(
+                fields(out == (fits ? data : QByteArray()), int(result)), fields(true, int(fits ? R::Ok : R::TooLarge)))
+                << size << " claims " << claim;
         }
     }
     R result = R::Ok;
@@ -188,7 +190,7 @@ TEST(Base64AndCrc, MatchQt)
             text[int(rng() % uint(text.size()))] = char(rng());
         text.truncate(round % 4 == 2 ? int(rng() % uint(text.size() + 1)) : text.size());
         ASSERT_EQ(Base64::decode(text.constData(), text.size()), QByteArray::fromBase64(text))
-                << text.toHex().constData();
+            << text.toHex().constData();
         ASSERT_EQ(Crc16::x25(raw.constData(), raw.size()), qChecksum(raw.constData(), uint(raw.size())));
     }
 }
@@ -211,9 +213,9 @@ TEST(JsonKeyCheck, RepeatedKeysAndFlatTexts)
     for (const auto &row : rows) {
         const QByteArray json(row.json);
         EXPECT_EQ(fields(JsonKeyCheck::hasRepeatedKey(row.json), JsonKeyCheck::isFlat(row.json)),
-                fields(row.repeated, row.flat))
-                << row.json;
+            fields(row.repeated, row.flat))
+            << row.json;
         EXPECT_EQ(
-                JsonKeyCheck::parse(json), row.repeated && !row.flat ? QJsonDocument() : QJsonDocument::fromJson(json));
+            JsonKeyCheck::parse(json), row.repeated && !row.flat ? QJsonDocument() : QJsonDocument::fromJson(json));
     }
 }

@@ -15,7 +15,10 @@
 
 namespace {
 
-std::string sizeText(QSize size) { return std::to_string(size.width()) + "x" + std::to_string(size.height()); }
+std::string sizeText(QSize size)
+{
+    return std::to_string(size.width()) + "x" + std::to_string(size.height());
+}
 
 // "attempts: candidate ..." with "=" before a candidate kept unscaled, then
 // "|" and the size returned.
@@ -34,7 +37,10 @@ std::string shrinkLine(const QString &path, float rate)
     return line + "|" + sizeText(image.size());
 }
 
-QString decode(QString text) { return ImageCodec().getDecodeImagePath(text); }
+QString decode(QString text)
+{
+    return ImageCodec().getDecodeImagePath(text);
+}
 
 // A 16 x 16 JPEG; its frame header may claim another size.
 QByteArray jpeg(QSize claimed = {})
@@ -149,11 +155,11 @@ TEST(MessageTools, BodiesConvertBetweenSendingAndReceivingForms)
     } rows[] = { { "hello", R"({"body":"hello","type":"text"})" }, { R"({ "type": "text" })", R"({ "type": "text" })" },
         { R"({ "z": [true, null], "type": "Text" })", R"({"type":"Text","z":[true,null]})" },
         { R"({"type":"v","a":{"x":[1]},"a":{"y":[4]}})",
-                R"({"body":"{\"type\":\"v\",\"a\":{\"x\":[1]},\"a\":{\"y\":[4]}}","type":"text"})" },
+            R"({"body":"{\"type\":\"v\",\"a\":{\"x\":[1]},\"a\":{\"y\":[4]}}","type":"text"})" },
         { R"({"type":"image_with_path","body":"/none/x.png","remote_url":"u"})",
-                R"({"body":"","remote_url":"u","type":"image_encode"})" },
+            R"({"body":"","remote_url":"u","type":"image_encode"})" },
         { R"({"type":"image_encode","body":["x"],"remote_url":7})",
-                R"({"body":"","remote_url":"","type":"image_with_path"})" } };
+            R"({"body":"","remote_url":"","type":"image_with_path"})" } };
     for (const auto &row : rows)
         EXPECT_EQ(tools.parserMessage(QString::fromUtf8(row.in)), QString::fromUtf8(row.out)) << row.in;
 }

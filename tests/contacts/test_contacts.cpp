@@ -13,7 +13,10 @@ using namespace kit;
 
 namespace {
 
-std::string record(const Contact &c) { return fields(c.name, c.phone, c.sex, c.photoPath, c.address, c.text7); }
+std::string record(const Contact &c)
+{
+    return fields(c.name, c.phone, c.sex, c.photoPath, c.address, c.text7);
+}
 
 } // namespace
 
@@ -23,19 +26,19 @@ TEST(Friends, CommandsOnTheWire)
     checkRows({
         { "add", KIT_CALL(addFriend("x@y", "bob", "我是 alice")), 1, 0, "s/f/c/bob@im.test/a" + bob + "我是 alice" },
         { "accept", KIT_CALL(acceptFriend("", "bob@im.test", "welcome")), 1, 0,
-          "s/f/i/bob@im.test/a" + bob + "welcome" },
+            "s/f/i/bob@im.test/a" + bob + "welcome" },
         { "delete", KIT_CALL(delFriend("", "bob")), 1, 0, "s/f/c/bob@im.test/d" + bob + "nothing" },
         { "properties", KIT_CALL(setFriendPropoties("", "bob", "{}")), 1, 0, server + "s" + bob + "{}" },
         { "properties, full id", KIT_CALL(setFriendPropoties("", "x@", "p")), 1, 0,
-          server + "s|2|alice@im.test|x@|9999|0|16|||p" },
+            server + "s|2|alice@im.test|x@|9999|0|16|||p" },
         { "list", KIT_CALL(listFriends(-2, 20, "游标\"9")), 1, 0,
-          server +
-              R"(l|2|alice@im.test|server@im.test|9999|0|16|||{"count":20,"last_friend_id":"游标\"9","type":-2})" },
+            server +
+                R"(l|2|alice@im.test|server@im.test|9999|0|16|||{"count":20,"last_friend_id":"游标\"9","type":-2})" },
     });
     EXPECT_TRUE(net().bobApp.log.waitFor([](const Lines &l) {
         return countWith(l, "friendAdded|alice@im.test|bob@im.test|我是 alice") +
-            countWith(l, "friendDeleted|alice@im.test|bob@im.test|1") ==
-            2;
+                   countWith(l, "friendDeleted|alice@im.test|bob@im.test|1") ==
+               2;
     }));
 }
 
@@ -45,13 +48,11 @@ TEST(Friends, IncomingCommands)
     ASSERT_TRUE(net().up);
     const std::string carol = "carol@im.test|alice@im.test|";
     checkIncoming(net().aliceApp, "alice@im.test",
-                  { { "s/f/c/%/a", "加我", 1, { "friendAdded|" + carol + "加我" } },
-                    { "s/f/i/%/a", "ok", 1, { "friendAccepted|" + carol + "1" } },
-                    { "s/f/c/%/d", "nothing", 1, { "friendDeleted|" + carol + "1" } },
-                    { "s/f/i/%/l", "[{\"jid\": x", 1, { "friendList|[{\"jid\": x" } },
-                    { "s/f/c/%/s", "{}", 1, {} },
-                    { "s/f/c/%/l", "{}", 1, {} },
-                    { "s/f/i/%/d", "gone", 1, {} } });
+        { { "s/f/c/%/a", "加我", 1, { "friendAdded|" + carol + "加我" } },
+            { "s/f/i/%/a", "ok", 1, { "friendAccepted|" + carol + "1" } },
+            { "s/f/c/%/d", "nothing", 1, { "friendDeleted|" + carol + "1" } },
+            { "s/f/i/%/l", "[{\"jid\": x", 1, { "friendList|[{\"jid\": x" } }, { "s/f/c/%/s", "{}", 1, {} },
+            { "s/f/c/%/l", "{}", 1, {} }, { "s/f/i/%/d", "gone", 1, {} } });
 }
 
 TEST(ContactManager, JsonToContactRules)
@@ -64,7 +65,7 @@ TEST(ContactManager, JsonToContactRules)
     } rows[] = {
         { R"({"name":"A","phone":["1","2"],"sex":""})", true, "A|2|f|/old.jpg|street|t7" },
         { R"({"name":7,"sex":null,"address":"长街","photo_path":"/p.jpg","phone":[],"x":1})", true,
-          "|000|f|/p.jpg|长街|t7" },
+            "|000|f|/p.jpg|长街|t7" },
         { R"({"phone":"12","name":null,"address":5,"sex":"m"})", true, "old|000|m|/old.jpg|street|t7" },
         { "{}", false, record(base) },
         { "[1]", false, record(base) },

@@ -71,8 +71,8 @@ public:
 };
 
 /// An enciphered envelope with key "k" and stamp "st".
-inline std::string seal(const QString &from, const QString &to, const QString &body, int level, int bodyType = 0,
-                        int msgType = 1)
+inline std::string seal(
+    const QString &from, const QString &to, const QString &body, int level, int bodyType = 0, int msgType = 1)
 {
     MQTTMessage m(nullptr, true);
     m.fromText(from, to, body, MediaInfo::MessageType(msgType), level, MESSAGE_BODY_TYPE(bodyType), "k", "st");
@@ -91,8 +91,8 @@ inline std::string render(const std::string &topic, int qos, const std::string &
 
 inline std::size_t countWith(const Lines &lines, const std::string &text)
 {
-    return std::size_t(std::count_if(lines.begin(), lines.end(),
-                                     [&](const std::string &l) { return l.find(text) != std::string::npos; }));
+    return std::size_t(std::count_if(
+        lines.begin(), lines.end(), [&](const std::string &l) { return l.find(text) != std::string::npos; }));
 }
 
 class Wire : public PushEventReciever {
@@ -177,15 +177,15 @@ inline Lines subscriptions(const MosquittoBroker &broker, const std::string &cli
         if (!text.empty() && text[0] == '\t' && !mark.empty())
             out.push_back(mark + text.substr(1, text.find(" (QoS") - 1));
         else
-            mark = text == "Received SUBSCRIBE from " + client  ? "+"
-                : text == "Received UNSUBSCRIBE from " + client ? "-"
-                                                                : "";
+            mark = text == "Received SUBSCRIBE from " + client     ? "+"
+                   : text == "Received UNSUBSCRIBE from " + client ? "-"
+                                                                   : "";
     }
     return out;
 }
 
-inline bool login(Message_lib &lib, const MosquittoBroker &broker, const char *user, int level,
-                  const char *domain = "im.test")
+inline bool login(
+    Message_lib &lib, const MosquittoBroker &broker, const char *user, int level, const char *domain = "im.test")
 {
     return lib.registerToImServer(broker.host(), broker.port(), user, QString(), level, domain, QString()) == 1;
 }
@@ -196,8 +196,8 @@ inline bool online(App &app, Wire &wire, const std::string &jid, std::size_t n =
 {
     const auto startups = [&](const Lines &l) {
         return std::count_if(l.begin(), l.end(), [&](const std::string &s) {
-                   return s.find("|2|" + jid + "|") != std::string::npos && s.find("APP_STARTUP") != std::string::npos;
-               }) >= long(n);
+            return s.find("|2|" + jid + "|") != std::string::npos && s.find("APP_STARTUP") != std::string::npos;
+        }) >= long(n);
     };
     return app.log.waitForPrefix("connected", n) && wire.log.waitFor(startups);
 }
@@ -211,7 +211,8 @@ struct Net {
     Message_lib alice{ &aliceApp, &aliceApp, "dev-a", "Alice Desk" };
     Message_lib bob{ &bobApp, &bobApp, "dev-b", "Bob Desk" };
     const bool up = broker.start() && wire.start(broker) && login(alice, broker, "alice", 5) &&
-        login(bob, broker, "bob", 5) && online(aliceApp, wire, "alice@im.test") && online(bobApp, wire, "bob@im.test");
+                    login(bob, broker, "bob", 5) && online(aliceApp, wire, "alice@im.test") &&
+                    online(bobApp, wire, "bob@im.test");
 };
 
 /// The executable's broker, started by the first test that asks.
@@ -261,7 +262,7 @@ inline bool delivered(App &app, const std::string &jid)
     static std::atomic<int> marks{ 0 };
     const std::string mark = "fence " + std::to_string(++marks);
     return net().wire.publish("m/i/" + jid + "/d", seal("wire", "", mark.c_str(), 9999)) &&
-        app.log.waitForPrefix("presence|wire|" + mark);
+           app.log.waitForPrefix("presence|wire|" + mark);
 }
 
 /// Each row, then a presence as a fence: what `app` logged in between.

@@ -22,7 +22,7 @@ inline PushClientOptions fast(std::size_t maxPending = 1000)
 /// and keeps the last other text (a presence as "from|body").
 class Counter : public ImEventReciever, public PushEventReciever {
 public:
-    explicit Counter(int size = 0) : seen_(std::size_t(size)) {}
+    explicit Counter(int size = 0) : seen_(std::size_t(size)) { }
     std::atomic<int> connects{ 0 }, disconnects{ 0 };
     void onConnected() override { ++connects; }
     void onDisconnected() override { ++disconnects; }
@@ -55,7 +55,8 @@ public:
             delivered += n > 0;
             duplicated += std::max(0, n - 1);
         }
-        std::printf("%s: sent %d, delivered %d, lost %zu, duplicated %d\n", run, sent, delivered, lost.size(), duplicated);
+        std::printf(
+            "%s: sent %d, delivered %d, lost %zu, duplicated %d\n", run, sent, delivered, lost.size(), duplicated);
         return { lost, duplicated };
     }
 

@@ -52,7 +52,8 @@ TEST(Cluster, NoUserReadsAnotherUsersTopics)
         auto &[m, spy] = spies[i];
         m = mosquitto_new(("alice@im.test@spy" + std::to_string(i)).c_str(), false, &spy);
         mosquitto_username_pw_set(m, "alice", "alice");
-        mosquitto_message_callback_set(m, [](mosquitto *, void *heard, const mosquitto_message *) { ++*static_cast<int *>(heard); });
+        mosquitto_message_callback_set(
+            m, [](mosquitto *, void *heard, const mosquitto_message *) { ++*static_cast<int *>(heard); });
         ASSERT_EQ(mosquitto_connect(m, cluster().host(), cluster().port(int(i / 3) + 1), 30), MOSQ_ERR_SUCCESS);
         mosquitto_subscribe(m, nullptr, filters[i % 3], 1);
     }
@@ -93,7 +94,8 @@ TEST(Cluster, ABurstOutlivesTheReceiversNode)
     QStringList args{ "--server-jid", "server@im.test", "--max-qos", "1", "--username", "server", "--http-port", "0" };
     for (int i = 0; i < RabbitCluster::kNodes; ++i)
         args << "--broker" << QString("127.0.0.1:%1").arg(cluster().port((i + 1) % RabbitCluster::kNodes + 1));
-    ASSERT_NE(startDevServer(server, PUSHCHAT_DEVSERVER, args, QString::fromStdString(cluster().dir() + "/server.jsonl")), 0);
+    ASSERT_NE(
+        startDevServer(server, PUSHCHAT_DEVSERVER, args, QString::fromStdString(cluster().dir() + "/server.jsonl")), 0);
     User alice = on(1, "alice", 0), bob = on(2, "bob", kBurst + 1);
     std::atomic<int> accepted{ 0 };
     std::thread sender([&] { sendAll(alice.lib, "bob", kBurst, &accepted); });

@@ -23,19 +23,17 @@ PushClientOptions secured(const std::string &d, const char *user, const char *pw
 struct Spy : PushEventReciever {
     EventLog log;
     void messgeRecievedMore(int, char *topic, void *, int, int, bool) override { log.add(topic); }
-    void connectStatus(bool) override {}
+    void connectStatus(bool) override { }
 };
 
 bool chat(Message_lib &from, const char *to, App &toApp, const QString &text, std::chrono::milliseconds limit = 15s)
 {
     return from.sendTextMessageTo("", to, 5, text, BODY_TYPE_DEFAULT, false, "k", "st") == 1 &&
-           toApp.log.waitFor([&](const Lines &l) { return countWith(l, "|" + text.toStdString() + "|") == 1; },
-                             limit);
+           toApp.log.waitFor([&](const Lines &l) { return countWith(l, "|" + text.toStdString() + "|") == 1; }, limit);
 }
 
 // Logs in `lib` to port `port` with `options`; with `wait`, true once connected.
-bool connect(Message_lib &lib, App &app, const PushClientOptions &options, const char *user, int port,
-             bool wait = true)
+bool connect(Message_lib &lib, App &app, const PushClientOptions &options, const char *user, int port, bool wait = true)
 {
     lib.setPushClientOptions(options);
     lib.registerToImServer("127.0.0.1", port, user, "", 5, "im.test", "");
@@ -53,8 +51,8 @@ TEST(Connection, TlsPasswordsAndAccessRules)
     // A second listener shows a certificate for another host name.
     const int elsewhere = MosquittoBroker::freePort();
     MosquittoBroker broker({ false, false,
-                             tls("server") + "password_file " + dir + "passwd\nacl_file " BROKER_ACL "\nlistener " +
-                                 std::to_string(elsewhere) + " 127.0.0.1\n" + tls("elsewhere") });
+        tls("server") + "password_file " + dir + "passwd\nacl_file " BROKER_ACL "\nlistener " +
+            std::to_string(elsewhere) + " 127.0.0.1\n" + tls("elsewhere") });
     ASSERT_TRUE(broker.start()) << broker.log();
 
     // alice and bob chat over TLS with their passwords; a client logged in
@@ -85,7 +83,7 @@ TEST(Connection, TlsPasswordsAndAccessRules)
         { secured(dir, "alice", "guess"), port, PushConnectionError::NotAuthorised, "not authorised" },
         { secured(dir, ""), port, PushConnectionError::NotAuthorised, "not authorised" },
         { secured(dir, "alice", "secret", ""), port, PushConnectionError::CertificateRejected,
-          "certificate verify failed" },
+            "certificate verify failed" },
         { secured(dir, "alice"), elsewhere, PushConnectionError::HostNameMismatch, "host name verification failed" },
     };
     const std::size_t logged = broker.log().size();
@@ -103,8 +101,8 @@ TEST(Connection, TlsPasswordsAndAccessRules)
     for (std::size_t i = 0; i < refused.size(); ++i) {
         const auto &[options, to, error, reason] = refusals[i];
         EXPECT_EQ(fields(apps[i].log.lines().size(), refused[i]->lastConnectionError(),
-                         refused[i]->lastConnectionErrorText().contains(reason)),
-                  fields(1, error, true)) // one "disconnected"
+                      refused[i]->lastConnectionErrorText().contains(reason)),
+            fields(1, error, true)) // one "disconnected"
             << refused[i]->lastConnectionErrorText().toStdString();
     }
     // The other host name's certificate, by an unknown CA, taken unverified by explicit choice.
@@ -117,8 +115,8 @@ TEST(Connection, FailoverThroughABridge)
 {
     MosquittoBroker first;
     ASSERT_TRUE(first.start()) << first.log();
-    MosquittoBroker second({ true, false, "connection first\naddress 127.0.0.1:" + std::to_string(first.port()) +
-                                              "\ntopic # both 2\n" });
+    MosquittoBroker second(
+        { true, false, "connection first\naddress 127.0.0.1:" + std::to_string(first.port()) + "\ntopic # both 2\n" });
     ASSERT_TRUE(second.start()) << second.log();
 
     // alice on the first broker, bob on the second; when the first goes
@@ -128,8 +126,8 @@ TEST(Connection, FailoverThroughABridge)
     Message_lib alice{ &aliceApp, &aliceApp, "a", "" }, bob{ &bobApp, &bobApp, "b", "" };
     PushClientOptions failover;
     failover.failover = { { second.host(), second.port() } };
-    ASSERT_TRUE(connect(alice, aliceApp, failover, "alice", first.port()) &&
-                connect(bob, bobApp, {}, "bob", second.port()));
+    ASSERT_TRUE(
+        connect(alice, aliceApp, failover, "alice", first.port()) && connect(bob, bobApp, {}, "bob", second.port()));
     // Again and again, until the bridge carries one.
     ASSERT_TRUE(eventually([&, n = 0]() mutable { return chat(alice, "bob", bobApp, QString("b%1").arg(++n), 1s); }));
 

@@ -20,7 +20,7 @@ std::string sys(const char *topic, const char *to = "server@im.test")
 std::string presence(const char *device, const char *name, const char *text, int type)
 {
     return R"({"device_id":")" + std::string(device) + R"(","device_name":")" + name + R"(","text":")" + text +
-        R"(","type":)" + std::to_string(type) + "}";
+           R"(","type":)" + std::to_string(type) + "}";
 }
 
 // An enciphered envelope whose body is `size` bytes of "x", compressed, its
@@ -45,46 +45,47 @@ TEST(Engine, CommandsOnTheWire)
     const std::string bob = "|2|alice@im.test|bob@im.test|";
     checkRows({
         { "chat to a bare id",
-          [](Message_lib &l) {
-              return l.sendTextMessageTo("x@y", "bob", 3, "hi", BODY_TYPE_DEFAULT, false, "k", "st");
-          },
-          1, 0, "m/i/bob@im.test/n" + bob + "3|0|1|k|st|hi" },
+            [](Message_lib &l) {
+                return l.sendTextMessageTo("x@y", "bob", 3, "hi", BODY_TYPE_DEFAULT, false, "k", "st");
+            },
+            1, 0, "m/i/bob@im.test/n" + bob + "3|0|1|k|st|hi" },
         { "chat to a room",
-          [](Message_lib &l) {
-              return l.sendTextMessageTo("", "r@y", 7, "all", MESSAGE_BODY_TYPE(3), true, "k", "st");
-          },
-          1, 0, "m/i/r@y/n|2|alice@im.test|r@y|7|3|4|k|st|all" },
+            [](Message_lib &l) {
+                return l.sendTextMessageTo("", "r@y", 7, "all", MESSAGE_BODY_TYPE(3), true, "k", "st");
+            },
+            1, 0, "m/i/r@y/n|2|alice@im.test|r@y|7|3|4|k|st|all" },
         { "notice", KIT_CALL(sendTextMessageTo("", "bob", 3, "note", BODY_TYPE_NOTICE, false, "k", "st")), 1, 0,
-          "m/ntc/" + bob + "9999|7|1|k|st|note" },
+            "m/ntc/" + bob + "9999|7|1|k|st|note" },
         { "location", KIT_CALL(sendLocation("bob@im.test", "31.23", "北纬")), 1, 0,
-          "LOCATION/bob@im.test|0|31.23:北纬" },
+            "LOCATION/bob@im.test|0|31.23:北纬" },
         { "status", KIT_CALL(modifyMessageStatus("msg-1", MSG_STATUS(3))), 1, 1,
-          sys("m/i/server@im.test/m") + R"({"status":3,"uuid":"msg-1"})" },
+            sys("m/i/server@im.test/m") + R"({"status":3,"uuid":"msg-1"})" },
         { "conversations", KIT_VOID(fetchConversations(MediaInfo::MessageType(1), 0, 20)), kNone, kNone,
-          sys("s/h/c/server@im.test/c") + R"({"message_type":1,"my_sec_level":5,"page":0,"pagesize":20})" },
+            sys("s/h/c/server@im.test/c") + R"({"message_type":1,"my_sec_level":5,"page":0,"pagesize":20})" },
         { "detail", KIT_VOID(getMsgByConvid("c1", 2, 10)), kNone, kNone,
-          sys("s/h/c/server@im.test/vd") + R"({"conv_id":"c1","my_sec_level":5,"page":2,"pagesize":10})" },
+            sys("s/h/c/server@im.test/vd") + R"({"conv_id":"c1","my_sec_level":5,"page":2,"pagesize":10})" },
         { "sync", KIT_VOID(startSyncMessage("u-1")), kNone, kNone,
-          sys("s/h/c/server@im.test/l") + R"({"msg_uuid":"u-1","my_sec_level":5})" },
+            sys("s/h/c/server@im.test/l") + R"({"msg_uuid":"u-1","my_sec_level":5})" },
         { "pull", KIT_VOID(startPullMessage(2, 30, 15, "u-2")), kNone, kNone,
-          sys("s/h/c/server@im.test/l") +
-              R"({"count":15,"msg_uuid":"u-2","my_sec_level":5,"pull_type":2,"start":30})" },
+            sys("s/h/c/server@im.test/l") +
+                R"({"count":15,"msg_uuid":"u-2","my_sec_level":5,"pull_type":2,"start":30})" },
         { "control", KIT_CALL(remoteDesktopControl("x@y", "bob", "may I?")), 1, 0,
-          sys("s/r/c/bob@im.test/c", "bob@im.test") + "may I?" },
+            sys("s/r/c/bob@im.test/c", "bob@im.test") + "may I?" },
         { "be controlled", KIT_CALL(remoteDesktopBeControl("", "bob@im.test", "vnc — 请")), 1, 0,
-          sys("s/r/c/bob@im.test/b", "bob@im.test") + "vnc — 请" },
+            sys("s/r/c/bob@im.test/b", "bob@im.test") + "vnc — 请" },
         { "control reply", KIT_CALL(remoteDesktopControlReply("", "bob", "")), 1, 0,
-          sys("s/r/i/bob@im.test/c", "bob@im.test") },
+            sys("s/r/i/bob@im.test/c", "bob@im.test") },
         { "be controlled reply", KIT_CALL(remoteDesktopBeControlReply("", "bob", "ok")), 1, 0,
-          sys("s/r/i/bob@im.test/b", "bob@im.test") + "ok" },
+            sys("s/r/i/bob@im.test/b", "bob@im.test") + "ok" },
         // Refused before anything is published: the wire's line is the next row's.
-        { "addressees that fail the JID check", [](Message_lib &l) {
-              return l.sendTextMessageTo("", "#", 3, "x", BODY_TYPE_DEFAULT, false, "", "") +
-                  l.sendTextMessageTo("", "a/b", 3, "x", BODY_TYPE_NOTICE, false, "", "") +
-                  l.sendLocation("+", "1", "2") + l.createMucRoom("r\x01", "n", "", ROOM_TYPE(3)) +
-                  l.sendLocation("bob@im.test", "0", "0");
-          },
-          1, 0, "LOCATION/bob@im.test|0|0:0" },
+        { "addressees that fail the JID check",
+            [](Message_lib &l) {
+                return l.sendTextMessageTo("", "#", 3, "x", BODY_TYPE_DEFAULT, false, "", "") +
+                       l.sendTextMessageTo("", "a/b", 3, "x", BODY_TYPE_NOTICE, false, "", "") +
+                       l.sendLocation("+", "1", "2") + l.createMucRoom("r\x01", "n", "", ROOM_TYPE(3)) +
+                       l.sendLocation("bob@im.test", "0", "0");
+            },
+            1, 0, "LOCATION/bob@im.test|0|0:0" },
     });
     // Between façades: bob (level 5) hears alice's chat at level 3, and her request.
     const std::string chat = fields("message|alice@im.test|bob@im.test", kUnreadable, "0|1|k|st|0");
@@ -99,22 +100,18 @@ TEST(Engine, IncomingMessages)
     ASSERT_TRUE(net().up);
     const std::string carol = "carol@im.test|alice@im.test|", startup = R"({"text":"APP_STARTUP","type":1})";
     checkIncoming(net().aliceApp, "alice@im.test",
-                  { { "m/i/%/n", "at 4", 4, { "message|" + carol + kUnreadable + "|0|1|k|st|0" } },
-                    { "m/i/%/n", "at 5", 5, { "message|" + carol + "at 5|0|1|k|st|1" } },
-                    { "m/i/%/n", "garbage", kNone, {} },
-                    { "m/ntc/", "notice", 3, { "message|" + carol + "notice|0|1|k|st|1" } },
-                    { "m/ntc/", "garbage", kNone, { "message||||0|0|||1" } },
-                    { "m/i/%/d", startup, 1, { "presence|carol@im.test|" + startup } },
-                    { "m/i/%/c", "{}", 1, {} },
-                    { "m/i/%/c", R"({"modifier":"c@d","status":4,"uuid":"u-1"})", 1, { "status|c@d|u-1|4" } },
-                    { "m/i/%/m", R"({"uuid":"u-1"})", 1, {} },
-                    { "s/h/i/%/l", "", 1, { "history|" } },
-                    { "s/h/i/%/c", "[1]", 1, { "conversations|[1]" } },
-                    { "s/h/i/%/vd", "详情 {", 1, { "detail|详情 {" } },
-                    { "s/r/c/%/c", "a", 1, { "rdControlRequest|" + carol + "a" } },
-                    { "s/r/c/%/b", "b", 1, { "rdBeControlRequest|" + carol + "b" } },
-                    { "s/r/i/%/c", "c", 1, { "rdControlResponse|" + carol + "c" } },
-                    { "s/r/i/%/b", "", 1, { "rdBeControlResponse|" + carol } } });
+        { { "m/i/%/n", "at 4", 4, { "message|" + carol + kUnreadable + "|0|1|k|st|0" } },
+            { "m/i/%/n", "at 5", 5, { "message|" + carol + "at 5|0|1|k|st|1" } }, { "m/i/%/n", "garbage", kNone, {} },
+            { "m/ntc/", "notice", 3, { "message|" + carol + "notice|0|1|k|st|1" } },
+            { "m/ntc/", "garbage", kNone, { "message||||0|0|||1" } },
+            { "m/i/%/d", startup, 1, { "presence|carol@im.test|" + startup } }, { "m/i/%/c", "{}", 1, {} },
+            { "m/i/%/c", R"({"modifier":"c@d","status":4,"uuid":"u-1"})", 1, { "status|c@d|u-1|4" } },
+            { "m/i/%/m", R"({"uuid":"u-1"})", 1, {} }, { "s/h/i/%/l", "", 1, { "history|" } },
+            { "s/h/i/%/c", "[1]", 1, { "conversations|[1]" } }, { "s/h/i/%/vd", "详情 {", 1, { "detail|详情 {" } },
+            { "s/r/c/%/c", "a", 1, { "rdControlRequest|" + carol + "a" } },
+            { "s/r/c/%/b", "b", 1, { "rdBeControlRequest|" + carol + "b" } },
+            { "s/r/i/%/c", "c", 1, { "rdControlResponse|" + carol + "c" } },
+            { "s/r/i/%/b", "", 1, { "rdBeControlResponse|" + carol } } });
 }
 
 TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
@@ -135,15 +132,15 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         // then the room list request and APP_STARTUP.
         Lines topics;
         for (const char *family :
-             { "m/i/", "s/g/i/", "s/g/c/", "s/c/c/", "s/c/i/", "s/f/c/", "s/f/i/", "s/r/c/", "s/r/i/", "s/h/i/" })
+            { "m/i/", "s/g/i/", "s/g/c/", "s/c/c/", "s/c/i/", "s/f/c/", "s/f/i/", "s/r/c/", "s/r/i/", "s/h/i/" })
             topics.push_back("+" + std::string(family) + "dave@im.test/#");
         topics.push_back("+m/ntc/#");
         EXPECT_EQ(subscriptions(n.broker, id), topics);
         const std::string head = "|2|dave@im.test|server@im.test|9999|0|16|||";
         ASSERT_TRUE(n.wire.fence());
         EXPECT_EQ(n.wire.linesOf(mark, "dave"),
-                  (Lines{ "s/g/c/server@im.test/f" + head + "empty_message",
-                          "m/i/server@im.test/d" + head + presence("dev-d", "Dave Desk", "APP_STARTUP", 1) }));
+            (Lines{ "s/g/c/server@im.test/f" + head + "empty_message",
+                "m/i/server@im.test/d" + head + presence("dev-d", "Dave Desk", "APP_STARTUP", 1) }));
 
         EXPECT_EQ(engine->subscribe_message_group({ "r1@conference.im.test" }), 1);
         mark = n.wire.log.lines().size();
@@ -171,9 +168,9 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         const Lines all = serverApp.log.lines();
         Lines out; // dave's: the server's own startup may still arrive meanwhile
         std::copy_if(all.begin() + long(heard), all.end(), std::back_inserter(out),
-                     [](const std::string &l) { return l.find("|dave@im.test|") != std::string::npos; });
+            [](const std::string &l) { return l.find("|dave@im.test|") != std::string::npos; });
         EXPECT_EQ(fields(out.size(), countWith(out, "|burst|"), out.empty() ? "" : out.back()),
-                  fields(301, 300, "presence|dave@im.test|" + presence("dev-d", "Dave Desk", "APP_QUIT", 0)));
+            fields(301, 300, "presence|dave@im.test|" + presence("dev-d", "Dave Desk", "APP_QUIT", 0)));
         EXPECT_TRUE(eventually([&] { return subscriptions(n.broker, id).size() == topics.size() + 12; }));
         ASSERT_TRUE(n.wire.publish("m/i/dave@im.test/n", seal("c@im.test", "dave@im.test", "while out", 5)));
         ASSERT_TRUE(n.wire.publish("m/i/r1@conference.im.test/n", seal("c@im.test", "r1", "room while out", 5)));
@@ -193,9 +190,8 @@ TEST(Engine, LifecycleRoomsLogoutAndLoginAgain)
         // With the delivery level capped at 1 (a broker without QoS 2).
         dave.setMaxQos(1);
         ASSERT_TRUE(login(dave, n.broker, "dave", 3));
-        EXPECT_TRUE(eventually([&] {
-            return countWith(n.wire.after(mark), "m/i/hub@im.test/d|1|dave@im.test|hub@im.test|") == 1;
-        }));
+        EXPECT_TRUE(eventually(
+            [&] { return countWith(n.wire.after(mark), "m/i/hub@im.test/d|1|dave@im.test|hub@im.test|") == 1; }));
         EXPECT_EQ(dave.sendTextMessageTo("", "bob", 3, "capped", BODY_TYPE_DEFAULT, false, "k", "st"), 1);
         EXPECT_TRUE(eventually([&] { return countWith(n.wire.after(mark), "m/i/bob@im.test/n|1|dave") == 1; }));
     }
@@ -219,7 +215,7 @@ TEST(Engine, HostileInputIsBounded)
     App app;
     Message_lib eve(&app, &app, "dev-e", "Eve Desk");
     for (const QString &id : { Q(""), Q("e+"), Q("e#"), Q("e/f"), Q("e@f"), Q("e\x7f"), Q("e\xc2\x85"),
-                               Q("e") + QChar(0xD800), Q(300, 'e') }) {
+             Q("e") + QChar(0xD800), Q(300, 'e') }) {
         EXPECT_EQ(eve.registerToImServer(n.broker.host(), n.broker.port(), id, "", 5, "im.test", ""), 0);
         EXPECT_TRUE(eve.lastConnectionErrorText().startsWith("login refused: the user id ")) << id.toStdString();
     }
@@ -229,11 +225,13 @@ TEST(Engine, HostileInputIsBounded)
 
     const std::string me = "m/i/eve@im.test/n";
     const auto group = [](GroupSubCmd cmd, const std::string &body) {
-        return makeGroupEvent("eve@im.test", cmd, QString::fromStdString(body), "server@im.test"); };
+        return makeGroupEvent("eve@im.test", cmd, QString::fromStdString(body), "server@im.test");
+    };
     std::string manyRooms = R"({"jid":"eve@im.test","rooms":[{"ok@d":{}})";
     for (int i = 0; i < InputLimits::ROOMS + 5; ++i)
         manyRooms += R"(,{"n)" + std::to_string(i) + R"(@d":{}})";
-    const GroupEvent badList = group(GroupSub_Refresh, R"({"jid":"eve@im.test","rooms":[{"+":{},"ok@d":{}},{"a/b":{}},{"c\u0001@d":{}}]})");
+    const GroupEvent badList =
+        group(GroupSub_Refresh, R"({"jid":"eve@im.test","rooms":[{"+":{},"ok@d":{}},{"a/b":{}},{"c\u0001@d":{}}]})");
     const GroupEvent plus = group(GroupSub_Create, R"({"jid":"+","name":"x"})");
     const GroupEvent full = group(GroupSub_Refresh, manyRooms + "]}");
     const struct {
@@ -262,8 +260,8 @@ TEST(Engine, HostileInputIsBounded)
         ASSERT_TRUE(app.log.waitFor([&](const Lines &l) { return countWith(l, "|" + after + "|") == 1; }));
         const DroppedInputs now = eve.droppedInputs();
         EXPECT_EQ(fields(now.oversized - before.oversized, now.invalidRoomJids - before.invalidRoomJids,
-                         now.roomsOverLimit - before.roomsOverLimit),
-                  fields(row.dropped.oversized, row.dropped.invalidRoomJids, row.dropped.roomsOverLimit));
+                      now.roomsOverLimit - before.roomsOverLimit),
+            fields(row.dropped.oversized, row.dropped.invalidRoomJids, row.dropped.roomsOverLimit));
         const Lines heard = app.log.lines();
         EXPECT_EQ(countWith(Lines(heard.begin() + long(mark), heard.end()), "message|"), 1u);
     }
@@ -274,7 +272,7 @@ TEST(Engine, HostileInputIsBounded)
 #endif
     const QList<std::string> rooms = eve.engine()->subscribedRoomJids();
     EXPECT_EQ(fields(rooms.size(), rooms.contains("ok@d"), rooms.contains("+"), rooms.contains("a/b")),
-              fields(InputLimits::ROOMS, true, false, false));
+        fields(InputLimits::ROOMS, true, false, false));
     EXPECT_TRUE(app.log.waitForPrefix(R"(roomList|{"jid":"eve@im.test","rooms":[{"ok@d":{}}]})"));
     EXPECT_EQ(n.broker.log().find("m/i/+/"), std::string::npos) << "a wildcard was subscribed";
 }

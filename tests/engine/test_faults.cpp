@@ -46,7 +46,8 @@ std::unique_ptr<PushClient> listener(std::string id, Counter &side, std::string 
 TEST(Faults, BrokerStoppedOrKilledInTheMiddleOfABurst)
 {
     constexpr int kBurst = 10000, kInflight = 20; // libmosquitto's window of unconfirmed QoS 2 messages
-    const std::pair<const char *, int> endings[] = { { "stopped (SIGTERM)", SIGTERM }, { "killed (SIGKILL)", SIGKILL } };
+    const std::pair<const char *, int> endings[] = { { "stopped (SIGTERM)", SIGTERM },
+        { "killed (SIGKILL)", SIGKILL } };
     for (const auto &[name, signal] : endings) {
         SCOPED_TRACE(name);
         const int port = broker().port();
@@ -70,10 +71,13 @@ TEST(Faults, BrokerStoppedOrKilledInTheMiddleOfABurst)
         sender.join();
         bob.side.waitFor(kBurst);
         const auto [lost, duplicated] = bob.side.tally(name, kBurst);
-        const auto below = [&](int limit) { return std::count_if(lost.begin(), lost.end(), [&](int i) { return i < limit; }); };
-        std::printf("  broker had completed %d when it ended; lost of those: %ld, of the next %d (receipt confirmed, "
-                    "not completed): %ld\n", acknowledged, below(acknowledged), kInflight,
-                    below(acknowledged + kInflight) - below(acknowledged));
+        const auto below = [&](int limit) {
+            return std::count_if(lost.begin(), lost.end(), [&](int i) { return i < limit; });
+        };
+        std::printf(
+            "  broker had completed %d when it ended; lost of those: %ld, of the next %d (receipt confirmed, "
+            "not completed): %ld\n",
+            acknowledged, below(acknowledged), kInflight, below(acknowledged + kInflight) - below(acknowledged));
         EXPECT_EQ(duplicated, 0);
         for (int i : lost)
             EXPECT_TRUE(signal == SIGKILL && i < acknowledged + kInflight) << "lost " << i;
@@ -170,10 +174,11 @@ TEST(Faults, AHundredLinkLossesGrowNothing)
     const std::string held = std::to_string(std::max(std::stoi(subscriptions()), std::stoi(subscriptions())));
     takeOver(90);
     const ProcessUsage after = ProcessUsage::now();
-    std::printf("100 link losses: threads %ld -> %ld, descriptors %ld -> %ld, resident %ld -> %ld KiB, "
-                "subscriptions on the broker %s -> %s\n",
-                before.threads, after.threads, before.descriptors, after.descriptors, before.residentKiB,
-                after.residentKiB, held.c_str(), subscriptions().c_str());
+    std::printf(
+        "100 link losses: threads %ld -> %ld, descriptors %ld -> %ld, resident %ld -> %ld KiB, "
+        "subscriptions on the broker %s -> %s\n",
+        before.threads, after.threads, before.descriptors, after.descriptors, before.residentKiB, after.residentKiB,
+        held.c_str(), subscriptions().c_str());
     EXPECT_EQ(fields(after.threads, after.descriptors), fields(before.threads, before.descriptors));
     EXPECT_LE(std::stoi(subscriptions()), std::stoi(held)); // other sessions may end meanwhile
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -194,7 +199,7 @@ TEST(Faults, AKilledProcessLeavesItsWillAndFindsItsMessagesWaiting)
     User server("server", 0, broker().port()), alice("alice", 0, broker().port());
     QProcess peer;
     peer.start(PUSHCHAT_CLI, { "--port", QString::number(broker().port()), "--user", "erin", "--domain", "im.test",
-                               "--device", "dev-erin", "listen" });
+                                 "--device", "dev-erin", "listen" });
     ASSERT_TRUE(peer.waitForStarted());
     ASSERT_TRUE(eventually([&] { return server.side.other().find("erin@im.test|") == 0; }));
     peer.kill();

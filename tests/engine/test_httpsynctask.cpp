@@ -61,11 +61,11 @@ TEST_F(HttpSyncTaskTest, RequestsRepliesAndRefusals)
     // Values arrive encoded, "@" kept, and "%2…" is never a placeholder.
     const std::vector<std::pair<QByteArray, std::string>> rows{
         { task.syncHistoryMessage(url(), "alice@im.org", "0f8f-d9cb", 5),
-          "sync_history_message?user_id=alice@im.org&msg_uuid=0f8f-d9cb&my_sec_level=5" },
+            "sync_history_message?user_id=alice@im.org&msg_uuid=0f8f-d9cb&my_sec_level=5" },
         { task.pullHistoryMessage(url(), "a+b&c d@h", 2, 30, "x&y=z", -3),
-          "pull_history_message?user_id=a%2Bb%26c%20d@h&type=2&count=30&msg_uuid=x%26y%3Dz&my_sec_level=-3" },
+            "pull_history_message?user_id=a%2Bb%26c%20d@h&type=2&count=30&msg_uuid=x%26y%3Dz&my_sec_level=-3" },
         { task.modifyMessageStatus(url(), QString::fromUtf8("%2ü"), MSG_STATUS(7), 9999),
-          "modify_message_status?uuid=%252%C3%BC&status=7&my_sec_level=9999" },
+            "modify_message_status?uuid=%252%C3%BC&status=7&my_sec_level=9999" },
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         EXPECT_EQ(rows[i].first, "{}") << rows[i].second;
@@ -94,14 +94,14 @@ TEST_F(HttpSyncTaskTest, HostileRepliesAreBounded)
     const std::tuple<std::string, std::string, int, int, std::string> rows[] = {
         { ok + "Content-Length: 1000\r\n", "[", 0, 100, "timed out after 1 s (deadline)" },
         { ok + "Content-Length: 1073741824\r\n", mib, 1024, 0,
-          "body over 16777216 bytes (Content-Length: 1073741824)" },
+            "body over 16777216 bytes (Content-Length: 1073741824)" },
         { ok + "Transfer-Encoding: chunked\r\n", "100000\r\n" + mib + "\r\n", 0, 0, "body over 16777216 bytes" },
         { ok + "Content-Encoding: gzip\r\n", "\x1f\x8b\x08", 1, 0,
-          "compressed reply refused (Content-Encoding: gzip)" },
+            "compressed reply refused (Content-Encoding: gzip)" },
         { ok + fields(2000), "[1]", 1, 0, "2001 header fields, over 100" },
         { ok + fields(40000), "[1]", 1, 0, "head over 65536 bytes" },
         { "HTTP/1.1 302 Found\r\nLocation: http://h/x\x1b[2J\r\n", "[2]", 1, 0,
-          "HTTP 302 Found: redirect to http://h/x?[2J refused" },
+            "HTTP 302 Found: redirect to http://h/x?[2J refused" },
         { ok + "Content-Length: 7\r\n", std::string("[1]\0[2]", 7), 1, 0, "body holds a NUL byte (at byte 3)" },
         { "HTTP/1.1 404 Not Found\r\n", "{}", 1, 0, "HTTP 404 Not Found" },
         { "HTTP/1.1 500 Internal Server Error\r\n", "{}", 1, 0, "HTTP 500 Internal Server Error" },
@@ -191,8 +191,7 @@ TEST_F(HttpSyncTaskTest, EngineFetches)
     }).join();
     EXPECT_EQ(app.log.lines(), (Lines{ "", "[1]", "" }));
     EXPECT_EQ(lib.lastHistoryError(), "");
-    EXPECT_EQ(
-        server.requestLines(),
+    EXPECT_EQ(server.requestLines(),
         (std::vector<std::string>{
             kApi + "sync_history_message?user_id=alice@im.test&msg_uuid=u-1&my_sec_level=5 HTTP/1.1",
             kApi +

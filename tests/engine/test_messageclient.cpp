@@ -4,8 +4,8 @@
 // stream in is safe; and its store's models follow a real store.
 
 #include "enginetestkit.h"
-#include "qttestapp.h"
 #include "messageclient.h"
+#include "qttestapp.h"
 #include "storedconversationmodel.h"
 #include "storedmessagemodel.h"
 
@@ -32,19 +32,18 @@ TEST(MessageClient, SignalsArriveOnItsThreadInOrderAndItMayGoWhileTheyStreamIn)
     const auto record = [&](const std::string &line) {
         seen.push_back(fields(QThread::currentThread() == qt.app.thread() ? "main" : "other", line));
     };
-    QObject::connect(client.get(), &MessageClient::connectionStateChanged, [&](MessageClient::ConnectionState s) {
-        record(fields("state", int(s), int(client->connectionState())));
-    });
+    QObject::connect(client.get(), &MessageClient::connectionStateChanged,
+        [&](MessageClient::ConnectionState s) { record(fields("state", int(s), int(client->connectionState()))); });
     QObject::connect(client.get(), &MessageClient::connectionError,
-                     [&](int error, const QString &) { record(fields("error", error)); });
+        [&](int error, const QString &) { record(fields("error", error)); });
     QObject::connect(client.get(), &MessageClient::messageReceived,
-                     [&](const QString &from, const QString &, const QString &body, int, int, const QString &,
-                         const QString &, bool readable) { record(fields(from, body, readable)); });
+        [&](const QString &from, const QString &, const QString &body, int, int, const QString &, const QString &,
+            bool readable) { record(fields(from, body, readable)); });
 
     client->login(broker.host(), broker.port(), "carol", 5, "im.test");
     ASSERT_TRUE(pump([&] { return client->connectionState() == MessageClient::Connected; }));
     ASSERT_TRUE(wire.log.waitFor([](const Lines &l) { return countWith(l, "APP_STARTUP") == 1; }));
-    Lines expected = {"main|state|1|1", "main|state|2|2"};
+    Lines expected = { "main|state|1|1", "main|state|2|2" };
     for (int i = 0; i < 100; ++i) {
         wire.publish("m/i/carol@im.test/n", seal("dave@im.test", "carol@im.test", QString::number(i), 5 - i % 2 * 2));
         expected.push_back(fields("main", "dave@im.test", i % 2 ? kUnreadable : std::to_string(i), i % 2 == 0));
@@ -54,7 +53,7 @@ TEST(MessageClient, SignalsArriveOnItsThreadInOrderAndItMayGoWhileTheyStreamIn)
     ASSERT_TRUE(pump([&] { return client->connectionState() == MessageClient::Connecting; }));
     ASSERT_TRUE(broker.start());
     ASSERT_TRUE(pump([&] { return client->connectionState() == MessageClient::Connected; }));
-    for (const char *line : {"main|state|1|1", "main|error|2", "main|state|2|2"})
+    for (const char *line : { "main|state|1|1", "main|error|2", "main|state|2|2" })
         expected.push_back(line);
     EXPECT_EQ(seen, expected);
 
@@ -97,7 +96,7 @@ TEST(MessageClient, StoreModelsPageAppendAndFollowStatesAndUnreadCounts)
     wire.publish("m/i/erin@im.test/n", seal("dave@im.test", "erin@im.test", "hi", 5));
     ASSERT_TRUE(pump([&] { return peers() == "dave@im.test:1"; }));
     broker.stop(); // what is sent now stays pending
-    for (const char *body : {"b0", "b1", "b2", "b3", "b4"})
+    for (const char *body : { "b0", "b1", "b2", "b3", "b4" })
         ASSERT_EQ(client.sendMessage("bob@im.test", body, 5), 1);
     M bob(&client, "bob@im.test", 2);
     const auto messages = [&] { return rows(bob, M::BodyRole, M::StateRole); };
@@ -106,10 +105,10 @@ TEST(MessageClient, StoreModelsPageAppendAndFollowStatesAndUnreadCounts)
         if (row.data(M::StateRole).toInt() == int(StoredState::Sent))
             toldSent << row.row();
     });
-    QStringList pages{messages()};
+    QStringList pages{ messages() };
     for (; bob.canFetchMore() && pages.size() < 5; pages << messages())
         bob.fetchMore();
-    EXPECT_EQ(pages, QStringList({"b3:0 b4:0", "b1:0 b2:0 b3:0 b4:0", "b0:0 b1:0 b2:0 b3:0 b4:0"}));
+    EXPECT_EQ(pages, QStringList({ "b3:0 b4:0", "b1:0 b2:0 b3:0 b4:0", "b0:0 b1:0 b2:0 b3:0 b4:0" }));
     ASSERT_EQ(client.sendMessage("bob@im.test", "b5", 5), 1);
     EXPECT_TRUE(pump([&] { return messages() == "b0:0 b1:0 b2:0 b3:0 b4:0 b5:0"; }));
     ASSERT_TRUE(broker.start());

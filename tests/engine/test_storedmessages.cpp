@@ -33,7 +33,7 @@ struct StoredUser {
     int send(const char *to, int i, const QString &key = {})
     {
         return lib.sendTextMessageTo("", to, 5, QString("n %1").arg(i), BODY_TYPE_DEFAULT, false,
-                                     key.isEmpty() ? QString("key%1").arg(i) : key, "st");
+            key.isEmpty() ? QString("key%1").arg(i) : key, "st");
     }
     QStringList states(const char *peer)
     {
@@ -73,10 +73,9 @@ TEST(StoredMessages, AcceptedMessagesArriveOnceAcrossRestartsKillsAndGaps)
     ASSERT_TRUE(broker.start()) << broker.log();
     QProcess server;
     ASSERT_NE(startDevServer(server, PUSHCHAT_DEVSERVER,
-                             { "--port", QString::number(broker.port()), "--server-jid", "server@im.test",
-                               "--http-port", "0" },
-                             dir.filePath("server.jsonl")),
-              0);
+                  { "--port", QString::number(broker.port()), "--server-jid", "server@im.test", "--http-port", "0" },
+                  dir.filePath("server.jsonl")),
+        0);
     const QString a = dir.filePath("alice.db"), b = dir.filePath("bob.db");
     auto bob = std::make_unique<StoredUser>("bob", b, broker.port());
     ASSERT_TRUE(eventually([&] { return bob->side.connects == 1 && bob->lib.engine()->pendingCount() == 0; }));
@@ -99,7 +98,8 @@ TEST(StoredMessages, AcceptedMessagesArriveOnceAcrossRestartsKillsAndGaps)
 
     // A client killed after accepting, before any acknowledgement: sent once at the next flush.
     const QString at = QString("--port %1 --domain im.test --user alice --level 5 --device c --store %2 ")
-                           .arg(broker.port()).arg(dir.filePath("cli.db"));
+                           .arg(broker.port())
+                           .arg(dir.filePath("cli.db"));
     QProcess killed;
     cli(QString(at).replace(QString::number(broker.port()), QString::number(MosquittoBroker::freePort())) +
             "--timeout 60 send bob n_50",
@@ -125,9 +125,9 @@ TEST(StoredMessages, AcceptedMessagesArriveOnceAcrossRestartsKillsAndGaps)
     // broker's acknowledgement sends it): delivered once.
     ASSERT_EQ(alice.send("bob", kOffline + 1, "once"), 1);
     User again("alice", 0, broker.port());
-    ASSERT_EQ(again.lib.sendTextMessageTo("", "bob", 5, QString("n %1").arg(kOffline + 1), BODY_TYPE_DEFAULT, false,
-                                          "once", "st"),
-              1);
+    ASSERT_EQ(again.lib.sendTextMessageTo(
+                  "", "bob", 5, QString("n %1").arg(kOffline + 1), BODY_TYPE_DEFAULT, false, "once", "st"),
+        1);
 
     // Away: what arrives meanwhile is recorded at the next login (from a
     // new device, so the broker keeps nothing for it).
@@ -138,7 +138,8 @@ TEST(StoredMessages, AcceptedMessagesArriveOnceAcrossRestartsKillsAndGaps)
     bob = std::make_unique<StoredUser>("bob", b, broker.port(), "new");
     QStringList all = expected(0, kOffline, int(StoredState::Received));
     all << "n_50:2" << QString("n %1:2").arg(kOffline + 1) << expected(kOffline + 2, kOffline + 5, 2);
-    EXPECT_TRUE(eventually([&] { return bob->states("alice") == all; })) << bob->states("alice").join(' ').toStdString();
+    EXPECT_TRUE(eventually([&] { return bob->states("alice") == all; }))
+        << bob->states("alice").join(' ').toStdString();
     EXPECT_EQ(bob->lib.storedConversations().value(0).unread, kOffline + 5);
 
     // Read at bob's end: read at alice's.

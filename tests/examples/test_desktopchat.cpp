@@ -52,7 +52,7 @@ QImage shoot(WId window, const QString &name)
 TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
 {
     QProcess xvfb, server;
-    xvfb.start("Xvfb", {"-displayfd", "1", "-screen", "0", "1820x620x24", "-nolisten", "tcp"});
+    xvfb.start("Xvfb", { "-displayfd", "1", "-screen", "0", "1820x620x24", "-nolisten", "tcp" });
     ASSERT_TRUE(xvfb.waitForReadyRead(10000)) << "Xvfb did not start";
     qputenv("DISPLAY", ":" + xvfb.readLine().trimmed());
     qputenv("QT_QPA_PLATFORM", "xcb");
@@ -60,8 +60,8 @@ TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
     MosquittoBroker broker;
     ASSERT_TRUE(broker.start()) << broker.log();
     QTemporaryDir dir;
-    const int httpPort = startDevServer(server, PUSHCHAT_DEVSERVER, {"--port", QString::number(broker.port()), "--http-port", "0"},
-                                        dir.filePath("server.jsonl"));
+    const int httpPort = startDevServer(server, PUSHCHAT_DEVSERVER,
+        { "--port", QString::number(broker.port()), "--http-port", "0" }, dir.filePath("server.jsonl"));
     ASSERT_NE(httpPort, 0);
 
     LoginSettings login;
@@ -72,7 +72,7 @@ TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
     auto alice = std::make_unique<ChatWindow>("dev-alice");
     ChatWindow bob("dev-bob"), bob2("dev-bob2");
     QSet<ChatWindow *> online;
-    for (ChatWindow *window : {alice.get(), &bob}) {
+    for (ChatWindow *window : { alice.get(), &bob }) {
         QObject::connect(&window->client(), &MessageClient::roomListRefreshed, [&, window] { online << window; });
         login.user = window == &bob ? "bob" : "alice";
         login.store = dir.filePath(login.user + ".db");
@@ -91,14 +91,14 @@ TEST(DesktopChat, AliceTypesBobSeesItAndTheHistoryShowsIt)
     QTest::keyClicks(alice->findChild<QLineEdit *>("sendBox"), "Hello Bob!");
     QTest::keyClick(alice->findChild<QLineEdit *>("sendBox"), Qt::Key_Return);
     const auto *bobMessages = bob.findChild<QListView *>("messages");
-    EXPECT_TRUE(pump([&] { return texts(bobMessages) == QStringList{"alice: Hello Bob!"}; }))
+    EXPECT_TRUE(pump([&] { return texts(bobMessages) == QStringList{ "alice: Hello Bob!" }; }))
         << texts(bobMessages).join('\n').toStdString();
     const auto *bobConversations = bob.findChild<QListView *>("conversations");
     EXPECT_TRUE(pump([&] { return bobConversations->currentIndex().data().toString() == "alice@127.0.0.1"; }));
     QTest::keyClicks(bob.findChild<QLineEdit *>("sendBox"), "Hi Alice.");
     QTest::keyClick(bob.findChild<QLineEdit *>("sendBox"), Qt::Key_Return);
     const auto *aliceMessages = alice->findChild<QListView *>("messages");
-    const QStringList both{"alice: Hello Bob!", "bob: Hi Alice."};
+    const QStringList both{ "alice: Hello Bob!", "bob: Hi Alice." };
     EXPECT_TRUE(pump([&] { return texts(aliceMessages) == both; })) << texts(aliceMessages).join('\n').toStdString();
     // Both windows as a person would see them.
     const QImage screen = shoot(0, QFileInfo(SCREENSHOT).fileName());

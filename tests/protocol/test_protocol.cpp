@@ -90,8 +90,8 @@ TEST(PatternMatcher, AgreesWithQRegExp)
     std::vector<const char *> patterns{ "([\\s\\S]*)x([\\s\\S]*@[\\s\\S]*)", "a+(b|c)", "([\\s\\S]*)([\\s\\S]*)",
         "x([\\s\\S]*)y" };
     for (const ProtocolHead *table : { protocolHeadALL, messageSubHead, groupCMDProtocolHead, groupInfoProtocolHead,
-                 friendSubCmdProtocolHead, friendSubInfoProtocolHead, remoteDesktopSubCmdProtocolHead,
-                 remoteDesktopSubInfoProtocolHead, HistorySubCmdProtocolHead, HistorySubInfoHead }) {
+             friendSubCmdProtocolHead, friendSubInfoProtocolHead, remoteDesktopSubCmdProtocolHead,
+             remoteDesktopSubInfoProtocolHead, HistorySubCmdProtocolHead, HistorySubInfoHead }) {
         for (int i = 0; i <= table[0].code; ++i)
             patterns.push_back(table[i].pattern);
     }
@@ -136,7 +136,7 @@ TEST(TopicBuilders, CommandAndSubscriptionTopics)
     for (const auto &r : rows) {
         MqttMesaageProtocol p;
         EXPECT_EQ(fields(p.fromSysProtocol("a@b", r.count, r.codes[0], r.codes[1], r.codes[2]), p.topic), r.expected)
-                << r.codes[0] << " " << r.codes[1];
+            << r.codes[0] << " " << r.codes[1];
     }
     MqttMesaageProtocol p;
     EXPECT_EQ(fields(p.fromSysProtocol("no-at", 2, FriendCMD, FriendSub_Add), p.topic, p.valid), "0|s/f/c/no-at/a|0");
@@ -144,11 +144,12 @@ TEST(TopicBuilders, CommandAndSubscriptionTopics)
     EXPECT_EQ(fields(p.fromMessageProtocol("a@b", nullptr), p.topic), "1|m/a@b/");
     MqttMesaageProtocol refused;
     EXPECT_EQ(fields(refused.fromSysProtocol("+", 2, FriendCMD, FriendSub_Add), refused.fromMessageProtocol("a/b", ""),
-                     refused.topic), "0|0|");
+                  refused.topic),
+        "0|0|");
 
     EXPECT_EQ(fields(MqttMesaageProtocol::getSendToTopic("<jid>#@d"), MqttMesaageProtocol::getDeviceTopic("u@d"),
-                      MqttMesaageProtocol::getSyncMessageTopic("u@d"), MqttMesaageProtocol::getFreshGroupTopic("u@d")),
-            "m/i/<jid>@d/|m/u@d/deviceId/|m/u@d/sync/|s/g/c/u@d/f");
+                  MqttMesaageProtocol::getSyncMessageTopic("u@d"), MqttMesaageProtocol::getFreshGroupTopic("u@d")),
+        "m/i/<jid>@d/|m/u@d/deviceId/|m/u@d/sync/|s/g/c/u@d/f");
 }
 
 // The byte rules (the engine's and command-line tests cover the rest).
@@ -178,8 +179,8 @@ TEST(CompactJson, MatchesQtWriter)
         const auto cut = [&](int i) { return QString::fromUtf8(s[i].c_str()); };
         const int v = ints[rng() % 8], bt = ints[rng() % 8], level = ints[rng() % 8];
         MQTTMessage m(nullptr, false);
-        m.encText(whole(0), whole(1), whole(2), MediaInfo::MessageType(v), MESSAGE_BODY_TYPE(bt), whole(3), whole(4),
-                level);
+        m.encText(
+            whole(0), whole(1), whole(2), MediaInfo::MessageType(v), MESSAGE_BODY_TYPE(bt), whole(3), whole(4), level);
         const QJsonObject qt{ { "f", cut(0) }, { "t", cut(1) }, { "b", cut(2) }, { "k", cut(3) }, { "st", cut(4) },
             { "v", v }, { "bt", bt }, { "s", level }, { "p", "" } };
         ASSERT_EQ(m.payload, "a" + QJsonDocument(qt).toJson(QJsonDocument::Compact).toStdString()) << round;
@@ -187,8 +188,8 @@ TEST(CompactJson, MatchesQtWriter)
         const std::string bytes = "." + s[2]; // QString::fromUtf8 would drop a leading byte-order mark
         CompactJson::appendString(raw, bytes.c_str());
         ASSERT_EQ(raw + "}",
-                QJsonDocument(QJsonObject{ { "x", QString::fromUtf8(bytes.c_str()) } }).toJson(QJsonDocument::Compact))
-                << round;
+            QJsonDocument(QJsonObject{ { "x", QString::fromUtf8(bytes.c_str()) } }).toJson(QJsonDocument::Compact))
+            << round;
     }
 }
 
@@ -196,20 +197,20 @@ TEST(CompactJson, MatchesQtWriter)
 // strings of well-formed UTF-8, plain ints) and then agrees with Qt's parser.
 TEST(EnvelopeReader, DirectReaderAgreesWithQt)
 {
-    for (const char *text : { R"({})", R"({"b":""})", R"({"b":"\u0000x"})", R"({"b":"\ud83d\ude00\u00e9\u20AC\ufeff\udbff\udfff"})",
-                 R"({"b":"\/\"\\\b\f\n\r\t"})",
-                 R"({"b":"x","bt":-1,"f":"a","k":"","p":"p","s":1234567890,"st":"s","t":"t","v":0})",
-                 R"({"s":-2147483648,"v":2147483647})",
-                 "{\"b\":\"a\x7f\xc2\xa9\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\"}",
-                 "{\"b\":\"\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\"}", "{\"b\":\"x\xef\xbb\xbf\"}" })
+    for (const char *text : { R"({})", R"({"b":""})", R"({"b":"\u0000x"})",
+             R"({"b":"\ud83d\ude00\u00e9\u20AC\ufeff\udbff\udfff"})", R"({"b":"\/\"\\\b\f\n\r\t"})",
+             R"({"b":"x","bt":-1,"f":"a","k":"","p":"p","s":1234567890,"st":"s","t":"t","v":0})",
+             R"({"s":-2147483648,"v":2147483647})",
+             "{\"b\":\"a\x7f\xc2\xa9\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\"}",
+             "{\"b\":\"\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\"}", "{\"b\":\"x\xef\xbb\xbf\"}" })
         EXPECT_TRUE(readsDirectly(text)) << text;
     for (const char *text :
-            { R"({"b":"\ud800"})", R"({"b":"\udc00x"})", R"({"b":"\ud800\u0041"})", R"({"b":"\x"})", R"({"s":-0})",
-                    R"({"s":01})", R"({"s":2147483648})", R"({"s":-2147483649})", R"({"b":"x"} )", R"({"b":"x",})",
-                    R"({"b" :"x"})", R"({"f":"a","b":"x"})", R"({"b":"x","b":"y"})", R"({"bt":"1"})", R"({"k":true})",
-                    R"({"b":"x")", R"({"bb":1})", R"([])", "", "{\"b\":\"\xc0\xaf\"}", "{\"b\":\"\xe0\x9f\xbf\"}",
-                    "{\"b\":\"\xed\xa0\x80\"}", "{\"b\":\"\xf0\x8f\xbf\xbf\"}", "{\"b\":\"\xf4\x90\x80\x80\"}",
-                    "{\"b\":\"\xe4\xbd\"}", "{\"b\":\"a\x1f\"}", "\xef\xbb\xbf{}", "{\"b\":\"\xef\xbb\xbfx\"}" })
+        { R"({"b":"\ud800"})", R"({"b":"\udc00x"})", R"({"b":"\ud800\u0041"})", R"({"b":"\x"})", R"({"s":-0})",
+            R"({"s":01})", R"({"s":2147483648})", R"({"s":-2147483649})", R"({"b":"x"} )", R"({"b":"x",})",
+            R"({"b" :"x"})", R"({"f":"a","b":"x"})", R"({"b":"x","b":"y"})", R"({"bt":"1"})", R"({"k":true})",
+            R"({"b":"x")", R"({"bb":1})", R"([])", "", "{\"b\":\"\xc0\xaf\"}", "{\"b\":\"\xe0\x9f\xbf\"}",
+            "{\"b\":\"\xed\xa0\x80\"}", "{\"b\":\"\xf0\x8f\xbf\xbf\"}", "{\"b\":\"\xf4\x90\x80\x80\"}",
+            "{\"b\":\"\xe4\xbd\"}", "{\"b\":\"a\x1f\"}", "\xef\xbb\xbf{}", "{\"b\":\"\xef\xbb\xbfx\"}" })
         EXPECT_FALSE(readsDirectly(text)) << text;
 }
 
@@ -228,17 +229,17 @@ TEST(Envelope, ReadingPayloads)
     rows.push_back({ R"(a{"f":"x@y","s":"high","v":2.5})", "x@y||||||9999|0|1|0" });
     rows.push_back({ R"(a{"f":"first@b","f":"last@b"})", "last@b||||||9999|0|1|0" });
     rows.push_back({ R"(a{"b":{"x":[1,2]},"f":"a@b"})",
-            fields("a@b", "", "{\n    \"x\": [\n        1,\n        2\n    ]\n}\n", "", "", "", 9999, 0, 1, 0) });
+        fields("a@b", "", "{\n    \"x\": [\n        1,\n        2\n    ]\n}\n", "", "", "", 9999, 0, 1, 0) });
     rows.push_back({ "a{\"b\":\"x\xff\xfey\"}", "||x\xEF\xBF\xBD\xEF\xBF\xBDy||||9999|0|1|0" });
     for (const auto &[payload, expected] : rows) {
         MQTTMessage in(nullptr, true);
         in.from = "kept";
         const bool read = in.parseMessage(payload.c_str());
         EXPECT_EQ(read ? fields(in.from, in.to, in.body, in.messageKey, in.p, in.stamp, in.secLevel, in.bodyType,
-                                 in.msgType, in.encrypted)
+                             in.msgType, in.encrypted)
                        : fields("refused", in.from),
-                read ? expected : "refused|kept")
-                << payload;
+            read ? expected : "refused|kept")
+            << payload;
     }
     EXPECT_FALSE(MQTTMessage(nullptr, true).parseMessage(nullptr));
     EXPECT_FALSE(MQTTMessage(nullptr, true).fromTopic("xxcount row", "a{}"));

@@ -44,7 +44,7 @@ public:
     void record(const char *handler, MQTTMessage *m)
     {
         log.add(fields(handler, m->topicText, m->from, m->to, m->body, m->messageKey, m->stamp, m->secLevel,
-                m->bodyType, m->msgType, m->encrypted));
+            m->bodyType, m->msgType, m->encrypted));
     }
 
     void messgeRecievedMore(int, char *topic, void *payload, int, int, bool) override
@@ -53,7 +53,7 @@ public:
         if (std::strncmp(topic, "test/", 5) == 0)
             log.add(topic);
         else if (!in.fromTopic(topic, static_cast<const char *>(payload)) ||
-                (in.protocol.code != MESSAGE && in.protocol.code != SYSTEM))
+                 (in.protocol.code != MESSAGE && in.protocol.code != SYSTEM))
             log.add(fields("dropped", topic));
         else if (!in.startMatchSys(this))
             log.add(fields("none", topic));
@@ -95,13 +95,13 @@ TEST(WireDispatch, EveryCommandReachesItsHandlerExactlyOnce)
         MQTTMessage out(&alice, true);
         ASSERT_TRUE(out.protocol.fromTopic(QString(commands[i]).arg(kUser).toUtf8()));
         ASSERT_TRUE(out.fromText("alice@im.test", kUser, body, MediaInfo::MESSAGE_TYPE_CHAT, 40 + i, BODY_TYPE_NOTICE,
-                QStringLiteral("key-%1").arg(i), QStringLiteral("st-%1").arg(i)));
+            QStringLiteral("key-%1").arg(i), QStringLiteral("st-%1").arg(i)));
         ASSERT_TRUE(out.send(2)) << out.topicText;
-        expected.push_back(i >= int(std::size(kHandlers))
-                        ? fields("none", out.topicText)
-                        : fields(kHandlers[i], out.topicText, "alice@im.test", kUser, body, "key-" + std::to_string(i),
-                                  "st-" + std::to_string(i), 40 + i, BODY_TYPE_NOTICE, MediaInfo::MESSAGE_TYPE_CHAT,
-                                  true));
+        expected.push_back(
+            i >= int(std::size(kHandlers))
+                ? fields("none", out.topicText)
+                : fields(kHandlers[i], out.topicText, "alice@im.test", kUser, body, "key-" + std::to_string(i),
+                      "st-" + std::to_string(i), 40 + i, BODY_TYPE_NOTICE, MediaInfo::MESSAGE_TYPE_CHAT, true));
     }
     // A lone MESSAGE chain (device, sync topics) goes to the chat handler, the
     // count row of the group letters reads as Release; unreadable payloads

@@ -21,15 +21,14 @@ using R = PushResult;
 constexpr int kOk = 0;
 
 // Each callback as one line: "topic|payload|qos", or "status|0/1".
-struct Recorder : PushEventReciever
-{
+struct Recorder : PushEventReciever {
     EventLog log;
-    std::function<void(const std::string& topic, const std::string& payload)> onMessage; // set before connecting
+    std::function<void(const std::string &topic, const std::string &payload)> onMessage; // set before connecting
 
-    void messgeRecievedMore(int, char* topic, void* payload, int length, int qos, bool retain) override
+    void messgeRecievedMore(int, char *topic, void *payload, int length, int qos, bool retain) override
     {
-        const std::string text(static_cast<char*>(payload), static_cast<std::size_t>(length));
-        EXPECT_TRUE(!retain && static_cast<char*>(payload)[length] == '\0') << topic;
+        const std::string text(static_cast<char *>(payload), static_cast<std::size_t>(length));
+        EXPECT_TRUE(!retain && static_cast<char *>(payload)[length] == '\0') << topic;
         if (onMessage)
             onMessage(topic, text);
         log.add(fields(topic, text, qos));
@@ -38,33 +37,32 @@ struct Recorder : PushEventReciever
     std::string statuses() const // as "101"
     {
         std::string out;
-        for (const std::string& line : log.starting("status|"))
+        for (const std::string &line : log.starting("status|"))
             out += line.back();
         return out;
     }
-    bool waitStatuses(const std::string& expected)
+    bool waitStatuses(const std::string &expected)
     {
         return eventually([&] { return statuses() == expected; });
     }
 };
 
 // Reconnection delays and outbox bounds (count, bytes); the rest as by default.
-const PushClientOptions fast{20ms, 200ms, 1000, 1 << 24, 1s, {}, {}, {}, {}},
-    slow{30s, 30s, 1000, 1 << 24, 1s, {}, {}, {}, {}}, bounded{20ms, 200ms, 5, 100, 1s, {}, {}, {}, {}};
+const PushClientOptions fast{ 20ms, 200ms, 1000, 1 << 24, 1s, {}, {}, {}, {} },
+    slow{ 30s, 30s, 1000, 1 << 24, 1s, {}, {}, {}, {} }, bounded{ 20ms, 200ms, 5, 100, 1s, {}, {}, {}, {} };
 
-std::unique_ptr<PushClient> makeClient(std::string id, Recorder& recorder, const PushClientOptions& o = fast)
+std::unique_ptr<PushClient> makeClient(std::string id, Recorder &recorder, const PushClientOptions &o = fast)
 {
     auto client = std::make_unique<PushClient>(id.data(), o);
     client->setEventRecv(&recorder);
     return client;
 }
 
-class PushClientTest : public ::testing::Test
-{
+class PushClientTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { ASSERT_TRUE(broker.start()) << broker.log(); }
 
-    static std::unique_ptr<PushClient> online(const std::string& id, Recorder& recorder)
+    static std::unique_ptr<PushClient> online(const std::string &id, Recorder &recorder)
     {
         auto client = makeClient(id, recorder);
         EXPECT_EQ(client->start_connect(broker.host(), broker.port(), 60), kOk);
@@ -72,28 +70,28 @@ protected:
         return client;
     }
     // Once the client's own probe, sent after the request, is back, the subscription is in force.
-    static bool subscribed(PushClient& client, Recorder& recorder, std::string filter, const std::string& probe)
+    static bool subscribed(PushClient &client, Recorder &recorder, std::string filter, const std::string &probe)
     {
-        return client.subscribe({filter}, 2) == kOk && client.publish(probe.c_str(), "probe", 2, false) == kOk &&
+        return client.subscribe({ filter }, 2) == kOk && client.publish(probe.c_str(), "probe", 2, false) == kOk &&
                recorder.log.waitForPrefix(probe + "|probe");
     }
-    static std::size_t count(const std::string& text)
+    static std::size_t count(const std::string &text)
     {
         return std::size_t(QString::fromStdString(broker.log()).count(QString::fromStdString(text)));
     }
-    static bool logged(const std::string& text)
+    static bool logged(const std::string &text)
     {
         return eventually([&] { return count(text) > 0; });
     }
 
-    static inline MosquittoBroker broker{MosquittoBroker::Options{true, true, "clientid_prefixes c-"}};
+    static inline MosquittoBroker broker{ MosquittoBroker::Options{ true, true, "clientid_prefixes c-" } };
 };
 
 TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)
 {
     Recorder sinkSide, side, spareSide;
-    std::atomic<PushClient*> echo{nullptr};
-    sinkSide.onMessage = [&](const std::string& topic, const std::string& payload) {
+    std::atomic<PushClient *> echo{ nullptr };
+    sinkSide.onMessage = [&](const std::string &topic, const std::string &payload) {
         if (topic == "q/m/in") {
             EXPECT_EQ(echo.load()->publish("q/m/out", payload.c_str(), 2, false), kOk);
         }
@@ -104,55 +102,55 @@ TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)
     auto client = makeClient("c-queued", side, bounded);
     auto spare = makeClient("c-spare", spareSide);
     auto noId = makeClient("", side);
-    const char* host = broker.host();
+    const char *host = broker.host();
     const int port = broker.port();
     const std::string longest(65535, 't'), tooLong(65536, 't'), fill(84, 'b'), overflow(85, 'b');
     char bad[] = "q/#/b", all[] = "q/#", other[] = "q/y";
-    const std::tuple<const char*, int, R> rows[] = {
-        {"publish to #", client->publish("q/#", "x", 2, false), R::InvalidArgument},
-        {"publish to null", client->publish(nullptr, "x", 2, false), R::InvalidArgument},
-        {"publish to bad UTF-8", client->publish("q/\xC3", "x", 2, false), R::InvalidArgument},
-        {"publish qos 3", client->publish("q/a", "x", 3, false), R::InvalidArgument},
-        {"publish to 65536 bytes", client->publish(tooLong.c_str(), "", 2, false), R::InvalidArgument},
-        {"publish to 65535 bytes", client->publish(longest.c_str(), "", 2, false), R::OutboxFull},
-        {"publish qos 0 offline", client->publish("q/a", "x", 0, false), R::NotConnected},
-        {"subscribe bad filter", client->subscribe(bad), R::InvalidArgument},
-        {"unsubscribe bad filter", client->unsubscribe(bad), R::InvalidArgument},
-        {"will to #", client->will_set("w/#", nullptr, 2, false), R::InvalidArgument},
-        {"will qos 3", client->will_set("w", nullptr, 3, false), R::InvalidArgument},
-        {"will qos 0", client->will_set("w", nullptr, 0, false), R::Ok},
-        {"will cleared", client->will_set(nullptr, nullptr, 0, false), R::Ok},
-        {"connect null host", client->start_connect(nullptr, port, 60), R::InvalidArgument},
-        {"connect empty host", client->start_connect("", port, 60), R::InvalidArgument},
-        {"connect port 0", client->start_connect(host, 0, 60), R::InvalidArgument},
-        {"connect port 65536", client->start_connect(host, 65536, 60), R::InvalidArgument},
-        {"connect keepalive -1", client->start_connect(host, port, -1), R::InvalidArgument},
-        {"connect keepalive 65536", client->start_connect(host, port, 65536), R::InvalidArgument},
-        {"no id: publish", noId->publish("q/a", "x", 2, false), R::InvalidArgument},
-        {"no id: subscribe", noId->subscribe(all), R::InvalidArgument},
-        {"no id: connect", noId->start_connect(host, port, 60), R::InvalidArgument},
-        {"connect port 1", spare->start_connect(host, 1, 60), R::Ok},
-        {"connect port 65535", spare->start_connect(host, 65535, 65535), R::Ok},
-        {"connect keepalive 0", spare->start_connect(host, port, 0), R::Ok},
+    const std::tuple<const char *, int, R> rows[] = {
+        { "publish to #", client->publish("q/#", "x", 2, false), R::InvalidArgument },
+        { "publish to null", client->publish(nullptr, "x", 2, false), R::InvalidArgument },
+        { "publish to bad UTF-8", client->publish("q/\xC3", "x", 2, false), R::InvalidArgument },
+        { "publish qos 3", client->publish("q/a", "x", 3, false), R::InvalidArgument },
+        { "publish to 65536 bytes", client->publish(tooLong.c_str(), "", 2, false), R::InvalidArgument },
+        { "publish to 65535 bytes", client->publish(longest.c_str(), "", 2, false), R::OutboxFull },
+        { "publish qos 0 offline", client->publish("q/a", "x", 0, false), R::NotConnected },
+        { "subscribe bad filter", client->subscribe(bad), R::InvalidArgument },
+        { "unsubscribe bad filter", client->unsubscribe(bad), R::InvalidArgument },
+        { "will to #", client->will_set("w/#", nullptr, 2, false), R::InvalidArgument },
+        { "will qos 3", client->will_set("w", nullptr, 3, false), R::InvalidArgument },
+        { "will qos 0", client->will_set("w", nullptr, 0, false), R::Ok },
+        { "will cleared", client->will_set(nullptr, nullptr, 0, false), R::Ok },
+        { "connect null host", client->start_connect(nullptr, port, 60), R::InvalidArgument },
+        { "connect empty host", client->start_connect("", port, 60), R::InvalidArgument },
+        { "connect port 0", client->start_connect(host, 0, 60), R::InvalidArgument },
+        { "connect port 65536", client->start_connect(host, 65536, 60), R::InvalidArgument },
+        { "connect keepalive -1", client->start_connect(host, port, -1), R::InvalidArgument },
+        { "connect keepalive 65536", client->start_connect(host, port, 65536), R::InvalidArgument },
+        { "no id: publish", noId->publish("q/a", "x", 2, false), R::InvalidArgument },
+        { "no id: subscribe", noId->subscribe(all), R::InvalidArgument },
+        { "no id: connect", noId->start_connect(host, port, 60), R::InvalidArgument },
+        { "connect port 1", spare->start_connect(host, 1, 60), R::Ok },
+        { "connect port 65535", spare->start_connect(host, 65535, 65535), R::Ok },
+        { "connect keepalive 0", spare->start_connect(host, port, 0), R::Ok },
         // Up to 5 requests or 100 bytes of topic and payload wait for the link.
-        {"queue subscribe", client->subscribe({all}, 2), R::Ok},                 // 3 bytes
-        {"queue qos 1", client->publish("q/a", "1", 1, false), R::Ok},            // 7
-        {"queue null payload", client->publish("q/a", nullptr, 2, false), R::Ok}, // 10
-        {"queue unsubscribe", client->unsubscribe(other), R::Ok},                 // 13
-        {"over the byte bound", client->publish("q/a", overflow.c_str(), 2, false), R::OutboxFull},
-        {"up to the byte bound", client->publish("q/a", fill.c_str(), 2, false), R::Ok},
-        {"full: publish", client->publish("q/a", "", 1, false), R::OutboxFull},
-        {"full: subscribe", client->subscribe(other), R::OutboxFull},
-        {"full: unsubscribe", client->unsubscribe(other), R::OutboxFull},
+        { "queue subscribe", client->subscribe({ all }, 2), R::Ok },                // 3 bytes
+        { "queue qos 1", client->publish("q/a", "1", 1, false), R::Ok },            // 7
+        { "queue null payload", client->publish("q/a", nullptr, 2, false), R::Ok }, // 10
+        { "queue unsubscribe", client->unsubscribe(other), R::Ok },                 // 13
+        { "over the byte bound", client->publish("q/a", overflow.c_str(), 2, false), R::OutboxFull },
+        { "up to the byte bound", client->publish("q/a", fill.c_str(), 2, false), R::Ok },
+        { "full: publish", client->publish("q/a", "", 1, false), R::OutboxFull },
+        { "full: subscribe", client->subscribe(other), R::OutboxFull },
+        { "full: unsubscribe", client->unsubscribe(other), R::OutboxFull },
     };
-    for (const auto& [what, got, want] : rows)
+    for (const auto &[what, got, want] : rows)
         EXPECT_EQ(got, static_cast<int>(want)) << what;
     EXPECT_EQ(fields(client->pendingCount(), client->state()), fields(5, State::Idle));
 
     // Keepalive 2 is raised to 5. Its own subscription goes out first, so it hears its messages too.
     ASSERT_EQ(client->start_connect(host, port, 2), kOk);
-    const Lines queued = {"q/a|1|1", "q/a||2", "q/a|" + fill + "|2"};
-    for (Recorder* r : {&sinkSide, &side})
+    const Lines queued = { "q/a|1|1", "q/a||2", "q/a|" + fill + "|2" };
+    for (Recorder *r : { &sinkSide, &side })
         EXPECT_TRUE(eventually([&] { return r->log.starting("q/a|") == queued; })) << r->log.lines().size();
     EXPECT_TRUE(eventually([&] { return client->pendingCount() == 0; }));
     EXPECT_TRUE(logged("as c-queued (p2, c0, k5)") && logged("as c-spare (p2, c0, k0)")) << broker.log();
@@ -161,9 +159,9 @@ TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)
     std::string allBytes;
     for (int c = 1; c < 256; ++c)
         allBytes.push_back(static_cast<char>(c));
-    const std::pair<std::string, int> payloads[] = {{"x", 0}, {allBytes, 2}, {std::string(70000, 'z'), 1}};
+    const std::pair<std::string, int> payloads[] = { { "x", 0 }, { allBytes, 2 }, { std::string(70000, 'z'), 1 } };
     Lines expected;
-    for (const auto& [payload, qos] : payloads) {
+    for (const auto &[payload, qos] : payloads) {
         ASSERT_EQ(sink->publish("q/m/in", payload.c_str(), qos, true), kOk);
         expected.push_back(fields("q/m/in", payload, qos));
         expected.push_back(fields("q/m/out", payload, 2));
@@ -230,9 +228,9 @@ TEST_F(PushClientTest, AnEndFlushesAndSaysDisconnect)
 
     // Destroyed from its own callback while messages keep coming: none is
     // delivered after that one, and the thread still says DISCONNECT.
-    std::atomic<bool> gone{false};
+    std::atomic<bool> gone{ false };
     std::unique_ptr<PushClient> victim;
-    victimSide.onMessage = [&](const std::string&, const std::string&) {
+    victimSide.onMessage = [&](const std::string &, const std::string &) {
         if (!gone) {
             victim.reset();
             gone = true;
@@ -242,7 +240,7 @@ TEST_F(PushClientTest, AnEndFlushesAndSaysDisconnect)
     ASSERT_EQ(victim->start_connect(broker.host(), broker.port(), 60), kOk);
     ASSERT_TRUE(victimSide.waitStatuses("1"));
     char filter[] = "v/#";
-    ASSERT_EQ(victim->subscribe({filter}, 2), kOk);
+    ASSERT_EQ(victim->subscribe({ filter }, 2), kOk);
     ASSERT_TRUE(eventually([&] {
         for (int i = 0; i < 20; ++i)
             sink->publish("v/x", "hello", 1, false);
@@ -250,7 +248,6 @@ TEST_F(PushClientTest, AnEndFlushesAndSaysDisconnect)
     }));
     EXPECT_TRUE(logged("Client c-leaving disconnected.") && logged("Client c-victim disconnected.")) << broker.log();
     EXPECT_EQ(victimSide.log.starting("v/").size(), 1u);
-
 }
 
 } // namespace

@@ -26,7 +26,7 @@ TEST(RoomNotifier, ABurstRunsWholeOnAtMostTheBound)
         });
     notifier.finish();
     EXPECT_EQ(fields(done.load(), notifier.threadCount(), notifier.peakThreadCount() <= 3, most.load() <= 3),
-              fields(2000, 0, true, true));
+        fields(2000, 0, true, true));
     notifier.post([&] { ++done; }); // usable again
     notifier.finish();
     EXPECT_EQ(done.load(), 2001);

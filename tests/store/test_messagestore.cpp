@@ -27,7 +27,7 @@
 namespace {
 
 StoredMessage message(const QString &conv, const QString &key, const QString &body, const QString &sender = "bob@x",
-                      StoredState state = StoredState::Received)
+    StoredState state = StoredState::Received)
 {
     StoredMessage m{ 0, conv, key, sender, QDateTime::currentMSecsSinceEpoch(), "st", body, 0, 1, 0, false, state };
     m.outgoing = state == StoredState::Pending || state == StoredState::Sent;
@@ -64,17 +64,33 @@ TEST(MessageStore, SearchFindsWordsInEveryScript)
     Folder folder;
     MessageStore &store = folder.open();
     const std::pair<const char *, const char *> bodies[] = {
-        { "latin", "Hello there, Café society" }, { "zh", "我们明天在北京见面" },   { "ja", "東京の天気はいいですね" },
-        { "ko", "한국어 공부를 합니다" },         { "mixed", "meet 北京 friends" }, { "one", "猫" },
+        { "latin", "Hello there, Café society" },
+        { "zh", "我们明天在北京见面" },
+        { "ja", "東京の天気はいいですね" },
+        { "ko", "한국어 공부를 합니다" },
+        { "mixed", "meet 北京 friends" },
+        { "one", "猫" },
     };
     for (const auto &[key, body] : bodies)
         ASSERT_TRUE(store.recordReceived(message("bob@x", key, QString::fromUtf8(body))));
     ASSERT_TRUE(store.flush());
     const std::pair<const char *, QStringList> searches[] = {
-        { "hello", { "latin" } },     { "CAFE", { "latin" } }, { "北京", { "mixed", "zh" } }, { "明天", { "zh" } },
-        { "京见", { "zh" } },         { "我们明天在北京", { "zh" } }, { "東京", { "ja" } }, { "天気", { "ja" } },
-        { "한국", { "ko" } },         { "공부", { "ko" } },    { "猫", { "one" } },   { "京", { "mixed", "ja", "zh" } },
-        { "meet 北京", { "mixed" } }, { "hello 北京", {} },    { "北明", {} },        { "\" OR *", {} },
+        { "hello", { "latin" } },
+        { "CAFE", { "latin" } },
+        { "北京", { "mixed", "zh" } },
+        { "明天", { "zh" } },
+        { "京见", { "zh" } },
+        { "我们明天在北京", { "zh" } },
+        { "東京", { "ja" } },
+        { "天気", { "ja" } },
+        { "한국", { "ko" } },
+        { "공부", { "ko" } },
+        { "猫", { "one" } },
+        { "京", { "mixed", "ja", "zh" } },
+        { "meet 北京", { "mixed" } },
+        { "hello 北京", {} },
+        { "北明", {} },
+        { "\" OR *", {} },
         { "", {} },
     };
     for (const auto &[text, expected] : searches)
@@ -104,7 +120,7 @@ TEST(MessageStore, PagesUnreadCountsAndKeysOutliveAReopening)
     const QList<StoredConversation> list = store->conversations();
     ASSERT_EQ(list.size(), 2);
     EXPECT_EQ(std::make_tuple(list[0].conversation, list[0].unread, list[1].conversation, list[1].unread),
-              std::make_tuple(QString("room@x"), 6, QString("bob@x"), 0));
+        std::make_tuple(QString("room@x"), 6, QString("bob@x"), 0));
     EXPECT_EQ(keys(store->messages("bob@x", {}, 2)), (QStringList{ "s3", "s4" }));
     EXPECT_EQ(keys(store->messages("bob@x", "s3", 2)), (QStringList{ "s1", "s2" }));
     EXPECT_EQ(keys(store->messages("bob@x", "s1", 5)), QStringList{ "s0" });
@@ -164,7 +180,7 @@ TEST(MessageStore, TheKeyFilterClearsMostUnknownKeysAndNoKnownOne)
     EXPECT_LT(passed, 30);
     EXPECT_NE(KeyFilter::digest(QString("ab"), "c", "k"), KeyFilter::digest(QString("a"), "bc", "k"));
     EXPECT_EQ(KeyFilter::digest(QString::fromUtf8("房间@x"), "bob@x", "k"), // as the store's rows give it
-              KeyFilter::digest(std::string_view("房间@x"), std::string_view("bob@x"), std::string_view("k")));
+        KeyFilter::digest(std::string_view("房间@x"), std::string_view("bob@x"), std::string_view("k")));
 }
 
 TEST(MessageStore, RetentionKeepsTheNewestAndThePending)
@@ -196,7 +212,8 @@ TEST(MessageStore, TheFirstVersionIsBroughtUp)
     {
         SqliteDatabase db;
         ASSERT_TRUE(db.open(path));
-        ASSERT_TRUE(db.exec(std::string(StoreSchema::step(1)) + "PRAGMA user_version=1;"
+        ASSERT_TRUE(db.exec(std::string(StoreSchema::step(1)) +
+                            "PRAGMA user_version=1;"
                             "INSERT INTO messages VALUES(1,'bob@x','k','bob@x',1,'','kept from before 北京',0,1,0,0,2);"
                             "INSERT INTO conversations VALUES('bob@x',1,1,1);"));
     }
@@ -246,7 +263,11 @@ TEST(MessageStore, FilesThatAreNotStoresAreRefusedUnharmed)
         { dir.filePath("missing/s.db"), "cannot open" },
     };
     for (const auto &[path, reason] : cases) {
-        const QByteArray bytes = [&] { QFile f(path); f.open(QIODevice::ReadOnly); return f.readAll(); }();
+        const QByteArray bytes = [&] {
+            QFile f(path);
+            f.open(QIODevice::ReadOnly);
+            return f.readAll();
+        }();
         MessageStore store;
         EXPECT_FALSE(store.open(path)) << path.toStdString();
         EXPECT_TRUE(store.error().contains(path) && store.error().contains(reason)) << store.error().toStdString();

@@ -28,10 +28,22 @@
 using Lines = std::vector<std::string>;
 
 namespace eventlog_detail {
-inline std::string text(const std::string &s) { return s; }
-inline std::string text(const char *s) { return s ? s : "(null)"; }
-inline std::string text(const QString &s) { return s.toStdString(); }
-inline std::string text(const QByteArray &s) { return s.toStdString(); }
+inline std::string text(const std::string &s)
+{
+    return s;
+}
+inline std::string text(const char *s)
+{
+    return s ? s : "(null)";
+}
+inline std::string text(const QString &s)
+{
+    return s.toStdString();
+}
+inline std::string text(const QByteArray &s)
+{
+    return s.toStdString();
+}
 template <class T, class = std::enable_if_t<std::is_arithmetic<T>::value || std::is_enum<T>::value>>
 std::string text(T v)
 {
@@ -41,8 +53,7 @@ std::string text(T v)
 
 /// The parts joined with '|': strings as they are, numbers and enumerations
 /// in decimal, bools as 0/1.
-template <class First, class... Rest>
-std::string fields(const First &first, const Rest &...rest)
+template <class First, class... Rest> std::string fields(const First &first, const Rest &...rest)
 {
     std::string line = eventlog_detail::text(first);
     ((line += '|', line += eventlog_detail::text(rest)), ...);
@@ -60,8 +71,7 @@ inline std::string fileText(const std::string &path)
 constexpr std::chrono::milliseconds kWaitLimit{ 15000 };
 
 /// Polls `condition` every 10 ms until it holds or `timeout` passes.
-template <class Condition>
-bool eventually(Condition condition, std::chrono::milliseconds timeout = kWaitLimit)
+template <class Condition> bool eventually(Condition condition, std::chrono::milliseconds timeout = kWaitLimit)
 {
     const auto limit = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
@@ -72,8 +82,7 @@ bool eventually(Condition condition, std::chrono::milliseconds timeout = kWaitLi
     return true;
 }
 
-class EventLog
-{
+class EventLog {
 public:
     void add(std::string line)
     {
@@ -91,15 +100,14 @@ public:
     /// The lines that start with `prefix`, in order.
     Lines starting(const std::string &prefix) const { return starting(lines(), prefix); }
     /// Waits until `predicate(lines)` holds.
-    template <class Predicate>
-    bool waitFor(Predicate predicate, std::chrono::milliseconds timeout = kWaitLimit) const
+    template <class Predicate> bool waitFor(Predicate predicate, std::chrono::milliseconds timeout = kWaitLimit) const
     {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return predicate(lines_); });
     }
     /// Waits until `n` lines start with `prefix`.
-    bool waitForPrefix(const std::string &prefix, std::size_t n = 1,
-                       std::chrono::milliseconds timeout = kWaitLimit) const
+    bool waitForPrefix(
+        const std::string &prefix, std::size_t n = 1, std::chrono::milliseconds timeout = kWaitLimit) const
     {
         return waitFor([&](const Lines &l) { return starting(l, prefix).size() >= n; }, timeout);
     }

@@ -59,9 +59,9 @@ void HttpTestServer::stop()
 void HttpTestServer::answer(int status, std::string body)
 {
     const std::string length = std::to_string(body.size()); // before the body moves
-    answerRaw("HTTP/1.1 " + std::to_string(status) + " Status\r\nContent-Type: application/json\r\nContent-Length: " +
-                  length + "\r\n",
-              std::move(body));
+    answerRaw("HTTP/1.1 " + std::to_string(status) +
+                  " Status\r\nContent-Type: application/json\r\nContent-Length: " + length + "\r\n",
+        std::move(body));
 }
 
 void HttpTestServer::answerRaw(std::string head, std::string piece, int times, int pauseMs)

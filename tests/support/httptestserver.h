@@ -22,13 +22,12 @@
 //   server.answer(200, "[]");
 //   task.httpResult(QString::fromStdString(server.baseAddress() + "/x"));
 //   server.requestLines(); // {"GET /x HTTP/1.1"}
-class HttpTestServer
-{
+class HttpTestServer {
 public:
     HttpTestServer() = default;
     ~HttpTestServer() { stop(); }
-    HttpTestServer(const HttpTestServer&) = delete;
-    HttpTestServer& operator=(const HttpTestServer&) = delete;
+    HttpTestServer(const HttpTestServer &) = delete;
+    HttpTestServer &operator=(const HttpTestServer &) = delete;
 
     bool start();
     void stop();
@@ -57,7 +56,7 @@ private:
     int port_ = 0;
     std::thread thread_;
 
-    std::atomic<bool> stopping_{false};
+    std::atomic<bool> stopping_{ false };
 
     mutable std::mutex mutex_;
     std::string head_ = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";

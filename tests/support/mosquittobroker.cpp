@@ -74,7 +74,7 @@ int MosquittoBroker::freePort()
     return loopback(0, false);
 }
 
-bool MosquittoBroker::makeTlsFiles(const std::string& dir)
+bool MosquittoBroker::makeTlsFiles(const std::string &dir)
 {
     return std::system((PUSHCHAT_MAKE_TLS_FILES " '" + dir + "'").c_str()) == 0;
 }

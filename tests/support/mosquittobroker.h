@@ -17,11 +17,9 @@
 //   MosquittoBroker broker;
 //   ASSERT_TRUE(broker.start()) << broker.log();
 //   client.start_connect(broker.host(), broker.port(), 60);
-class MosquittoBroker
-{
+class MosquittoBroker {
 public:
-    struct Options
-    {
+    struct Options {
         bool allowAnonymous = true;
         // Keep sessions, subscriptions and queued messages across stop() and
         // start() (saved on SIGTERM, read back at start).
@@ -30,11 +28,11 @@ public:
         std::string extraConfig;
     };
 
-    MosquittoBroker() : MosquittoBroker(Options()) {}
-    explicit MosquittoBroker(Options options) : options_(std::move(options)) {}
+    MosquittoBroker() : MosquittoBroker(Options()) { }
+    explicit MosquittoBroker(Options options) : options_(std::move(options)) { }
     ~MosquittoBroker();
-    MosquittoBroker(const MosquittoBroker&) = delete;
-    MosquittoBroker& operator=(const MosquittoBroker&) = delete;
+    MosquittoBroker(const MosquittoBroker &) = delete;
+    MosquittoBroker &operator=(const MosquittoBroker &) = delete;
 
     bool start();
     // Ends the broker with `signal` (SIGKILL: nothing saved) and waits.
@@ -45,7 +43,7 @@ public:
     bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
 
-    const char* host() const { return "127.0.0.1"; }
+    const char *host() const { return "127.0.0.1"; }
     int port() const { return port_; }
     // What the broker logged so far (connections, refusals, errors).
     std::string log() const;
@@ -54,7 +52,7 @@ public:
     static int freePort();
     // Makes throw-away certificates and a password file in `dir` (see the
     // script make-tls-files beside this file).
-    static bool makeTlsFiles(const std::string& dir);
+    static bool makeTlsFiles(const std::string &dir);
 
 private:
     bool prepareDirectory();

@@ -26,7 +26,7 @@ struct ProcessUsage {
         std::ifstream status("/proc/self/status");
         std::string key;
         long kib = 0;
-        while (status >> key && key != "VmHWM:") {}
+        while (status >> key && key != "VmHWM:") { }
         return status >> kib ? kib : 0;
     }
     static void resetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }

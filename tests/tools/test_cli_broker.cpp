@@ -40,11 +40,11 @@ bool readLines(QProcess &process, Lines &lines, std::size_t until = 0)
             for (const QJsonValue &value : event) {
                 const QJsonObject r = value.toObject();
                 line += '|' + (value.isObject()
-                                   ? QStringLiteral("%1,%2,%3,%4,%5")
-                                         .arg(r["jid"].toString(), r["name"].toString(), r["creater"].toString())
-                                         .arg(r["type"].toInt())
-                                         .arg(r["members"].toArray().size())
-                                   : value.toVariant().toString());
+                                      ? QStringLiteral("%1,%2,%3,%4,%5")
+                                            .arg(r["jid"].toString(), r["name"].toString(), r["creater"].toString())
+                                            .arg(r["type"].toInt())
+                                            .arg(r["members"].toArray().size())
+                                      : value.toVariant().toString());
             }
             line.replace(QRegularExpression("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"), QStringLiteral("<uuid>"));
             line.replace(QRegularExpression("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d"), QStringLiteral("<time>"));
@@ -82,12 +82,12 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
     int nothing = MosquittoBroker::freePort();
     while (nothing == tlsPort)
         nothing = MosquittoBroker::freePort();
-    MosquittoBroker broker({true, false,
-                            QStringLiteral("password_file %1passwd\nlistener %2 127.0.0.1\ncafile %1ca.crt\n"
-                                           "certfile %1server.crt\nkeyfile %1server.key\n")
-                                .arg(dir)
-                                .arg(tlsPort)
-                                .toStdString()});
+    MosquittoBroker broker({ true, false,
+        QStringLiteral("password_file %1passwd\nlistener %2 127.0.0.1\ncafile %1ca.crt\n"
+                       "certfile %1server.crt\nkeyfile %1server.key\n")
+            .arg(dir)
+            .arg(tlsPort)
+            .toStdString() });
     ASSERT_TRUE(broker.start()) << broker.log();
     HttpTestServer http;
     ASSERT_TRUE(http.start());
@@ -121,63 +121,70 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
         const bool ended =
             process.waitForFinished(int(kWaitLimit.count())) && process.exitStatus() == QProcess::NormalExit;
         const QByteArray out = process.readAllStandardOutput();
-        return fields(ended ? process.exitCode() : -1, out.left(out.indexOf('\n')),
-                      process.readAllStandardError().trimmed());
+        return fields(
+            ended ? process.exitCode() : -1, out.left(out.indexOf('\n')), process.readAllStandardError().trimmed());
     };
     const std::pair<QString, QString> rows[] = {
-        {"--level 5 send bob hello", "0||"},
-        {"--level 3 send --room bob secret", "0||"},
-        {"send --notice all note", "0||"},
-        {"room create team Team bob,carol --type 3", "0||"},
-        {"rdp becontrol-reply bob ok", "0||"},
-        {"--server-jid nobody@im --timeout 1 history sync u-1", "4||pushchat: no message history arrived within 1 s."},
-        {"history --http --http-base " + QString::fromStdString(http.baseAddress()) + " sync u-2",
-         R"(0|{"event":"onHistoryMessages","json":"[7]"}|)"},
-        {"send carol -", "0||"}, // the longest text, from standard input
-        {"--broker 127.0.0.1:@F --broker 127.0.0.1:@P send carol x", "0||"},
-        {"--port @F send bob x", "2||pushchat: no connection: nothing listens on 127.0.0.1:@F (connection refused); "
-                                 "start the broker, or check its address (--host and --port, or --broker)."},
-        {"--port @H --timeout 0.5 send bob x",
-         "2||pushchat: no connection to 127.0.0.1:@H within 0.5 s: no MQTT broker answered there, and nothing "
-         "refused the connection; check the address (--host and --port, or --broker), and --tls for a broker that "
-         "takes TLS only."},
-        {"--username alice --password-file @Dwrong send bob x",
-         "2||pushchat: no connection: the broker at 127.0.0.1:@P refused the login of 'alice' (not authorised); "
-         "check --username, and the password in PUSHCHAT_PASSWORD or --password-file."},
-        {"--username alice send bob x",
-         "2||pushchat: no connection: the broker at 127.0.0.1:@P refused the login of 'alice' (not authorised); "
-         "check --username, and the password in PUSHCHAT_PASSWORD or --password-file."},
-        {"--cafile @Dnone.pem send bob x", "64||pushchat: cannot read --cafile '@Dnone.pem': No such file or directory."},
-        {"--tls --timeout 0.5 send bob x",
-         "2||pushchat: no connection to 127.0.0.1:@P within 0.5 s: the TLS handshake failed (unexpected eof while "
-         "reading); check that the broker takes TLS on this port."},
-        {"--port @T --cafile @Delsewhere.crt send bob x",
-         "2||pushchat: no connection: the certificate of the broker at 127.0.0.1:@T does not verify against --cafile "
-         "'@Delsewhere.crt' (certificate verify failed); --cafile must name the CA that signed the broker's "
-         "certificate."},
-        {"send --image @Dnone.png bob", "66||pushchat: cannot read --image '@Dnone.png': No such file or directory."},
-        {"send --image @Dwrong bob",
-         "66||pushchat: --image '@Dwrong' is not a picture this client can read (unsupported image format)."},
-        {"history --http --http-base http://127.0.0.1:@F sync u-3",
-         "4||pushchat: no message history from the HTTP history service at http://127.0.0.1:@F: connection refused; "
-         "check --http-base (the address of the server's HTTP service)."},
-        {"send --text-file @Dbig bob", "66||pushchat: the text of --text-file '@Dbig' is longer than a message may be "
-                                       "(2097152 bytes, 2 MiB): nothing was sent."},
-        {"--bogus listen", "64||pushchat: Unknown option 'bogus'. See --help."},
-        {"--help", "0|Usage: pushchat [options] command [arguments...]|"},
-        {"--version", "0|pushchat " PUSHCHAT_VERSION_STRING "|"},
+        { "--level 5 send bob hello", "0||" },
+        { "--level 3 send --room bob secret", "0||" },
+        { "send --notice all note", "0||" },
+        { "room create team Team bob,carol --type 3", "0||" },
+        { "rdp becontrol-reply bob ok", "0||" },
+        { "--server-jid nobody@im --timeout 1 history sync u-1",
+            "4||pushchat: no message history arrived within 1 s." },
+        { "history --http --http-base " + QString::fromStdString(http.baseAddress()) + " sync u-2",
+            R"(0|{"event":"onHistoryMessages","json":"[7]"}|)" },
+        { "send carol -", "0||" }, // the longest text, from standard input
+        { "--broker 127.0.0.1:@F --broker 127.0.0.1:@P send carol x", "0||" },
+        { "--port @F send bob x",
+            "2||pushchat: no connection: nothing listens on 127.0.0.1:@F (connection refused); "
+            "start the broker, or check its address (--host and --port, or --broker)." },
+        { "--port @H --timeout 0.5 send bob x",
+            "2||pushchat: no connection to 127.0.0.1:@H within 0.5 s: no MQTT broker answered there, and nothing "
+            "refused the connection; check the address (--host and --port, or --broker), and --tls for a broker that "
+            "takes TLS only." },
+        { "--username alice --password-file @Dwrong send bob x",
+            "2||pushchat: no connection: the broker at 127.0.0.1:@P refused the login of 'alice' (not authorised); "
+            "check --username, and the password in PUSHCHAT_PASSWORD or --password-file." },
+        { "--username alice send bob x",
+            "2||pushchat: no connection: the broker at 127.0.0.1:@P refused the login of 'alice' (not authorised); "
+            "check --username, and the password in PUSHCHAT_PASSWORD or --password-file." },
+        { "--cafile @Dnone.pem send bob x",
+            "64||pushchat: cannot read --cafile '@Dnone.pem': No such file or directory." },
+        { "--tls --timeout 0.5 send bob x",
+            "2||pushchat: no connection to 127.0.0.1:@P within 0.5 s: the TLS handshake failed (unexpected eof while "
+            "reading); check that the broker takes TLS on this port." },
+        { "--port @T --cafile @Delsewhere.crt send bob x",
+            "2||pushchat: no connection: the certificate of the broker at 127.0.0.1:@T does not verify against "
+            "--cafile "
+            "'@Delsewhere.crt' (certificate verify failed); --cafile must name the CA that signed the broker's "
+            "certificate." },
+        { "send --image @Dnone.png bob", "66||pushchat: cannot read --image '@Dnone.png': No such file or directory." },
+        { "send --image @Dwrong bob",
+            "66||pushchat: --image '@Dwrong' is not a picture this client can read (unsupported image format)." },
+        { "history --http --http-base http://127.0.0.1:@F sync u-3",
+            "4||pushchat: no message history from the HTTP history service at http://127.0.0.1:@F: connection refused; "
+            "check --http-base (the address of the server's HTTP service)." },
+        { "send --text-file @Dbig bob",
+            "66||pushchat: the text of --text-file '@Dbig' is longer than a message may be "
+            "(2097152 bytes, 2 MiB): nothing was sent." },
+        { "--bogus listen", "64||pushchat: Unknown option 'bogus'. See --help." },
+        { "--help", "0|Usage: pushchat [options] command [arguments...]|" },
+        { "--version", "0|pushchat " PUSHCHAT_VERSION_STRING "|" },
     };
     for (const auto &[arguments, expected] : rows) {
         // --broker replaces --port.
-        const QString line = (arguments.contains("--broker") ? QString() : port) + "--domain im --user alice "
-                             "--timeout 5 " + arguments;
+        const QString line = (arguments.contains("--broker") ? QString() : port) +
+                             "--domain im --user alice "
+                             "--timeout 5 " +
+                             arguments;
         EXPECT_EQ(run(PUSHCHAT_CLI, line), fill(expected).toStdString()) << arguments.toStdString();
     }
     EXPECT_EQ(run(PUSHCHAT_DEVSERVER, "--version"), "0|pushchat-devserver " PUSHCHAT_VERSION_STRING "|");
     EXPECT_EQ(run(PUSHCHAT_DEVSERVER, "--port @P --username alice --password-file @Dwrong --http-port 0"),
-              fill("2||pushchat-devserver: no connection: the broker at 127.0.0.1:@P refused the login of 'alice' "
-                   "(not authorised); check --username, and the password in PUSHCHAT_PASSWORD or --password-file.")
-                  .toStdString());
+        fill("2||pushchat-devserver: no connection: the broker at 127.0.0.1:@P refused the login of 'alice' "
+             "(not authorised); check --username, and the password in PUSHCHAT_PASSWORD or --password-file.")
+            .toStdString());
     // Without --device, the library generates its id once, keeps it in the
     // client's own settings and uses it for every later run.
     const QString id =

@@ -19,7 +19,6 @@
 
 #include <functional>
 
-
 namespace {
 
 using namespace kit;
@@ -36,9 +35,9 @@ MosquittoBroker *sharedBroker()
 int start(QProcess &server, const MosquittoBroker &broker, const QTemporaryDir &dir)
 {
     return startDevServer(server, PUSHCHAT_DEVSERVER,
-                          {"--port", QString::number(broker.port()), "--server-jid", "server@im.test", "--db",
-                           dir.filePath("dev.db"), "--http-port", "0"},
-                          dir.filePath("server.jsonl"));
+        { "--port", QString::number(broker.port()), "--server-jid", "server@im.test", "--db", dir.filePath("dev.db"),
+            "--http-port", "0" },
+        dir.filePath("server.jsonl"));
 }
 
 /// The first line of `app` after `mark` that starts with `kind`, "time" values blanked.
@@ -56,13 +55,19 @@ std::string await(App &app, std::size_t mark, const std::string &kind)
         .toStdString();
 }
 
-const std::string kFriends = R"(friendList|{"friends":[{"jid":"bob@im.test","online":true,"properties":"colleague","text":"hi"}],"last_friend_id":"bob@im.test","more":false,"type":1})";
-const std::string kK1 = R"({"body":"hello","body_type":0,"conv_id":"alice@im.test","from":"alice@im.test","modifier":"bob@im.test","msg_type":1,"readable":true,"sec_level":5,"stamp":"st","status":2,"time":"T","to":"bob@im.test","uuid":"k-1"})";
-const std::string kK2 = R"({"body":"all","body_type":0,"conv_id":"team@im.test","from":"alice@im.test","modifier":"","msg_type":4,"readable":true,"sec_level":9999,"stamp":"st","status":0,"time":"T","to":"team@im.test","uuid":"k-2"})";
-const std::string kK3 = R"({"body":"","body_type":0,"conv_id":"alice@im.test","from":"alice@im.test","modifier":"","msg_type":1,"readable":false,"sec_level":3,"stamp":"st","status":0,"time":"T","to":"bob@im.test","uuid":"k-3"})";
-const std::string kDetail = R"(detail|{"conv_id":"alice@im.test","messages":[)" + kK1 + "," + kK3 + R"(],"more":false,"page":0,"pagesize":20})";
-const std::string kConversations = R"(conversations|{"conversations":[{"conv_id":"alice@im.test","count":2,"last":)" + kK3 +
-    R"(,"msg_type":1},{"conv_id":"team@im.test","count":1,"last":)" + kK2 + R"(,"msg_type":4}],"message_type":0,"page":0,"pagesize":20})";
+const std::string kFriends =
+    R"(friendList|{"friends":[{"jid":"bob@im.test","online":true,"properties":"colleague","text":"hi"}],"last_friend_id":"bob@im.test","more":false,"type":1})";
+const std::string kK1 =
+    R"({"body":"hello","body_type":0,"conv_id":"alice@im.test","from":"alice@im.test","modifier":"bob@im.test","msg_type":1,"readable":true,"sec_level":5,"stamp":"st","status":2,"time":"T","to":"bob@im.test","uuid":"k-1"})";
+const std::string kK2 =
+    R"({"body":"all","body_type":0,"conv_id":"team@im.test","from":"alice@im.test","modifier":"","msg_type":4,"readable":true,"sec_level":9999,"stamp":"st","status":0,"time":"T","to":"team@im.test","uuid":"k-2"})";
+const std::string kK3 =
+    R"({"body":"","body_type":0,"conv_id":"alice@im.test","from":"alice@im.test","modifier":"","msg_type":1,"readable":false,"sec_level":3,"stamp":"st","status":0,"time":"T","to":"bob@im.test","uuid":"k-3"})";
+const std::string kDetail =
+    R"(detail|{"conv_id":"alice@im.test","messages":[)" + kK1 + "," + kK3 + R"(],"more":false,"page":0,"pagesize":20})";
+const std::string kConversations = R"(conversations|{"conversations":[{"conv_id":"alice@im.test","count":2,"last":)" +
+                                   kK3 + R"(,"msg_type":1},{"conv_id":"team@im.test","count":1,"last":)" + kK2 +
+                                   R"(,"msg_type":4}],"message_type":0,"page":0,"pagesize":20})";
 
 TEST(DevServer, AnswersEveryCommandFamilyAndKeepsItsStateAcrossARestart)
 {
@@ -91,45 +96,47 @@ TEST(DevServer, AnswersEveryCommandFamilyAndKeepsItsStateAcrossARestart)
         std::string expected;
     };
     const Step steps[] = {
-        {"room", [&] { alice.createMucRoom("team", "Team", "bob", ROOM_TYPE_DEFAULT); }, bobApp,
-         R"(room|10|{"creater":"alice@im.test","jid":"team@im.test","join_time":"","members":[{"alice@im.test":{"jid":"alice@im.test","join_time":"","name":"alice"}},{"bob@im.test":{"jid":"bob@im.test","join_time":"","name":"bob"}}],"name":"Team","operatorBy":"","status":0,"type":0})"},
-        {"friend request", [&] { alice.addFriend({}, "bob", "hi"); }, bobApp,
-         "friendAdded|alice@im.test|bob@im.test|hi"},
-        {"friend accepted", [&] { bob.acceptFriend({}, "alice", "ok"); }, aliceApp,
-         "friendAccepted|bob@im.test|alice@im.test|1"},
-        {"friend list", [&] { alice.setFriendPropoties({}, "bob", "colleague"), alice.listFriends(1, 20, {}); },
-         aliceApp, kFriends},
-        {"presence to friends", [&] { login(bob2, broker, "bob", 5); }, aliceApp,
-         R"(presence|bob@im.test|{"device_id":"dev-b2","device_name":"B2","text":"APP_STARTUP","type":1})"},
-        {"status", [&] { send("bob", "hello", 5, false, "k-1"), bob.modifyMessageStatus("k-1", MSG_STATUS(2)); },
-         aliceApp, "status|bob@im.test|k-1|2"},
-        {"detail",
-         [&] {
-             send("team@im.test", "all", 9999, true, "k-2");
-             send("bob", "secret", 3, false, "k-3");
-             bob.getMsgByConvid("alice@im.test", 0, 20);
-         },
-         bobApp, kDetail},
-        {"conversations", [&] { bob.fetchConversations(MediaInfo::MessageType(0), 0, 20); }, bobApp, kConversations},
-        {"sync", [&] { bob.startSyncMessage("k-1"); }, bobApp, R"(history|{"messages":[)" + kK2 + "," + kK3 + R"(],"more":false,"msg_uuid":"k-1"})"},
-        {"pull", [&] { bob.startPullMessage(0, 0, 1, "k-3"); }, bobApp, R"(history|{"messages":[)" + kK2 + R"(],"more":true,"msg_uuid":"k-3","pull_type":0})"},
-        {"http sync",
-         [&] {
-             bob.setHistoryBaseAddress(QStringLiteral("http://127.0.0.1:%1").arg(httpPort));
-             bob.startSyncMessageRun("k-2");
-         },
-         bobApp, R"(history|{"messages":[)" + kK3 + R"(],"more":false,"msg_uuid":"k-2"})"},
-        {"restart",
-         [&] {
-             server.terminate();
-             server.waitForFinished();
-             start(server, broker, dir);
-             bob.fetchConversations(MediaInfo::MessageType(0), 0, 20);
-         },
-         bobApp, kConversations},
-        {"friends kept", [&] { alice.listFriends(1, 20, {}); }, aliceApp, kFriends},
-        {"rooms kept", [&] { bob2.unRegisterToImServer(), login(bob2, broker, "bob", 5); }, bob2App,
-         R"(roomList|{"jid":"bob@im.test","name":"","rooms":[{"team@im.test":{"creater":"alice@im.test","jid":"team@im.test","join_time":"","members":[{"alice@im.test":{"jid":"alice@im.test","join_time":"","name":"alice"}},{"bob@im.test":{"jid":"bob@im.test","join_time":"","name":"bob"}}],"name":"Team","operatorBy":"","status":0,"type":0}}]})"},
+        { "room", [&] { alice.createMucRoom("team", "Team", "bob", ROOM_TYPE_DEFAULT); }, bobApp,
+            R"(room|10|{"creater":"alice@im.test","jid":"team@im.test","join_time":"","members":[{"alice@im.test":{"jid":"alice@im.test","join_time":"","name":"alice"}},{"bob@im.test":{"jid":"bob@im.test","join_time":"","name":"bob"}}],"name":"Team","operatorBy":"","status":0,"type":0})" },
+        { "friend request", [&] { alice.addFriend({}, "bob", "hi"); }, bobApp,
+            "friendAdded|alice@im.test|bob@im.test|hi" },
+        { "friend accepted", [&] { bob.acceptFriend({}, "alice", "ok"); }, aliceApp,
+            "friendAccepted|bob@im.test|alice@im.test|1" },
+        { "friend list", [&] { alice.setFriendPropoties({}, "bob", "colleague"), alice.listFriends(1, 20, {}); },
+            aliceApp, kFriends },
+        { "presence to friends", [&] { login(bob2, broker, "bob", 5); }, aliceApp,
+            R"(presence|bob@im.test|{"device_id":"dev-b2","device_name":"B2","text":"APP_STARTUP","type":1})" },
+        { "status", [&] { send("bob", "hello", 5, false, "k-1"), bob.modifyMessageStatus("k-1", MSG_STATUS(2)); },
+            aliceApp, "status|bob@im.test|k-1|2" },
+        { "detail",
+            [&] {
+                send("team@im.test", "all", 9999, true, "k-2");
+                send("bob", "secret", 3, false, "k-3");
+                bob.getMsgByConvid("alice@im.test", 0, 20);
+            },
+            bobApp, kDetail },
+        { "conversations", [&] { bob.fetchConversations(MediaInfo::MessageType(0), 0, 20); }, bobApp, kConversations },
+        { "sync", [&] { bob.startSyncMessage("k-1"); }, bobApp,
+            R"(history|{"messages":[)" + kK2 + "," + kK3 + R"(],"more":false,"msg_uuid":"k-1"})" },
+        { "pull", [&] { bob.startPullMessage(0, 0, 1, "k-3"); }, bobApp,
+            R"(history|{"messages":[)" + kK2 + R"(],"more":true,"msg_uuid":"k-3","pull_type":0})" },
+        { "http sync",
+            [&] {
+                bob.setHistoryBaseAddress(QStringLiteral("http://127.0.0.1:%1").arg(httpPort));
+                bob.startSyncMessageRun("k-2");
+            },
+            bobApp, R"(history|{"messages":[)" + kK3 + R"(],"more":false,"msg_uuid":"k-2"})" },
+        { "restart",
+            [&] {
+                server.terminate();
+                server.waitForFinished();
+                start(server, broker, dir);
+                bob.fetchConversations(MediaInfo::MessageType(0), 0, 20);
+            },
+            bobApp, kConversations },
+        { "friends kept", [&] { alice.listFriends(1, 20, {}); }, aliceApp, kFriends },
+        { "rooms kept", [&] { bob2.unRegisterToImServer(), login(bob2, broker, "bob", 5); }, bob2App,
+            R"(roomList|{"jid":"bob@im.test","name":"","rooms":[{"team@im.test":{"creater":"alice@im.test","jid":"team@im.test","join_time":"","members":[{"alice@im.test":{"jid":"alice@im.test","join_time":"","name":"alice"}},{"bob@im.test":{"jid":"bob@im.test","join_time":"","name":"bob"}}],"name":"Team","operatorBy":"","status":0,"type":0}}]})" },
     };
     for (const Step &step : steps) {
         SCOPED_TRACE(step.name);
@@ -184,30 +191,30 @@ TEST(DevServer, DropsWhatFailsItsChecksAndBoundsItsAnswers)
         ServerMessage hostile;
         std::vector<std::pair<std::string, int>> expected; // text in the server's log since, and how often
     } rows[] = {
-        {"wildcard room JID", ask(GroupCMD, GroupSub_Create, room.arg("+", "bob@im.test"), "alice@im.test"),
-         {{R"x("reason":"room JID '+' holds an MQTT wildcard ('+' or '#')")x", 1}, {R"("event":"sent")", 0}}},
-        {"member JID", ask(GroupCMD, GroupSub_Create, room.arg("team@im.test", "x/y@im.test"), "alice@im.test"),
-         {{"1 member(s) dropped, the first: member 'x/y@im.test' holds '/'", 1}, {R"("to":"alice@im.test")", 1}}},
-        {"body over the limit", chat(QString(InputLimits::BODY_BYTES + 1, 'a')),
-         {{R"("reason":"body of 2097153 bytes, over 2097152")", 1}}},
-        {"stored body over the limit", ask(HistoryCMD, HistorySub_List, pull.arg("p-0"), "bob@im.test"),
-         {{R"(\"uuid\":\"old\",\"withheld\":true}],\"more\":false)", 1}}},
-        {"page over the byte bound", ask(HistoryCMD, HistorySub_List, pull.arg(""), "bob@im.test"),
-         {{R"(\"uuid\":\"big-2\")", 1}, {"big-1", 0}, {R"(\"more\":true)", 1}}},
-        {"page over the count bound", ask(HistoryCMD, HistorySub_List, pull.arg("big-1"), "bob@im.test"),
-         {{R"(\"uuid\":\"p-)", 200}, {R"(\"uuid\":\"p-50\")", 1}, {R"(\"more\":true)", 1}}},
+        { "wildcard room JID", ask(GroupCMD, GroupSub_Create, room.arg("+", "bob@im.test"), "alice@im.test"),
+            { { R"x("reason":"room JID '+' holds an MQTT wildcard ('+' or '#')")x", 1 }, { R"("event":"sent")", 0 } } },
+        { "member JID", ask(GroupCMD, GroupSub_Create, room.arg("team@im.test", "x/y@im.test"), "alice@im.test"),
+            { { "1 member(s) dropped, the first: member 'x/y@im.test' holds '/'", 1 },
+                { R"("to":"alice@im.test")", 1 } } },
+        { "body over the limit", chat(QString(InputLimits::BODY_BYTES + 1, 'a')),
+            { { R"("reason":"body of 2097153 bytes, over 2097152")", 1 } } },
+        { "stored body over the limit", ask(HistoryCMD, HistorySub_List, pull.arg("p-0"), "bob@im.test"),
+            { { R"(\"uuid\":\"old\",\"withheld\":true}],\"more\":false)", 1 } } },
+        { "page over the byte bound", ask(HistoryCMD, HistorySub_List, pull.arg(""), "bob@im.test"),
+            { { R"(\"uuid\":\"big-2\")", 1 }, { "big-1", 0 }, { R"(\"more\":true)", 1 } } },
+        { "page over the count bound", ask(HistoryCMD, HistorySub_List, pull.arg("big-1"), "bob@im.test"),
+            { { R"(\"uuid\":\"p-)", 200 }, { R"(\"uuid\":\"p-50\")", 1 }, { R"(\"more\":true)", 1 } } },
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         const ServerMessage legitimate = chat(row.name);
         QFile out(dir.filePath("server.jsonl"));
         ASSERT_TRUE(out.open(QIODevice::ReadOnly) && out.seek(out.size()));
-        ASSERT_TRUE(wire.publish(row.hostile.topic, row.hostile.payload) &&
-                    wire.publish(legitimate.topic, legitimate.payload));
+        ASSERT_TRUE(
+            wire.publish(row.hostile.topic, row.hostile.payload) && wire.publish(legitimate.topic, legitimate.payload));
         std::string log;
-        ASSERT_TRUE(eventually([&] {
-            return (log += out.readAll().toStdString()).find(R"("event":"recorded")") != std::string::npos;
-        }));
+        ASSERT_TRUE(eventually(
+            [&] { return (log += out.readAll().toStdString()).find(R"("event":"recorded")") != std::string::npos; }));
         for (const auto &[text, count] : row.expected) {
             int found = 0;
             for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))

@@ -24,21 +24,27 @@ constexpr int kSubscriptionQos = 1;
 constexpr int kKeepaliveSeconds = 60;
 constexpr int kGroupChat = 4; // MESSAGE_TYPE_GROUPCHAT
 
-const GroupSubCmd kRoomCommands[] = {GroupSub_Create,         GroupSub_Release, GroupSub_Invite,     GroupSub_Kick,
-                                      GroupSub_SetGroupName,   GroupSub_Exit,    GroupSub_Query,      GroupSub_Join,
-                                      GroupSub_SetRoomCreater, GroupSub_Refresh, GroupSub_Modify_Type};
+const GroupSubCmd kRoomCommands[] = { GroupSub_Create, GroupSub_Release, GroupSub_Invite, GroupSub_Kick,
+    GroupSub_SetGroupName, GroupSub_Exit, GroupSub_Query, GroupSub_Join, GroupSub_SetRoomCreater, GroupSub_Refresh,
+    GroupSub_Modify_Type };
 
 // Locations are raw "FIRST:SECOND" texts on "LOCATION/<target>".
 constexpr const char *kLocationPrefix = "LOCATION/";
 
 const QString kHttpPrefix = QStringLiteral("/vantrel_api/instance_message/");
 
-QString fromUtf8(const std::string &text) { return QString::fromStdString(text); }
+QString fromUtf8(const std::string &text)
+{
+    return QString::fromStdString(text);
+}
 
 // How much of a topic a "dropped" line shows.
 constexpr int kShownTopicBytes = 256;
 
-QJsonObject objectOf(const QString &json) { return QJsonDocument::fromJson(json.toUtf8()).object(); }
+QJsonObject objectOf(const QString &json)
+{
+    return QJsonDocument::fromJson(json.toUtf8()).object();
+}
 
 // Why a request's values may not be used: `jid` (may be empty) fails the
 // JID check, or `uuid` is over DevStore::kMaxFieldBytes; empty when neither.
@@ -53,10 +59,8 @@ QString valueRefusal(const QString &jid, const char *what, const QString &uuid =
 
 QJsonObject friendJson(const DevStore::Friend &f)
 {
-    return {{QStringLiteral("jid"), f.jid},
-            {QStringLiteral("online"), f.online},
-            {QStringLiteral("properties"), f.properties},
-            {QStringLiteral("text"), f.text}};
+    return { { QStringLiteral("jid"), f.jid }, { QStringLiteral("online"), f.online },
+        { QStringLiteral("properties"), f.properties }, { QStringLiteral("text"), f.text } };
 }
 
 // One page of a friend list, within the answer's bounds: a friend that does
@@ -92,10 +96,8 @@ QJsonObject friendPage(DevStore &store, const QString &owner, const QJsonObject 
         last = f.jid;
         return true;
     });
-    return {{QStringLiteral("type"), int(list)},
-            {QStringLiteral("friends"), friends},
-            {QStringLiteral("last_friend_id"), last},
-            {QStringLiteral("more"), more}};
+    return { { QStringLiteral("type"), int(list) }, { QStringLiteral("friends"), friends },
+        { QStringLiteral("last_friend_id"), last }, { QStringLiteral("more"), more } };
 }
 
 } // namespace
@@ -103,8 +105,8 @@ QJsonObject friendPage(DevStore &store, const QString &owner, const QJsonObject 
 DevServer::DevServer(Settings settings, DevStore *store, JsonLineWriter *log, QObject *parent)
     : QObject(parent), m_settings(std::move(settings)), m_jid(fromUtf8(m_settings.serverJid)),
       m_readyTopic("pushchat-devserver/ready/" + m_settings.serverJid), m_store(store), m_log(log),
-      m_rooms(store, [this](const QString &reason) { dropped(reason); }),
-      m_history(store), m_http([this](const QString &path, const QUrlQuery &query) { return answerHttp(path, query); })
+      m_rooms(store, [this](const QString &reason) { dropped(reason); }), m_history(store),
+      m_http([this](const QString &path, const QUrlQuery &query) { return answerHttp(path, query); })
 {
     qRegisterMetaType<PushConnectionError>(); // for receivers of linkFailed on other threads
 }
@@ -148,9 +150,9 @@ void DevServer::connectStatus(bool connected)
     // delivery over only once its handshake is done, so a QoS 0 message (a
     // user's "APP_QUIT") would overtake the messages sent before it. The
     // push client drops the repeats QoS 1 allows.
-    m_client->subscribe({"s/g/c/" + jid + "/#", "s/h/c/" + jid + "/#", "m/i/#", "s/f/c/#", "s/f/i/#",
-                         std::string(kLocationPrefix) + "#", m_readyTopic},
-                        kSubscriptionQos);
+    m_client->subscribe({ "s/g/c/" + jid + "/#", "s/h/c/" + jid + "/#", "m/i/#", "s/f/c/#", "s/f/i/#",
+                            std::string(kLocationPrefix) + "#", m_readyTopic },
+        kSubscriptionQos);
     // Comes back once the subscriptions are in place.
     m_client->publish(m_readyTopic.c_str(), "", kQos, false);
 }
@@ -163,8 +165,8 @@ void DevServer::messgeRecievedMore(int, char *topic, void *payload, int length, 
     arrived.topicBytes = qsizetype(strnlen(topic, std::size_t(InputLimits::TOPIC_BYTES) + 1));
     arrived.payloadBytes = length;
     arrived.oversized = arrived.topicBytes > InputLimits::TOPIC_BYTES || length > InputLimits::PAYLOAD_BYTES;
-    arrived.topic = QByteArray(topic, int(arrived.oversized ? std::min<qsizetype>(arrived.topicBytes, kShownTopicBytes)
-                                                            : arrived.topicBytes));
+    arrived.topic = QByteArray(
+        topic, int(arrived.oversized ? std::min<qsizetype>(arrived.topicBytes, kShownTopicBytes) : arrived.topicBytes));
     if (!arrived.oversized)
         arrived.payload = QByteArray(static_cast<const char *>(payload), length);
     {
@@ -194,18 +196,17 @@ void DevServer::drain()
 
 void DevServer::dropped(const QString &reason, const std::string &from)
 {
-    m_log->write({{QStringLiteral("event"), QStringLiteral("dropped")},
-                  {QStringLiteral("topic"), m_handling},
-                  {QStringLiteral("from"), QString::fromUtf8(from.data(), int(std::min<std::size_t>(
-                                                                            from.size(), kShownTopicBytes)))},
-                  {QStringLiteral("reason"), reason}});
+    m_log->write({ { QStringLiteral("event"), QStringLiteral("dropped") }, { QStringLiteral("topic"), m_handling },
+        { QStringLiteral("from"),
+            QString::fromUtf8(from.data(), int(std::min<std::size_t>(from.size(), kShownTopicBytes))) },
+        { QStringLiteral("reason"), reason } });
 }
 
 QString DevServer::refusal(const MQTTMessage &in)
 {
     if (in.body.size() > std::size_t(InputLimits::BODY_BYTES))
         return QStringLiteral("body of %1 bytes, over %2").arg(in.body.size()).arg(InputLimits::BODY_BYTES);
-    for (const std::string *field : {&in.messageKey, &in.stamp}) {
+    for (const std::string *field : { &in.messageKey, &in.stamp }) {
         if (field->size() > std::size_t(DevStore::kMaxFieldBytes))
             return QStringLiteral("%1 of %2 bytes, over %3")
                 .arg(field == &in.stamp ? QLatin1String("stamp") : QLatin1String("uuid"))
@@ -232,16 +233,16 @@ void DevServer::handle(const Arrived &arrived)
         return;
     }
     if (topic == QByteArray::fromStdString(m_readyTopic)) {
-        m_log->write({{QStringLiteral("event"), QStringLiteral("ready")},
-                      {QStringLiteral("server"), m_jid},
-                      {QStringLiteral("http_port"), int(httpPort())}});
+        m_log->write({ { QStringLiteral("event"), QStringLiteral("ready") }, { QStringLiteral("server"), m_jid },
+            { QStringLiteral("http_port"), int(httpPort()) } });
         return;
     }
     if (topic.startsWith(kLocationPrefix)) {
-        m_log->write({{QStringLiteral("event"), QStringLiteral("location")},
-                      {QStringLiteral("target"), // a JID: '/' is a dot given back (see below)
-                       QString::fromUtf8(topic.mid(int(std::strlen(kLocationPrefix)))).replace(QLatin1Char('/'), QLatin1Char('.'))},
-                      {QStringLiteral("position"), QString::fromUtf8(payload)}});
+        m_log->write({ { QStringLiteral("event"), QStringLiteral("location") },
+            { QStringLiteral("target"), // a JID: '/' is a dot given back (see below)
+                QString::fromUtf8(topic.mid(int(std::strlen(kLocationPrefix))))
+                    .replace(QLatin1Char('/'), QLatin1Char('.')) },
+            { QStringLiteral("position"), QString::fromUtf8(payload) } });
         return;
     }
     MQTTMessage in(nullptr, true);
@@ -261,10 +262,9 @@ void DevServer::handle(const Arrived &arrived)
         dropped(reason, in.from);
         return;
     }
-    m_log->write({{QStringLiteral("event"), QStringLiteral("received")},
-                  {QStringLiteral("topic"), QString::fromUtf8(topic)},
-                  {QStringLiteral("from"), fromUtf8(in.from)},
-                  {QStringLiteral("body"), fromUtf8(in.body)}});
+    m_log->write({ { QStringLiteral("event"), QStringLiteral("received") },
+        { QStringLiteral("topic"), QString::fromUtf8(topic) }, { QStringLiteral("from"), fromUtf8(in.from) },
+        { QStringLiteral("body"), fromUtf8(in.body) } });
     const QString topicJid = fromUtf8(in.protocol.jid);
     // A complete chain: the top-level code, the family, the sub-command(s).
     const int family = in.protocol.next ? in.protocol.next->code : 0;
@@ -280,8 +280,7 @@ void DevServer::handle(const Arrived &arrived)
         historyCommand(in);
 }
 
-void DevServer::send(const std::string &to, int family, int sub1, int sub2, const QString &body,
-                     const QString &from)
+void DevServer::send(const std::string &to, int family, int sub1, int sub2, const QString &body, const QString &from)
 {
     // The addressee may come from the store, where an older version kept
     // whatever it was given.
@@ -293,10 +292,9 @@ void DevServer::send(const std::string &to, int family, int sub1, int sub2, cons
                            .arg(body.size())
                            .arg(JidRefusal::shown(to)));
     m_client->publish(out.topic.c_str(), out.payload.c_str(), kQos, false);
-    m_log->write({{QStringLiteral("event"), QStringLiteral("sent")},
-                  {QStringLiteral("topic"), fromUtf8(out.topic)},
-                  {QStringLiteral("to"), fromUtf8(to)},
-                  {QStringLiteral("body"), body}});
+    m_log->write(
+        { { QStringLiteral("event"), QStringLiteral("sent") }, { QStringLiteral("topic"), fromUtf8(out.topic) },
+            { QStringLiteral("to"), fromUtf8(to) }, { QStringLiteral("body"), body } });
 }
 
 void DevServer::roomCommand(MQTTMessage &in)
@@ -327,10 +325,8 @@ void DevServer::messageInfo(MQTTMessage &in, const QString &topicJid)
         if (m.msgType == kGroupChat && !m_store->isMember(from, topicJid))
             return; // not a room of the sender's
         if (m_store->addMessage(m))
-            m_log->write({{QStringLiteral("event"), QStringLiteral("recorded")},
-                          {QStringLiteral("uuid"), m.uuid},
-                          {QStringLiteral("from"), m.from},
-                          {QStringLiteral("to"), m.to}});
+            m_log->write({ { QStringLiteral("event"), QStringLiteral("recorded") }, { QStringLiteral("uuid"), m.uuid },
+                { QStringLiteral("from"), m.from }, { QStringLiteral("to"), m.to } });
         return;
     }
     if (topicJid != m_jid)
@@ -345,9 +341,8 @@ void DevServer::messageInfo(MQTTMessage &in, const QString &topicJid)
             return dropped(reason, in.from);
         const bool known = changeStatus(uuid, status, from);
         send(in.from, MESSAGE_INFO, MESSAGE_MODYFY_STATUS, 0,
-             CompactJson::text({{QStringLiteral("uuid"), uuid},
-                      {QStringLiteral("status"), status},
-                      {QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message")}}));
+            CompactJson::text({ { QStringLiteral("uuid"), uuid }, { QStringLiteral("status"), status },
+                { QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message") } }));
     }
 }
 
@@ -365,9 +360,8 @@ bool DevServer::changeStatus(const QString &uuid, int status, const QString &mod
     if (!message || !m_store->setStatus(uuid, status, modifier))
         return false;
     send(message->from.toStdString(), MESSAGE_INFO, MESSAGE_MODYFY_CLIENT_STATUS, 0,
-         CompactJson::text({{QStringLiteral("uuid"), uuid},
-                  {QStringLiteral("modifier"), modifier},
-                  {QStringLiteral("status"), status}}));
+        CompactJson::text({ { QStringLiteral("uuid"), uuid }, { QStringLiteral("modifier"), modifier },
+            { QStringLiteral("status"), status } }));
     return true;
 }
 
@@ -403,10 +397,11 @@ void DevServer::historyCommand(MQTTMessage &in)
     if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_List))
         send(in.from, HistoryINFO, HistorySubInfo_List, 0, CompactJson::text(m_history.list(from, request)));
     else if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_Converstaion))
-        send(in.from, HistoryINFO, HistorySubInfo_Converstaion, 0, CompactJson::text(m_history.conversations(from, request)));
+        send(in.from, HistoryINFO, HistorySubInfo_Converstaion, 0,
+            CompactJson::text(m_history.conversations(from, request)));
     else if (in.matchSysProtocol(3, SYSTEM, HistoryCMD, HistorySub_Converstaion_Detail))
         send(in.from, HistoryINFO, HistorySubInfo_Converstaion_Detail, 0,
-             CompactJson::text(m_history.conversationDetail(from, request)));
+            CompactJson::text(m_history.conversationDetail(from, request)));
 }
 
 HttpService::Reply DevServer::answerHttp(const QString &path, const QUrlQuery &query)
@@ -424,18 +419,18 @@ HttpService::Reply DevServer::answerHttp(const QString &path, const QUrlQuery &q
     const bool sync = name == QLatin1String("sync_history_message");
     const bool modify = name == QLatin1String("modify_message_status");
     if (!pull && !sync && !modify)
-        return {404, "{\"error\":\"no such path\"}"};
+        return { 404, "{\"error\":\"no such path\"}" };
     const int level = number("my_sec_level");
     const int first = pull ? number("type") : modify ? number("status") : 0;
     const int count = pull ? number("count") : 0;
     if (!valid)
-        return {400, "{\"error\":\"a number is missing or malformed\"}"};
+        return { 400, "{\"error\":\"a number is missing or malformed\"}" };
     if (const QString reason = valueRefusal(value("user_id"), "user_id", value(modify ? "uuid" : "msg_uuid"));
         !reason.isEmpty()) {
         m_handling = path;
         dropped(reason);
         m_handling.clear();
-        return {400, CompactJson::text({{QStringLiteral("error"), reason}}).toUtf8()};
+        return { 400, CompactJson::text({ { QStringLiteral("error"), reason } }).toUtf8() };
     }
     QJsonObject answer;
     int status = 200;
@@ -445,9 +440,9 @@ HttpService::Reply DevServer::answerHttp(const QString &path, const QUrlQuery &q
         answer = m_history.sync(value("user_id"), value("msg_uuid"), level);
     } else {
         const bool known = changeStatus(value("uuid"), first, QString());
-        answer = {{QStringLiteral("uuid"), value("uuid")},
-                  {QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message")}};
+        answer = { { QStringLiteral("uuid"), value("uuid") },
+            { QStringLiteral("result"), known ? QStringLiteral("ok") : QStringLiteral("unknown message") } };
         status = known ? 200 : 404;
     }
-    return {status, CompactJson::text(answer).toUtf8()};
+    return { status, CompactJson::text(answer).toUtf8() };
 }

@@ -66,10 +66,10 @@ public:
         std::string serverJid;
         std::string host = "127.0.0.1";
         int port = 1883;
-        PushClientOptions push;     ///< TLS, credentials, failover
-        int maxQos = 2;             ///< the highest delivery level (1: a broker without QoS 2)
+        PushClientOptions push; ///< TLS, credentials, failover
+        int maxQos = 2;         ///< the highest delivery level (1: a broker without QoS 2)
         QHostAddress httpAddress = QHostAddress::LocalHost;
-        quint16 httpPort = 5201;    ///< 0: a free port (see httpPort())
+        quint16 httpPort = 5201; ///< 0: a free port (see httpPort())
     };
 
     /// `store` (open) and `log` are borrowed and must outlive the server.
@@ -111,8 +111,8 @@ private:
     void historyCommand(MQTTMessage &in);
     void presence(const QString &from, const QString &body);
     bool changeStatus(const QString &uuid, int status, const QString &modifier);
-    void send(const std::string &to, int family, int sub1, int sub2, const QString &body,
-              const QString &from = QString());
+    void send(
+        const std::string &to, int family, int sub1, int sub2, const QString &body, const QString &from = QString());
     HttpService::Reply answerHttp(const QString &path, const QUrlQuery &query);
 
     const Settings m_settings;
@@ -125,9 +125,9 @@ private:
     HistoryAnswers m_history;
     HttpService m_http;
     std::mutex m_mutex;
-    std::deque<Arrived> m_arrived; // guarded by m_mutex
+    std::deque<Arrived> m_arrived;                                  // guarded by m_mutex
     std::deque<std::pair<PushConnectionError, QString>> m_failures; // guarded by m_mutex: for linkFailed
-    std::unique_ptr<PushClient> m_client; // declared last: destroyed first
+    std::unique_ptr<PushClient> m_client;                           // declared last: destroyed first
 };
 
 Q_DECLARE_METATYPE(PushConnectionError)

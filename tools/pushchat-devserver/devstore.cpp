@@ -46,10 +46,11 @@ QString bounded(const char *column, int limit = DevStore::kMaxFieldBytes)
 // kMessageColumns as read back.
 QString readMessageColumns()
 {
-    return QStringLiteral("%1, %2, %3, (CASE WHEN body_bytes > %4 THEN NULL ELSE body END), body_type, msg_type, "
-                          "sec_level, %5, at, status, %6")
+    return QStringLiteral(
+        "%1, %2, %3, (CASE WHEN body_bytes > %4 THEN NULL ELSE body END), body_type, msg_type, "
+        "sec_level, %5, at, status, %6")
         .arg(bounded("uuid"), bounded("sender"), bounded("receiver"), QString::number(InputLimits::BODY_BYTES),
-             bounded("stamp"), bounded("modifier"));
+            bounded("stamp"), bounded("modifier"));
 }
 
 // The other end of a message for `user`: the room, or the peer.
@@ -91,8 +92,7 @@ public:
     /// Runs to the end: true when it finished without error.
     bool exec()
     {
-        while (next()) {
-        }
+        while (next()) { }
         return m_statement.valid() && m_statement.result() == SQLITE_DONE;
     }
 
@@ -111,7 +111,7 @@ private:
 // The message of the row; none when one of its fields is over its limit.
 std::optional<DevStore::Message> messageAt(const Query &query, int first = 0)
 {
-    for (int field : {0, 1, 2, 7, 10}) {
+    for (int field : { 0, 1, 2, 7, 10 }) {
         if (query.isNull(first + field))
             return std::nullopt;
     }
@@ -134,8 +134,9 @@ std::optional<DevStore::Message> messageAt(const Query &query, int first = 0)
 // The messages `scope` covers, as a condition, and its values in order.
 QString scopeCondition(const DevStore::Scope &scope, QVariantList *values)
 {
-    QString where = QStringLiteral("((msg_type = 4 AND receiver IN (SELECT room FROM members WHERE member = ?)) "
-                                   "OR (msg_type <> 4 AND (sender = ? OR receiver = ?)))");
+    QString where = QStringLiteral(
+        "((msg_type = 4 AND receiver IN (SELECT room FROM members WHERE member = ?)) "
+        "OR (msg_type <> 4 AND (sender = ? OR receiver = ?)))");
     *values << scope.user << scope.user << scope.user;
     if (!scope.conversation.isEmpty()) {
         where += QStringLiteral(" AND ") + QLatin1String(kConversation) + QStringLiteral(" = ?");
@@ -150,7 +151,8 @@ QString scopeCondition(const DevStore::Scope &scope, QVariantList *values)
 
 } // namespace
 
-DevStore::DevStore(const QString &path) : m_path(path) {}
+DevStore::DevStore(const QString &path) : m_path(path)
+{ }
 
 DevStore::~DevStore() = default;
 
@@ -171,9 +173,10 @@ bool DevStore::open(QString *error)
     // over the limit, and a body over the limit is emptied (its size kept,
     // it reads as withheld), so that it is never loaded again.
     const bool sized = m_db.prepare("SELECT 1 FROM pragma_table_info('messages') WHERE name = 'body_bytes'").next();
-    const std::string measure = QStringLiteral("UPDATE messages SET body_bytes = length(CAST(body AS BLOB)), "
-                                               "body = CASE WHEN length(CAST(body AS BLOB)) > %1 THEN '' ELSE body END "
-                                               "WHERE body_bytes IS NULL")
+    const std::string measure = QStringLiteral(
+        "UPDATE messages SET body_bytes = length(CAST(body AS BLOB)), "
+        "body = CASE WHEN length(CAST(body AS BLOB)) > %1 THEN '' ELSE body END "
+        "WHERE body_bytes IS NULL")
                                     .arg(InputLimits::BODY_BYTES)
                                     .toStdString();
     if ((!sized && !m_db.exec("ALTER TABLE messages ADD COLUMN body_bytes INTEGER")) || !m_db.exec(measure)) {
@@ -186,18 +189,18 @@ bool DevStore::open(QString *error)
 bool DevStore::addMessage(const Message &m)
 {
     return Query(m_db,
-                 QStringLiteral("INSERT OR IGNORE INTO messages (%1, body_bytes) "
-                                "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
-                     .arg(QLatin1String(kMessageColumns)),
-                 {m.uuid, m.from, m.to, m.body, m.bodyType, m.msgType, m.secLevel, m.stamp, m.at, m.status,
-                  m.modifier, m.body.toUtf8().size()})
+               QStringLiteral("INSERT OR IGNORE INTO messages (%1, body_bytes) "
+                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+                   .arg(QLatin1String(kMessageColumns)),
+               { m.uuid, m.from, m.to, m.body, m.bodyType, m.msgType, m.secLevel, m.stamp, m.at, m.status, m.modifier,
+                   m.body.toUtf8().size() })
                .exec() &&
            m_db.changes() == 1;
 }
 
 std::optional<DevStore::Message> DevStore::message(const QString &uuid)
 {
-    Query query(m_db, QStringLiteral("SELECT %1 FROM messages WHERE uuid = ?").arg(readMessageColumns()), {uuid});
+    Query query(m_db, QStringLiteral("SELECT %1 FROM messages WHERE uuid = ?").arg(readMessageColumns()), { uuid });
     if (!query.next())
         return std::nullopt;
     return messageAt(query);
@@ -206,13 +209,13 @@ std::optional<DevStore::Message> DevStore::message(const QString &uuid)
 bool DevStore::setStatus(const QString &uuid, int status, const QString &modifier)
 {
     return Query(m_db, QStringLiteral("UPDATE messages SET status = ?, modifier = ? WHERE uuid = ?"),
-                 {status, modifier, uuid})
+               { status, modifier, uuid })
                .exec() &&
            m_db.changes() == 1;
 }
 
-void DevStore::messages(const Scope &scope, Direction direction, int skip, int limit, const QString &anchor,
-                        const Visitor<Message> &visit)
+void DevStore::messages(
+    const Scope &scope, Direction direction, int skip, int limit, const QString &anchor, const Visitor<Message> &visit)
 {
     const bool older = direction == Direction::Older;
     QVariantList values;
@@ -224,9 +227,9 @@ void DevStore::messages(const Scope &scope, Direction direction, int skip, int l
     }
     values << limit << skip;
     Query query(m_db,
-                QStringLiteral("SELECT %1 FROM messages WHERE %2 ORDER BY id %3 LIMIT ? OFFSET ?")
-                    .arg(readMessageColumns(), where, older ? QStringLiteral("DESC") : QStringLiteral("ASC")),
-                values);
+        QStringLiteral("SELECT %1 FROM messages WHERE %2 ORDER BY id %3 LIMIT ? OFFSET ?")
+            .arg(readMessageColumns(), where, older ? QStringLiteral("DESC") : QStringLiteral("ASC")),
+        values);
     while (query.next()) {
         std::optional<Message> m = messageAt(query);
         if (m && !visit(std::move(*m)))
@@ -236,13 +239,14 @@ void DevStore::messages(const Scope &scope, Direction direction, int skip, int l
 
 void DevStore::conversations(const Scope &scope, int skip, int limit, const Visitor<Conversation> &visit)
 {
-    QVariantList values{scope.user};
+    QVariantList values{ scope.user };
     const QString where = scopeCondition(scope, &values);
     values << limit << skip;
     // The latest message of each conversation, with the conversation's size.
-    const QString sql = QStringLiteral("SELECT %1, n, %2 FROM messages JOIN (SELECT %3 AS conv, MAX(id) AS last, "
-                                       "COUNT(*) AS n FROM messages WHERE %4 GROUP BY conv) ON id = last "
-                                       "ORDER BY id DESC LIMIT ? OFFSET ?")
+    const QString sql = QStringLiteral(
+        "SELECT %1, n, %2 FROM messages JOIN (SELECT %3 AS conv, MAX(id) AS last, "
+        "COUNT(*) AS n FROM messages WHERE %4 GROUP BY conv) ON id = last "
+        "ORDER BY id DESC LIMIT ? OFFSET ?")
                             .arg(bounded("conv"), readMessageColumns(), QLatin1String(kConversation), where);
     Query query(m_db, sql, values);
     while (query.next()) {
@@ -261,79 +265,78 @@ void DevStore::conversations(const Scope &scope, int skip, int limit, const Visi
 
 bool DevStore::isMember(const QString &user, const QString &room)
 {
-    return Query(m_db, QStringLiteral("SELECT 1 FROM members WHERE room = ? AND member = ?"), {room, user}).next();
+    return Query(m_db, QStringLiteral("SELECT 1 FROM members WHERE room = ? AND member = ?"), { room, user }).next();
 }
 
 void DevStore::setPresence(const QString &jid, bool online, const QJsonObject &presence)
 {
     const QString body = CompactJson::text(presence);
     Query(m_db,
-          QStringLiteral("INSERT OR REPLACE INTO presence (jid, device, online, body, at) VALUES (?, ?, ?, ?, ?)"),
-          {jid, presence.value(QLatin1String("device_id")).toString(), int(online), body,
-           QDateTime::currentMSecsSinceEpoch()})
+        QStringLiteral("INSERT OR REPLACE INTO presence (jid, device, online, body, at) VALUES (?, ?, ?, ?, ?)"),
+        { jid, presence.value(QLatin1String("device_id")).toString(), int(online), body,
+            QDateTime::currentMSecsSinceEpoch() })
         .exec();
 }
 
 void DevStore::requestFriend(const QString &from, const QString &to, const QString &text)
 {
     Query(m_db,
-          QStringLiteral("INSERT INTO friends (owner, friend, state, text) VALUES (?, ?, 'asked', ?) "
-                         "ON CONFLICT (owner, friend) DO UPDATE SET text = excluded.text WHERE state = 'asked'"),
-          {from, to, text})
+        QStringLiteral("INSERT INTO friends (owner, friend, state, text) VALUES (?, ?, 'asked', ?) "
+                       "ON CONFLICT (owner, friend) DO UPDATE SET text = excluded.text WHERE state = 'asked'"),
+        { from, to, text })
         .exec();
 }
 
 bool DevStore::acceptFriend(const QString &from, const QString &requester)
 {
     if (!Query(m_db,
-               QStringLiteral("UPDATE friends SET state = 'friend' WHERE owner = ? AND friend = ? AND state = 'asked'"),
-               {requester, from})
+            QStringLiteral("UPDATE friends SET state = 'friend' WHERE owner = ? AND friend = ? AND state = 'asked'"),
+            { requester, from })
              .exec() ||
         m_db.changes() != 1)
         return false;
     return Query(m_db,
-                 QStringLiteral("INSERT INTO friends (owner, friend, state) VALUES (?, ?, 'friend') "
-                                "ON CONFLICT (owner, friend) DO UPDATE SET state = 'friend'"),
-                 {from, requester})
+        QStringLiteral("INSERT INTO friends (owner, friend, state) VALUES (?, ?, 'friend') "
+                       "ON CONFLICT (owner, friend) DO UPDATE SET state = 'friend'"),
+        { from, requester })
         .exec();
 }
 
 void DevStore::dropFriend(const QString &a, const QString &b)
 {
     Query(m_db, QStringLiteral("DELETE FROM friends WHERE (owner = ? AND friend = ?) OR (owner = ? AND friend = ?)"),
-          {a, b, b, a})
+        { a, b, b, a })
         .exec();
 }
 
 bool DevStore::setFriendProperties(const QString &owner, const QString &friendJid, const QString &properties)
 {
     return Query(m_db,
-                 QStringLiteral("UPDATE friends SET properties = ? WHERE owner = ? AND friend = ? "
-                                "AND state = 'friend'"),
-                 {properties, owner, friendJid})
+               QStringLiteral("UPDATE friends SET properties = ? WHERE owner = ? AND friend = ? "
+                              "AND state = 'friend'"),
+               { properties, owner, friendJid })
                .exec() &&
            m_db.changes() == 1;
 }
 
-void DevStore::friends(const QString &owner, FriendList list, const QString &cursor, int limit,
-                       const Visitor<Friend> &visit)
+void DevStore::friends(
+    const QString &owner, FriendList list, const QString &cursor, int limit, const Visitor<Friend> &visit)
 {
     // Requests received are the rows whose friend is the owner.
     const bool received = list == FriendList::RequestsReceived;
     const QString other = received ? QStringLiteral("owner") : QStringLiteral("friend");
-    const QString sql = QStringLiteral("SELECT %3, %4, %5, COALESCE(p.online, 0) FROM friends f "
-                                       "LEFT JOIN (SELECT jid, MAX(online) AS online FROM presence GROUP BY jid) p "
-                                       "ON p.jid = f.%1 WHERE f.%2 = ? AND f.state = ? "
-                                       "AND f.%1 > ? ORDER BY f.%1 LIMIT ?")
+    const QString sql = QStringLiteral(
+        "SELECT %3, %4, %5, COALESCE(p.online, 0) FROM friends f "
+        "LEFT JOIN (SELECT jid, MAX(online) AS online FROM presence GROUP BY jid) p "
+        "ON p.jid = f.%1 WHERE f.%2 = ? AND f.state = ? "
+        "AND f.%1 > ? ORDER BY f.%1 LIMIT ?")
                             .arg(other, received ? QStringLiteral("friend") : QStringLiteral("owner"),
-                                 bounded(received ? "f.owner" : "f.friend"),
-                                 bounded("f.text", InputLimits::BODY_BYTES),
-                                 bounded("f.properties", InputLimits::BODY_BYTES));
+                                bounded(received ? "f.owner" : "f.friend"), bounded("f.text", InputLimits::BODY_BYTES),
+                                bounded("f.properties", InputLimits::BODY_BYTES));
     const QString state = list == FriendList::Friends ? QStringLiteral("friend") : QStringLiteral("asked");
-    Query query(m_db, sql, {owner, state, cursor, limit});
+    Query query(m_db, sql, { owner, state, cursor, limit });
     while (query.next()) {
-        if (!query.isNull(0) &&
-            !visit({query.text(0), query.text(1), query.text(2), query.integer(3) != 0}))
+        if (!query.isNull(0) && !visit({ query.text(0), query.text(1), query.text(2), query.integer(3) != 0 }))
             return;
     }
 }
@@ -341,9 +344,9 @@ void DevStore::friends(const QString &owner, FriendList list, const QString &cur
 QStringList DevStore::friendsOf(const QString &jid)
 {
     Query query(m_db,
-                QStringLiteral("SELECT %1 FROM friends WHERE owner = ? AND state = 'friend' ORDER BY friend")
-                    .arg(bounded("friend")),
-                {jid});
+        QStringLiteral("SELECT %1 FROM friends WHERE owner = ? AND state = 'friend' ORDER BY friend")
+            .arg(bounded("friend")),
+        { jid });
     QStringList found;
     while (query.next()) {
         if (!query.isNull(0))
@@ -356,31 +359,30 @@ void DevStore::saveRoom(const QString &jid, const QByteArray &json, const QStrin
 {
     Query(m_db, QStringLiteral("BEGIN")).exec();
     Query(m_db, QStringLiteral("INSERT OR REPLACE INTO rooms (jid, json) VALUES (?, ?)"),
-          {jid, QString::fromUtf8(json)})
+        { jid, QString::fromUtf8(json) })
         .exec();
-    Query(m_db, QStringLiteral("DELETE FROM members WHERE room = ?"), {jid}).exec();
+    Query(m_db, QStringLiteral("DELETE FROM members WHERE room = ?"), { jid }).exec();
     for (const QString &member : members)
-        Query(m_db, QStringLiteral("INSERT OR IGNORE INTO members (room, member) VALUES (?, ?)"), {jid, member})
+        Query(m_db, QStringLiteral("INSERT OR IGNORE INTO members (room, member) VALUES (?, ?)"), { jid, member })
             .exec();
     Query(m_db, QStringLiteral("COMMIT")).exec();
 }
 
 void DevStore::dropRoom(const QString &jid)
 {
-    Query(m_db, QStringLiteral("DELETE FROM rooms WHERE jid = ?"), {jid}).exec();
-    Query(m_db, QStringLiteral("DELETE FROM members WHERE room = ?"), {jid}).exec();
+    Query(m_db, QStringLiteral("DELETE FROM rooms WHERE jid = ?"), { jid }).exec();
+    Query(m_db, QStringLiteral("DELETE FROM members WHERE room = ?"), { jid }).exec();
 }
 
 std::vector<QByteArray> DevStore::rooms()
 {
-    Query query(m_db,
-                QStringLiteral("SELECT %1, %2 FROM rooms ORDER BY jid")
-                    .arg(bounded("jid"), bounded("json", InputLimits::BODY_BYTES)));
+    Query query(m_db, QStringLiteral("SELECT %1, %2 FROM rooms ORDER BY jid")
+                          .arg(bounded("jid"), bounded("json", InputLimits::BODY_BYTES)));
     std::vector<QByteArray> found;
     while (query.next()) {
         if (query.isNull(1))
-            qCWarning(lcDevServer).noquote() << "store: room" << query.text(0)
-                                             << "not loaded: its JSON is over" << InputLimits::BODY_BYTES << "bytes";
+            qCWarning(lcDevServer).noquote() << "store: room" << query.text(0) << "not loaded: its JSON is over"
+                                             << InputLimits::BODY_BYTES << "bytes";
         else
             found.push_back(query.text(1).toUtf8());
     }

@@ -73,7 +73,11 @@ public:
         QString properties;
         bool online = false;
     };
-    enum class FriendList { Friends = 1, RequestsReceived = 2, RequestsSent = 3 };
+    enum class FriendList {
+        Friends = 1,
+        RequestsReceived = 2,
+        RequestsSent = 3
+    };
 
     explicit DevStore(const QString &path);
     ~DevStore();
@@ -90,15 +94,17 @@ public:
     bool setStatus(const QString &uuid, int status, const QString &modifier);
     /// Older: newest first, and only those older than `anchor` (a message
     /// uuid) when there is one. Newer: oldest first, only those newer.
-    enum class Direction { Older, Newer };
+    enum class Direction {
+        Older,
+        Newer
+    };
     /// Called with each result in turn; false stops the reading there, so
     /// that no more than the caller takes is ever held in memory.
-    template <typename T>
-    using Visitor = std::function<bool(T &&)>;
+    template <typename T> using Visitor = std::function<bool(T &&)>;
     /// The scope's messages in `direction`: `skip` of them left out, at
     /// most `limit` visited.
     void messages(const Scope &scope, Direction direction, int skip, int limit, const QString &anchor,
-                  const Visitor<Message> &visit);
+        const Visitor<Message> &visit);
     /// The scope's conversations, the most recent first.
     void conversations(const Scope &scope, int skip, int limit, const Visitor<Conversation> &visit);
     /// Whether `room` is a room `user` belongs to.
@@ -117,8 +123,7 @@ public:
     bool setFriendProperties(const QString &owner, const QString &friendJid, const QString &properties);
     /// One page of a list, sorted by JID, after `cursor` (a JID; empty: from
     /// the start).
-    void friends(const QString &owner, FriendList list, const QString &cursor, int limit,
-                 const Visitor<Friend> &visit);
+    void friends(const QString &owner, FriendList list, const QString &cursor, int limit, const Visitor<Friend> &visit);
     /// The JIDs that are `jid`'s friends.
     QStringList friendsOf(const QString &jid);
 

@@ -22,8 +22,8 @@ using ServerMessage = GroupEvent;
 
 /// The command of `family` with one or two sub-commands (`sub2` 0: none),
 /// addressed to `userJid`.
-inline ServerMessage makeServerMessage(const std::string &userJid, int family, int sub1, int sub2,
-                                       const QString &body, const QString &from)
+inline ServerMessage makeServerMessage(
+    const std::string &userJid, int family, int sub1, int sub2, const QString &body, const QString &from)
 {
     MQTTMessage msg(nullptr, true);
     if (sub2)
@@ -31,12 +31,12 @@ inline ServerMessage makeServerMessage(const std::string &userJid, int family, i
     else
         msg.setSysProtocol(userJid.c_str(), 2, family, sub1);
     msg.fromText(from, QString::fromStdString(userJid), body, MediaInfo::MESSAGE_TYPE_SYSTEM,
-                 SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString());
+        SECURITY_LEVEL_UNRESTRICTED, BODY_TYPE_DEFAULT, QString(), QString());
     return { msg.topicText, msg.payload };
 }
 
-inline GroupEvent makeGroupEvent(const std::string &userJid, GroupSubCmd cmd, const QString &body,
-                                 const QString &serverJid)
+inline GroupEvent makeGroupEvent(
+    const std::string &userJid, GroupSubCmd cmd, const QString &body, const QString &serverJid)
 {
     return makeServerMessage(userJid, GroupINFO, SubInfo_CMD_RESPONSE, int(cmd), body, serverJid);
 }

@@ -31,7 +31,7 @@ public:
     static constexpr int kMaxPageNumber = 1000000;
 
     /// `store` is borrowed.
-    explicit HistoryAnswers(DevStore *store) : m_store(store) {}
+    explicit HistoryAnswers(DevStore *store) : m_store(store) { }
 
     /// {"message_type","page","pagesize","my_sec_level"}
     QJsonObject conversations(const QString &user, const QJsonObject &request);
@@ -49,8 +49,8 @@ public:
 
 private:
     /// `byAnchor`: stop at the byte bound (see above); otherwise withhold.
-    QJsonObject messagePage(const QString &user, const DevStore::Scope &scope, DevStore::Direction direction,
-                            int skip, int count, const QString &anchor, int level, bool byAnchor);
+    QJsonObject messagePage(const QString &user, const DevStore::Scope &scope, DevStore::Direction direction, int skip,
+        int count, const QString &anchor, int level, bool byAnchor);
 
     DevStore *m_store;
 };

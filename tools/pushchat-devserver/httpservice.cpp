@@ -12,12 +12,18 @@ constexpr int kHeadTimeoutMs = 10000;
 const char *reason(int status)
 {
     switch (status) {
-    case 200: return "OK";
-    case 400: return "Bad Request";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 431: return "Request Header Fields Too Large";
-    default: return "Error";
+    case 200:
+        return "OK";
+    case 400:
+        return "Bad Request";
+    case 404:
+        return "Not Found";
+    case 405:
+        return "Method Not Allowed";
+    case 431:
+        return "Request Header Fields Too Large";
+    default:
+        return "Error";
     }
 }
 
@@ -31,7 +37,7 @@ void respond(QTcpSocket *socket, const HttpService::Reply &reply)
 
 HttpService::Reply failure(int status, const char *error)
 {
-    return {status, QByteArray("{\"error\":\"") + error + "\"}"};
+    return { status, QByteArray("{\"error\":\"") + error + "\"}" };
 }
 
 } // namespace

@@ -58,18 +58,16 @@ int main(int argc, char *argv[])
     ConnectionOptions connection;
     connection.addTo(parser);
     const QCommandLineOption serverJid(QStringLiteral("server-jid"),
-                                       QStringLiteral("The JID to serve (default server@<host>)."),
-                                       QStringLiteral("jid"));
+        QStringLiteral("The JID to serve (default server@<host>)."), QStringLiteral("jid"));
     const QCommandLineOption db(QStringLiteral("db"),
-                                QStringLiteral("SQLite file to keep the state in (default: in memory)."),
-                                QStringLiteral("path"));
+        QStringLiteral("SQLite file to keep the state in (default: in memory)."), QStringLiteral("path"));
     const QCommandLineOption httpPort(QStringLiteral("http-port"),
-                                      QStringLiteral("Port of the HTTP history service (default 5201; 0: any)."),
-                                      QStringLiteral("port"), QStringLiteral("5201"));
+        QStringLiteral("Port of the HTTP history service (default 5201; 0: any)."), QStringLiteral("port"),
+        QStringLiteral("5201"));
     const QCommandLineOption httpAddress(QStringLiteral("http-address"),
-                                         QStringLiteral("Address the HTTP service listens on (default 127.0.0.1)."),
-                                         QStringLiteral("address"), QStringLiteral("127.0.0.1"));
-    parser.addOptions({serverJid, db, httpPort, httpAddress});
+        QStringLiteral("Address the HTTP service listens on (default 127.0.0.1)."), QStringLiteral("address"),
+        QStringLiteral("127.0.0.1"));
+    parser.addOptions({ serverJid, db, httpPort, httpAddress });
     if (!parser.parse(QCoreApplication::arguments()))
         return usage(parser.errorText() + QStringLiteral(" See --help."));
     parser.process(app); // --help, --help-all, --version: shown, and the program ends
@@ -88,8 +86,8 @@ int main(int argc, char *argv[])
         return usage(QStringLiteral("--http-address must be an IP address."));
     if (!termination.valid())
         return usage(QStringLiteral("cannot handle termination signals."));
-    settings.serverJid = (parser.isSet(serverJid) ? parser.value(serverJid) : QStringLiteral("server@") + reach.host)
-                             .toStdString();
+    settings.serverJid =
+        (parser.isSet(serverJid) ? parser.value(serverJid) : QStringLiteral("server@") + reach.host).toStdString();
     settings.host = reach.host.toStdString();
     settings.port = reach.port;
     settings.push = reach.push;
@@ -106,7 +104,8 @@ int main(int argc, char *argv[])
     // certificates) ends the server. Connected before the start: the first
     // attempt may fail at once.
     QObject::connect(&server, &DevServer::linkFailed, &app, [&](PushConnectionError error, const QString &reason) {
-        const QString line = ConnectionFailure::describe(reach.host, reach.port, reach.push, error, reason, std::nullopt);
+        const QString line =
+            ConnectionFailure::describe(reach.host, reach.port, reach.push, error, reason, std::nullopt);
         std::fprintf(stderr, "pushchat-devserver: %s%s.\n", qPrintable(line), isRetried(error) ? "; trying again" : "");
         if (!isRetried(error))
             app.exit(kNoConnection);

@@ -12,7 +12,10 @@
 
 namespace {
 
-QString text(const std::string &utf8) { return QString::fromStdString(utf8); }
+QString text(const std::string &utf8)
+{
+    return QString::fromStdString(utf8);
+}
 
 std::string field(const QJsonObject &object, const char *key)
 {
@@ -105,8 +108,8 @@ void RoomDirectory::keep(Room &room)
     m_store->saveRoom(text(room.jid), QByteArray::fromStdString(room.toString()), members);
 }
 
-std::vector<RoomDirectory::Event> RoomDirectory::answer(GroupSubCmd cmd, const std::string &from,
-                                                        const QByteArray &body)
+std::vector<RoomDirectory::Event> RoomDirectory::answer(
+    GroupSubCmd cmd, const std::string &from, const QByteArray &body)
 {
     const QJsonObject request = QJsonDocument::fromJson(body).object();
     if (cmd == GroupSub_Refresh)
@@ -146,8 +149,8 @@ std::vector<RoomDirectory::Event> RoomDirectory::answer(GroupSubCmd cmd, const s
     }
 }
 
-std::vector<RoomDirectory::Event> RoomDirectory::change(const std::string &roomJid, GroupSubCmd cmd,
-                                                        const std::function<void(Room &)> &apply)
+std::vector<RoomDirectory::Event> RoomDirectory::change(
+    const std::string &roomJid, GroupSubCmd cmd, const std::function<void(Room &)> &apply)
 {
     Room *room = find(roomJid);
     if (!room)
@@ -176,7 +179,7 @@ std::vector<RoomDirectory::Event> RoomDirectory::toMembers(Room &room, GroupSubC
     const QString body = text(room.toString());
     std::vector<Event> events;
     for (const auto &entry : room.members)
-        events.push_back({entry.first, cmd, body});
+        events.push_back({ entry.first, cmd, body });
     return events;
 }
 
@@ -239,17 +242,14 @@ std::vector<RoomDirectory::Event> RoomDirectory::roomList(const std::string &use
     for (const auto &[jid, room] : m_rooms) {
         if (room->members.count(userJid) == 0)
             continue;
-        const QJsonObject entry{{text(jid), room->toJson()}};
+        const QJsonObject entry{ { text(jid), room->toJson() } };
         if (rooms.size() == InputLimits::ROOMS || !budget.take(entry)) {
-            refuse(QStringLiteral("room list of %1 cut at %2 rooms")
-                       .arg(JidRefusal::shown(userJid))
-                       .arg(rooms.size()));
+            refuse(QStringLiteral("room list of %1 cut at %2 rooms").arg(JidRefusal::shown(userJid)).arg(rooms.size()));
             break;
         }
         rooms.append(entry);
     }
-    const QJsonObject list{{QStringLiteral("jid"), text(userJid)},
-                           {QStringLiteral("name"), QString()},
-                           {QStringLiteral("rooms"), rooms}};
-    return {{userJid, GroupSub_Refresh, CompactJson::text(list)}};
+    const QJsonObject list{ { QStringLiteral("jid"), text(userJid) }, { QStringLiteral("name"), QString() },
+        { QStringLiteral("rooms"), rooms } };
+    return { { userJid, GroupSub_Refresh, CompactJson::text(list) } };
 }

@@ -1,6 +1,7 @@
 #include "awaitedevent.h"
 
-AwaitedEvent::AwaitedEvent(QString name) : m_name(std::move(name)) {}
+AwaitedEvent::AwaitedEvent(QString name) : m_name(std::move(name))
+{ }
 
 void AwaitedEvent::offer(const QJsonObject &event)
 {

@@ -104,74 +104,71 @@ constexpr double kMaxTimeoutSeconds = 24 * 3600;
 // The options, declared once for parsing and for the help text.
 struct OptionSet {
     ConnectionOptions connection;
-    QCommandLineOption user{QStringLiteral("user"), QStringLiteral("User id to log in as (required)."),
-                            QStringLiteral("id")};
-    QCommandLineOption domain{QStringLiteral("domain"),
-                              QStringLiteral("JID domain (default: the host)."), QStringLiteral("domain")};
-    QCommandLineOption level{QStringLiteral("level"),
-                             QStringLiteral("Security level of the user, and of the message sent by send "
-                                            "(default 0: reads every message of level 0 and above)."),
-                             QStringLiteral("n"), QStringLiteral("0")};
-    QCommandLineOption device{QStringLiteral("device"),
-                              QStringLiteral("Device id (default: the id this installation keeps)."),
-                              QStringLiteral("id")};
-    QCommandLineOption serverJid{QStringLiteral("server-jid"),
-                                 QStringLiteral("The IM server's JID (default: server@<domain>)."),
-                                 QStringLiteral("jid")};
-    QCommandLineOption timeout{QStringLiteral("timeout"),
-                               QStringLiteral("Seconds to wait for the connection, and then for the answer "
-                                              "of history, over --http the whole request (default 10)."),
-                               QStringLiteral("seconds"), QStringLiteral("10")};
-    QCommandLineOption notice{QStringLiteral("notice"), QStringLiteral("send: send a notice, readable by all.")};
-    QCommandLineOption room{QStringLiteral("room"), QStringLiteral("send: TO is a room.")};
-    QCommandLineOption type{QStringLiteral("type"),
-                            QStringLiteral("room create: the room's kind (default 0); friend list: the list's "
-                                           "kind (default 1)."),
-                            QStringLiteral("n")};
-    QCommandLineOption count{QStringLiteral("count"),
-                             QStringLiteral("friend list: friends per page (default 20)."), QStringLiteral("n")};
-    QCommandLineOption cursor{QStringLiteral("cursor"),
-                              QStringLiteral("friend list: the friend id the page continues after (default "
-                                             "empty: the first page)."),
-                              QStringLiteral("id")};
-    QCommandLineOption image{QStringLiteral("image"), QStringLiteral("send: send this image file instead of TEXT."),
-                             QStringLiteral("path")};
-    QCommandLineOption textFile{QStringLiteral("text-file"),
-                                QStringLiteral("send: send the text of this file (UTF-8, at most 2 MiB; one line "
-                                               "end at its end left out) instead of TEXT."),
-                                QStringLiteral("path")};
-    QCommandLineOption saveImages{QStringLiteral("save-images"),
-                                  QStringLiteral("listen: save received images in the documents directory.")};
-    QCommandLineOption http{QStringLiteral("http"),
-                            QStringLiteral("history: ask the HTTP history service instead of the server.")};
-    QCommandLineOption httpBase{QStringLiteral("http-base"),
-                                QStringLiteral("history --http: the service's base address (default "
-                                               "http://<host>:5201)."),
-                                QStringLiteral("url")};
-    QCommandLineOption store{QStringLiteral("store"),
-                             QStringLiteral("The message store to keep messages in (created if missing)."),
-                             QStringLiteral("path")};
-    QCommandLineOption before{QStringLiteral("before"),
-                              QStringLiteral("log: the messages before the one with this key."), QStringLiteral("key")};
-    QCommandLineOption limit{QStringLiteral("limit"),
-                             QStringLiteral("log, search: at most this many messages (default 50)."),
-                             QStringLiteral("n"), QStringLiteral("50")};
-    QCommandLineOption in{QStringLiteral("in"), QStringLiteral("search: in the conversation with this peer only."),
-                          QStringLiteral("peer")};
-    QCommandLineOption help{QStringList{QStringLiteral("h"), QStringLiteral("help")},
-                            QStringLiteral("Show this help.")};
-    QCommandLineOption version{QStringLiteral("version"), QStringLiteral("Show the version.")};
+    QCommandLineOption user{ QStringLiteral("user"), QStringLiteral("User id to log in as (required)."),
+        QStringLiteral("id") };
+    QCommandLineOption domain{ QStringLiteral("domain"), QStringLiteral("JID domain (default: the host)."),
+        QStringLiteral("domain") };
+    QCommandLineOption level{ QStringLiteral("level"),
+        QStringLiteral("Security level of the user, and of the message sent by send "
+                       "(default 0: reads every message of level 0 and above)."),
+        QStringLiteral("n"), QStringLiteral("0") };
+    QCommandLineOption device{ QStringLiteral("device"),
+        QStringLiteral("Device id (default: the id this installation keeps)."), QStringLiteral("id") };
+    QCommandLineOption serverJid{ QStringLiteral("server-jid"),
+        QStringLiteral("The IM server's JID (default: server@<domain>)."), QStringLiteral("jid") };
+    QCommandLineOption timeout{ QStringLiteral("timeout"),
+        QStringLiteral("Seconds to wait for the connection, and then for the answer "
+                       "of history, over --http the whole request (default 10)."),
+        QStringLiteral("seconds"), QStringLiteral("10") };
+    QCommandLineOption notice{ QStringLiteral("notice"), QStringLiteral("send: send a notice, readable by all.") };
+    QCommandLineOption room{ QStringLiteral("room"), QStringLiteral("send: TO is a room.") };
+    QCommandLineOption type{ QStringLiteral("type"),
+        QStringLiteral("room create: the room's kind (default 0); friend list: the list's "
+                       "kind (default 1)."),
+        QStringLiteral("n") };
+    QCommandLineOption count{ QStringLiteral("count"), QStringLiteral("friend list: friends per page (default 20)."),
+        QStringLiteral("n") };
+    QCommandLineOption cursor{ QStringLiteral("cursor"),
+        QStringLiteral("friend list: the friend id the page continues after (default "
+                       "empty: the first page)."),
+        QStringLiteral("id") };
+    QCommandLineOption image{ QStringLiteral("image"), QStringLiteral("send: send this image file instead of TEXT."),
+        QStringLiteral("path") };
+    QCommandLineOption textFile{ QStringLiteral("text-file"),
+        QStringLiteral("send: send the text of this file (UTF-8, at most 2 MiB; one line "
+                       "end at its end left out) instead of TEXT."),
+        QStringLiteral("path") };
+    QCommandLineOption saveImages{ QStringLiteral("save-images"),
+        QStringLiteral("listen: save received images in the documents directory.") };
+    QCommandLineOption http{ QStringLiteral("http"),
+        QStringLiteral("history: ask the HTTP history service instead of the server.") };
+    QCommandLineOption httpBase{ QStringLiteral("http-base"),
+        QStringLiteral("history --http: the service's base address (default "
+                       "http://<host>:5201)."),
+        QStringLiteral("url") };
+    QCommandLineOption store{ QStringLiteral("store"),
+        QStringLiteral("The message store to keep messages in (created if missing)."), QStringLiteral("path") };
+    QCommandLineOption before{ QStringLiteral("before"),
+        QStringLiteral("log: the messages before the one with this key."), QStringLiteral("key") };
+    QCommandLineOption limit{ QStringLiteral("limit"),
+        QStringLiteral("log, search: at most this many messages (default 50)."), QStringLiteral("n"),
+        QStringLiteral("50") };
+    QCommandLineOption in{ QStringLiteral("in"), QStringLiteral("search: in the conversation with this peer only."),
+        QStringLiteral("peer") };
+    QCommandLineOption help{ QStringList{ QStringLiteral("h"), QStringLiteral("help") },
+        QStringLiteral("Show this help.") };
+    QCommandLineOption version{ QStringLiteral("version"), QStringLiteral("Show the version.") };
 
     void addTo(QCommandLineParser &parser) const
     {
         parser.setApplicationDescription(QString::fromUtf8(kDescription));
         connection.addTo(parser);
-        parser.addOptions({user, domain, level, device, serverJid, timeout, notice, room, image, textFile,
-                           saveImages, type, count, cursor, http, httpBase, store, before, limit, in, help, version});
+        parser.addOptions({ user, domain, level, device, serverJid, timeout, notice, room, image, textFile, saveImages,
+            type, count, cursor, http, httpBase, store, before, limit, in, help, version });
         parser.addPositionalArgument(QStringLiteral("command"),
-                                     QStringLiteral("listen, send, location, status, room, friend, history, rdp, flush, log, "
-                                                    "search, conversations or read."),
-                                     QStringLiteral("command [arguments...]"));
+            QStringLiteral("listen, send, location, status, room, friend, history, rdp, flush, log, "
+                           "search, conversations or read."),
+            QStringLiteral("command [arguments...]"));
     }
 };
 
@@ -185,20 +182,20 @@ struct CommandSpec {
 };
 
 const CommandSpec kCommands[] = {
-    {"listen", CliOptions::Command::Listen, 0, "listen"},
-    {"send", CliOptions::Command::Send, 2, "send TO TEXT"},
-    {"location", CliOptions::Command::Location, 3, "location TARGET FIRST SECOND"},
-    {"status", CliOptions::Command::Status, 2, "status UUID STATUS"},
+    { "listen", CliOptions::Command::Listen, 0, "listen" },
+    { "send", CliOptions::Command::Send, 2, "send TO TEXT" },
+    { "location", CliOptions::Command::Location, 3, "location TARGET FIRST SECOND" },
+    { "status", CliOptions::Command::Status, 2, "status UUID STATUS" },
     // The argument counts of these are checked by their request classes.
-    {"room", CliOptions::Command::Room, -1, "room SUBCOMMAND ARGUMENTS..."},
-    {"friend", CliOptions::Command::Friend, -1, "friend SUBCOMMAND ARGUMENTS..."},
-    {"history", CliOptions::Command::History, -1, "history SUBCOMMAND ARGUMENTS..."},
-    {"rdp", CliOptions::Command::Rdp, -1, "rdp SUBCOMMAND JID TEXT"},
-    {"flush", CliOptions::Command::Flush, 0, "--store PATH flush"},
-    {"log", CliOptions::Command::Log, 1, "--store PATH log PEER"},
-    {"search", CliOptions::Command::Search, 1, "--store PATH search TEXT"},
-    {"conversations", CliOptions::Command::Conversations, 0, "--store PATH conversations"},
-    {"read", CliOptions::Command::Read, 1, "--store PATH read PEER"},
+    { "room", CliOptions::Command::Room, -1, "room SUBCOMMAND ARGUMENTS..." },
+    { "friend", CliOptions::Command::Friend, -1, "friend SUBCOMMAND ARGUMENTS..." },
+    { "history", CliOptions::Command::History, -1, "history SUBCOMMAND ARGUMENTS..." },
+    { "rdp", CliOptions::Command::Rdp, -1, "rdp SUBCOMMAND JID TEXT" },
+    { "flush", CliOptions::Command::Flush, 0, "--store PATH flush" },
+    { "log", CliOptions::Command::Log, 1, "--store PATH log PEER" },
+    { "search", CliOptions::Command::Search, 1, "--store PATH search TEXT" },
+    { "conversations", CliOptions::Command::Conversations, 0, "--store PATH conversations" },
+    { "read", CliOptions::Command::Read, 1, "--store PATH read PEER" },
 };
 
 const char *const kCommandNames =
@@ -330,8 +327,8 @@ bool CliOptions::parse(const QStringList &arguments)
         const QUrl base(m_httpBase, QUrl::StrictMode);
         if (!base.isValid() || (base.scheme() != QLatin1String("http") && base.scheme() != QLatin1String("https")) ||
             base.host().isEmpty())
-            return fail(QStringLiteral("--http-base must be an http:// or https:// address, not '%1'.")
-                            .arg(m_httpBase));
+            return fail(
+                QStringLiteral("--http-base must be an http:// or https:// address, not '%1'.").arg(m_httpBase));
     }
     if (m_command == Command::Status && !toInt(m_arguments.at(1), &m_status))
         return fail(QStringLiteral("STATUS must be an integer, not '%1'.").arg(m_arguments.at(1)));
@@ -339,8 +336,8 @@ bool CliOptions::parse(const QStringList &arguments)
     const std::optional<QString> type = valueIfSet(parser, options.type);
     if (m_command != Command::Room && m_command != Command::Friend && type)
         return fail(QStringLiteral("--type applies to room create and friend list only."));
-    const FriendRequest::ListOptions listOptions{type, valueIfSet(parser, options.count),
-                                                 valueIfSet(parser, options.cursor)};
+    const FriendRequest::ListOptions listOptions{ type, valueIfSet(parser, options.count),
+        valueIfSet(parser, options.cursor) };
     if (m_command != Command::Friend && (listOptions.count || listOptions.cursor))
         return fail(QStringLiteral("--count and --cursor apply to friend list only."));
 
@@ -391,8 +388,8 @@ bool CliOptions::readStoreOptions(const QCommandLineParser &parser, const Option
     bool ok = false;
     m_limit = parser.value(options.limit).toInt(&ok);
     if (!ok || m_limit < 1)
-        return fail(QStringLiteral("--limit must be a whole number of 1 or more, not '%1'.")
-                        .arg(parser.value(options.limit)));
+        return fail(
+            QStringLiteral("--limit must be a whole number of 1 or more, not '%1'.").arg(parser.value(options.limit)));
     return true;
 }
 
@@ -419,8 +416,9 @@ bool CliOptions::checkIdentifiers()
     for (const Value &value : values) {
         const Jid::Problem problem = value.part ? Jid::checkPart(value.text) : Jid::check(value.text);
         if (problem != Jid::Problem::None)
-            return fail(QStringLiteral("%1 '%2' %3: it cannot be part of a topic.")
-                            .arg(QLatin1String(value.name), value.text.left(80), QLatin1String(Jid::describe(problem))));
+            return fail(
+                QStringLiteral("%1 '%2' %3: it cannot be part of a topic.")
+                    .arg(QLatin1String(value.name), value.text.left(80), QLatin1String(Jid::describe(problem))));
     }
     return true;
 }

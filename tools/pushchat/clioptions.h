@@ -40,8 +40,20 @@ struct OptionSet;
 class CliOptions {
 public:
     enum class Command {
-        None, Listen, Send, Location, Status, Room, Friend, History, Rdp,
-        Flush, Log, Search, Conversations, Read
+        None,
+        Listen,
+        Send,
+        Location,
+        Status,
+        Room,
+        Friend,
+        History,
+        Rdp,
+        Flush,
+        Log,
+        Search,
+        Conversations,
+        Read
     };
 
     /// Parses `arguments`, the program name first. False on any error.
@@ -130,7 +142,7 @@ private:
     int m_level = 0;
     std::string m_deviceId;
     QString m_serverJid;
-    std::chrono::milliseconds m_timeout{10000};
+    std::chrono::milliseconds m_timeout{ 10000 };
     bool m_notice = false;
     bool m_room = false;
     QString m_image;

@@ -16,7 +16,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // How often a login looks at the library's last connection error.
-constexpr std::chrono::milliseconds kErrorCheckInterval{50};
+constexpr std::chrono::milliseconds kErrorCheckInterval{ 50 };
 
 // The library's warnings (category pushchat.engine) are off while it
 // lives; QT_LOGGING_RULES still turns them on.
@@ -51,16 +51,16 @@ int waitReadable(pollfd *fds, nfds_t count, std::optional<Clock::time_point> dea
 
 } // namespace
 
-CliSession::CliSession(const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer,
-                       AwaitedEvent *awaited)
-    : m_options(options),
-      m_termination(termination),
-      m_events(writer, &m_connected, awaited, options.saveImages()),
+CliSession::CliSession(
+    const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer, AwaitedEvent *awaited)
+    : m_options(options), m_termination(termination), m_events(writer, &m_connected, awaited, options.saveImages()),
       m_library(&m_events, &m_events, options.deviceId(), std::string())
-{
-}
+{ }
 
-CliSession::~CliSession() { logout(); }
+CliSession::~CliSession()
+{
+    logout();
+}
 
 CliSession::Outcome CliSession::login(const std::function<void()> &started)
 {
@@ -72,7 +72,7 @@ CliSession::Outcome CliSession::login(const std::function<void()> &started)
     // library's warning about it is not printed as well.
     const EngineWarningsOff quiet;
     m_library.registerToImServer(m_options.host(), m_options.port(), m_options.user(), QString(), m_options.level(),
-                                 m_options.domain(), QString());
+        m_options.domain(), QString());
     m_loggedIn = true;
     if (started)
         started();
@@ -100,7 +100,7 @@ CliSession::Outcome CliSession::login(const std::function<void()> &started)
 
 CliSession::Wait CliSession::wait(EventFlag &flag, std::chrono::milliseconds timeout)
 {
-    pollfd fds[] = {{m_termination.fd(), POLLIN, 0}, {flag.fd(), POLLIN, 0}};
+    pollfd fds[] = { { m_termination.fd(), POLLIN, 0 }, { flag.fd(), POLLIN, 0 } };
     switch (waitReadable(fds, 2, Clock::now() + timeout)) {
     case 0:
         m_termination.take();
@@ -115,7 +115,7 @@ CliSession::Wait CliSession::wait(EventFlag &flag, std::chrono::milliseconds tim
 
 int CliSession::waitForTermination()
 {
-    pollfd fds[] = {{m_termination.fd(), POLLIN, 0}};
+    pollfd fds[] = { { m_termination.fd(), POLLIN, 0 } };
     waitReadable(fds, 1, std::nullopt);
     return m_termination.take();
 }

@@ -30,14 +30,23 @@ class TerminationSignals;
 class CliSession {
 public:
     /// Refused: not retried by the library, or nothing listens.
-    enum class Outcome { Connected, Refused, Interrupted, TimedOut };
-    enum class Wait { Raised, Interrupted, TimedOut };
+    enum class Outcome {
+        Connected,
+        Refused,
+        Interrupted,
+        TimedOut
+    };
+    enum class Wait {
+        Raised,
+        Interrupted,
+        TimedOut
+    };
 
     /// `writer` may be null (events are then not printed), as may `awaited`
     /// (see jsonevents.h); everything is borrowed and must outlive the
     /// session. The options' saveImages() applies to the events.
     CliSession(const CliOptions &options, TerminationSignals &termination, JsonLineWriter *writer,
-               AwaitedEvent *awaited = nullptr);
+        AwaitedEvent *awaited = nullptr);
     ~CliSession();
     CliSession(const CliSession &) = delete;
     CliSession &operator=(const CliSession &) = delete;

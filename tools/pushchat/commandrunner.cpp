@@ -9,8 +9,8 @@
 #include "messagetext.h"
 #include "storecommands.h"
 
-#include <pushchat/message_lib.h>
 #include "terminationsignals.h"
+#include <pushchat/message_lib.h>
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -44,16 +44,14 @@ bool runInterruptibly(TerminationSignals &termination, const std::function<void(
 
 CommandRunner::CommandRunner(const CliOptions &options, TerminationSignals &termination, std::FILE *out)
     : m_options(options), m_termination(termination), m_out(out)
-{
-}
+{ }
 
 void CommandRunner::fail(const QString &message) const
 {
     std::fprintf(stderr, "pushchat: %s\n", message.toLocal8Bit().constData());
 }
 
-template <typename Request>
-ExitCode CommandRunner::sendRequest(const Request &request)
+template <typename Request> ExitCode CommandRunner::sendRequest(const Request &request)
 {
     return sendOnce(request.what(), [&](Message_lib &library) { return request.sendWith(library); });
 }
@@ -103,8 +101,9 @@ ExitCode CommandRunner::connect(CliSession &session, const std::function<void()>
     switch (outcome) {
     case CliSession::Outcome::Connected:
         if (m_options.pushOptions().tls.insecure)
-            fail(QStringLiteral("warning: connected without verifying the broker's certificate or host name "
-                                "(--insecure)."));
+            fail(
+                QStringLiteral("warning: connected without verifying the broker's certificate or host name "
+                               "(--insecure)."));
         return ExitCode::Ok;
     case CliSession::Outcome::Interrupted:
         fail(QStringLiteral("interrupted before the connection was made."));
@@ -115,10 +114,8 @@ ExitCode CommandRunner::connect(CliSession &session, const std::function<void()>
     }
     const Message_lib &library = session.library();
     fail(ConnectionFailure::describe(m_options.host(), m_options.port(), m_options.pushOptions(),
-                                     library.lastConnectionError(), library.lastConnectionErrorText(),
-                                     outcome == CliSession::Outcome::TimedOut
-                                         ? std::optional(m_options.connectTimeout())
-                                         : std::nullopt) +
+             library.lastConnectionError(), library.lastConnectionErrorText(),
+             outcome == CliSession::Outcome::TimedOut ? std::optional(m_options.connectTimeout()) : std::nullopt) +
          QLatin1Char('.'));
     return ExitCode::NotConnected;
 }
@@ -149,9 +146,10 @@ ExitCode CommandRunner::awaitStored(Message_lib &library) const
     const int left = library.storedPendingCount();
     if (left == 0)
         return ExitCode::Ok;
-    fail(QStringLiteral("queued: %1 message(s) not acknowledged yet; they will be sent at the next login with this "
-                        "store.")
-             .arg(left));
+    fail(
+        QStringLiteral("queued: %1 message(s) not acknowledged yet; they will be sent at the next login with this "
+                       "store.")
+            .arg(left));
     return ExitCode::Queued;
 }
 
@@ -169,8 +167,9 @@ ExitCode CommandRunner::flush()
 ExitCode CommandRunner::listen()
 {
     if (m_options.saveImages() && ImageBody::prepareDocumentsDirectory().isEmpty()) {
-        fail(QStringLiteral("--save-images: there is no documents directory to save images in, and none can be "
-                            "made."));
+        fail(
+            QStringLiteral("--save-images: there is no documents directory to save images in, and none can be "
+                           "made."));
         return ExitCode::Failure;
     }
     JsonLineWriter writer(m_out);
@@ -202,7 +201,8 @@ ExitCode CommandRunner::sendOnce(const char *what, const std::function<int(Messa
         result = call(session.library());
     if (result != 1) {
         session.logout();
-        fail(stored ? QStringLiteral("the %1 was not stored: %2.").arg(QLatin1String(what), session.library().lastStoreError())
+        fail(stored ? QStringLiteral("the %1 was not stored: %2.")
+                          .arg(QLatin1String(what), session.library().lastStoreError())
                     : QStringLiteral("the %1 was not published.").arg(QLatin1String(what)));
         return ExitCode::NotPublished;
     }
@@ -245,8 +245,8 @@ ExitCode CommandRunner::send()
     return sendOnce(
         m_options.notice() ? "notice" : "message",
         [&](Message_lib &library) {
-            return library.sendTextMessageTo(QString(), to, m_options.level(), *text, bodyType, m_options.room(),
-                                             messageKey, stamp);
+            return library.sendTextMessageTo(
+                QString(), to, m_options.level(), *text, bodyType, m_options.room(), messageKey, stamp);
         },
         !m_options.storePath().isEmpty());
 }
@@ -254,17 +254,15 @@ ExitCode CommandRunner::send()
 ExitCode CommandRunner::location()
 {
     const QStringList arguments = m_options.commandArguments();
-    return sendOnce("location", [&](Message_lib &library) {
-        return library.sendLocation(arguments.at(0), arguments.at(1), arguments.at(2));
-    });
+    return sendOnce("location",
+        [&](Message_lib &library) { return library.sendLocation(arguments.at(0), arguments.at(1), arguments.at(2)); });
 }
 
 ExitCode CommandRunner::status()
 {
     const QString uuid = m_options.commandArguments().at(0);
     const auto status = static_cast<MSG_STATUS>(m_options.status());
-    return sendOnce("status change",
-                    [&](Message_lib &library) { return library.modifyMessageStatus(uuid, status); });
+    return sendOnce("status change", [&](Message_lib &library) { return library.modifyMessageStatus(uuid, status); });
 }
 
 ExitCode CommandRunner::history()
@@ -294,12 +292,12 @@ ExitCode CommandRunner::history()
             reason.chop(1);
         const std::optional<QJsonObject> event = answer.event();
         if (!reason.isEmpty()) {
-            const QString base = m_options.httpBase().isEmpty()
-                                     ? QStringLiteral("http://%1:5201").arg(m_options.host())
-                                     : m_options.httpBase();
-            fail(QStringLiteral("no %1 from the HTTP history service at %2: %3; check --http-base (the address of "
-                                "the server's HTTP service).")
-                     .arg(QLatin1String(request.what()), base, reason));
+            const QString base = m_options.httpBase().isEmpty() ? QStringLiteral("http://%1:5201").arg(m_options.host())
+                                                                : m_options.httpBase();
+            fail(
+                QStringLiteral("no %1 from the HTTP history service at %2: %3; check --http-base (the address of "
+                               "the server's HTTP service).")
+                    .arg(QLatin1String(request.what()), base, reason));
             return ExitCode::NoAnswer;
         }
         if (!event || event->value(QLatin1String("json")).toString().isEmpty()) {

@@ -43,8 +43,7 @@ private:
     ExitCode status();
     ExitCode history();
     /// sendOnce for a parsed room, friend or rdp request.
-    template <typename Request>
-    ExitCode sendRequest(const Request &request);
+    template <typename Request> ExitCode sendRequest(const Request &request);
     /// Logs in, runs `call` once connected (1 means published) and logs out.
     /// With `stored` (send --store) `call` also runs without a connection,
     /// and the run waits for the broker's acknowledgement of the store.

@@ -33,8 +33,7 @@ QString lastPart(const QString &reason)
 } // namespace
 
 QString ConnectionFailure::describe(const QString &host, int port, const PushClientOptions &push,
-                                    PushConnectionError error, const QString &text,
-                                    std::optional<std::chrono::milliseconds> waited)
+    PushConnectionError error, const QString &text, std::optional<std::chrono::milliseconds> waited)
 {
     const QString broker = address(host.toStdString(), port);
     const QString noConnection =
@@ -50,28 +49,34 @@ QString ConnectionFailure::describe(const QString &host, int port, const PushCli
 
     switch (error) {
     case PushConnectionError::NothingListening:
-        return QStringLiteral("no connection: nothing listens on %1 (connection refused); start the broker, or check "
-                              "its address (--host and --port, or --broker)")
+        return QStringLiteral(
+            "no connection: nothing listens on %1 (connection refused); start the broker, or check "
+            "its address (--host and --port, or --broker)")
             .arg(brokers);
     case PushConnectionError::BadCredentials:
     case PushConnectionError::NotAuthorised:
         if (push.username.empty())
-            return QStringLiteral("no connection: the broker at %1 refused a login without a user name (%2); give "
-                                  "--username, and the password in PUSHCHAT_PASSWORD or --password-file")
+            return QStringLiteral(
+                "no connection: the broker at %1 refused a login without a user name (%2); give "
+                "--username, and the password in PUSHCHAT_PASSWORD or --password-file")
                 .arg(broker, lastPart(reason));
-        return QStringLiteral("no connection: the broker at %1 refused the login of '%2' (%3); check --username, "
-                              "and the password in PUSHCHAT_PASSWORD or --password-file")
+        return QStringLiteral(
+            "no connection: the broker at %1 refused the login of '%2' (%3); check --username, "
+            "and the password in PUSHCHAT_PASSWORD or --password-file")
             .arg(broker, QString::fromStdString(push.username), lastPart(reason));
     case PushConnectionError::CertificateRejected:
-        return QStringLiteral("no connection: the certificate of the broker at %1 does not verify against %2 (%3); "
-                              "--cafile must name the CA that signed the broker's certificate")
+        return QStringLiteral(
+            "no connection: the certificate of the broker at %1 does not verify against %2 (%3); "
+            "--cafile must name the CA that signed the broker's certificate")
             .arg(broker, caFile, reason);
     case PushConnectionError::HostNameMismatch:
-        return QStringLiteral("no connection: the certificate of the broker at %1 is not for the host name '%2'; "
-                              "connect by a name the certificate holds (--host)")
+        return QStringLiteral(
+            "no connection: the certificate of the broker at %1 is not for the host name '%2'; "
+            "connect by a name the certificate holds (--host)")
             .arg(broker, host);
     case PushConnectionError::Refused:
-        return QStringLiteral("no connection: the broker at %1 refused the connection (%2)").arg(broker, lastPart(reason));
+        return QStringLiteral("no connection: the broker at %1 refused the connection (%2)")
+            .arg(broker, lastPart(reason));
     case PushConnectionError::InvalidSettings:
         return QStringLiteral("no connection: the TLS or login settings cannot be used (%1)").arg(reason);
     case PushConnectionError::TlsFailed:
@@ -87,7 +92,8 @@ QString ConnectionFailure::describe(const QString &host, int port, const PushCli
     }
     if (!reason.isEmpty() || !waited)
         return noConnection + QLatin1String(": ") + (reason.isEmpty() ? QStringLiteral("no reason given") : reason);
-    return noConnection + QLatin1String(": no MQTT broker answered there, and nothing refused the connection; check "
-                                        "the address (--host and --port, or --broker), and --tls for a broker that "
-                                        "takes TLS only");
+    return noConnection + QLatin1String(
+                              ": no MQTT broker answered there, and nothing refused the connection; check "
+                              "the address (--host and --port, or --broker), and --tls for a broker that "
+                              "takes TLS only");
 }

@@ -20,7 +20,7 @@ public:
     /// gave up while the library was still trying, how long it waited. No
     /// full stop at the end.
     static QString describe(const QString &host, int port, const PushClientOptions &push, PushConnectionError error,
-                            const QString &text, std::optional<std::chrono::milliseconds> waited);
+        const QString &text, std::optional<std::chrono::milliseconds> waited);
 };
 
 #endif // PUSHCHAT_CLI_CONNECTIONFAILURE_H

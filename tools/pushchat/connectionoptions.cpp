@@ -32,7 +32,7 @@ std::optional<PushBrokerAddress> brokerAddress(const QString &text)
     int port = 0;
     if (colon <= 0 || host.isEmpty() || !toInt(text.mid(colon + 1), &port) || port < 1 || port > 65535)
         return std::nullopt;
-    return PushBrokerAddress{host.toStdString(), port};
+    return PushBrokerAddress{ host.toStdString(), port };
 }
 
 // Opens the file `option` names; false, with the file and the system's
@@ -41,15 +41,15 @@ bool openNamed(QFile &file, const char *option, QString *error)
 {
     if (file.open(QIODevice::ReadOnly))
         return true;
-    return fail(error, QStringLiteral("cannot read %1 '%2': %3.")
-                           .arg(QLatin1String(option), file.fileName(), file.errorString()));
+    return fail(error,
+        QStringLiteral("cannot read %1 '%2': %3.").arg(QLatin1String(option), file.fileName(), file.errorString()));
 }
 
 } // namespace
 
 void ConnectionOptions::addTo(QCommandLineParser &parser) const
 {
-    parser.addOptions({host, port, broker, tls, cafile, cert, key, insecure, username, passwordFile, maxQos});
+    parser.addOptions({ host, port, broker, tls, cafile, cert, key, insecure, username, passwordFile, maxQos });
 }
 
 bool ConnectionOptions::read(const QCommandLineParser &parser, Connection *connection, QString *error) const
@@ -58,8 +58,8 @@ bool ConnectionOptions::read(const QCommandLineParser &parser, Connection *conne
     if (connection->host.isEmpty())
         return fail(error, QStringLiteral("--host must not be empty."));
     if (!toInt(parser.value(port), &connection->port) || connection->port < 1 || connection->port > 65535)
-        return fail(error,
-                    QStringLiteral("--port must be a number from 1 to 65535, not '%1'.").arg(parser.value(port)));
+        return fail(
+            error, QStringLiteral("--port must be a number from 1 to 65535, not '%1'.").arg(parser.value(port)));
     PushClientOptions &push = connection->push;
     const QStringList brokers = parser.values(broker);
     if (!brokers.isEmpty() && (parser.isSet(host) || parser.isSet(port)))
@@ -67,8 +67,8 @@ bool ConnectionOptions::read(const QCommandLineParser &parser, Connection *conne
     for (const QString &text : brokers) {
         const std::optional<PushBrokerAddress> address = brokerAddress(text);
         if (!address)
-            return fail(error,
-                        QStringLiteral("--broker must be HOST:PORT with a port from 1 to 65535, not '%1'.").arg(text));
+            return fail(
+                error, QStringLiteral("--broker must be HOST:PORT with a port from 1 to 65535, not '%1'.").arg(text));
         push.failover.push_back(*address);
     }
     if (!push.failover.empty()) { // the first is the login's broker, the others its failover
@@ -89,8 +89,8 @@ bool ConnectionOptions::read(const QCommandLineParser &parser, Connection *conne
     if (options.certFile.empty() != options.keyFile.empty())
         return fail(error, QStringLiteral("--cert and --key go together."));
     // Checked here, so that the file and the reason can be named.
-    const std::pair<const QCommandLineOption *, const char *> files[] = {
-        {&cafile, "--cafile"}, {&cert, "--cert"}, {&key, "--key"}};
+    const std::pair<const QCommandLineOption *, const char *> files[] = { { &cafile, "--cafile" }, { &cert, "--cert" },
+        { &key, "--key" } };
     for (const auto &[option, name] : files) {
         QFile file(parser.value(*option));
         if (parser.isSet(*option) && !openNamed(file, name, error))

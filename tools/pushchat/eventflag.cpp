@@ -4,7 +4,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-EventFlag::EventFlag() : m_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+EventFlag::EventFlag() : m_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{ }
 
 EventFlag::~EventFlag()
 {

@@ -1,7 +1,7 @@
 #include "friendrequest.h"
 
-#include <pushchat/message_lib.h>
 #include "subcommandtable.h"
+#include <pushchat/message_lib.h>
 
 namespace {
 
@@ -15,12 +15,12 @@ struct Subcommand {
 };
 
 const Subcommand kSubcommands[] = {
-    {"add", FriendRequest::Action::Add, 1, 2, "friend add JID [TEXT]", "friend request"},
-    {"accept", FriendRequest::Action::Accept, 1, 2, "friend accept JID [TEXT]", "friend acceptance"},
-    {"del", FriendRequest::Action::Delete, 1, 1, "friend del JID", "friend deletion"},
-    {"props", FriendRequest::Action::Properties, 2, 2, "friend props JID TEXT", "friend properties"},
-    {"list", FriendRequest::Action::List, 0, 0, "friend list [--type N] [--count N] [--cursor ID]",
-     "friend-list request"},
+    { "add", FriendRequest::Action::Add, 1, 2, "friend add JID [TEXT]", "friend request" },
+    { "accept", FriendRequest::Action::Accept, 1, 2, "friend accept JID [TEXT]", "friend acceptance" },
+    { "del", FriendRequest::Action::Delete, 1, 1, "friend del JID", "friend deletion" },
+    { "props", FriendRequest::Action::Properties, 2, 2, "friend props JID TEXT", "friend properties" },
+    { "list", FriendRequest::Action::List, 0, 0, "friend list [--type N] [--count N] [--cursor ID]",
+        "friend-list request" },
 };
 
 const char *const kCommand = "friend";
@@ -39,7 +39,7 @@ bool FriendRequest::parse(const QStringList &words, const ListOptions &listOptio
     m_action = found->action;
     m_arguments = words.mid(1);
     if (!subcommand::argumentCountFits(error, kCommand, found->name, m_arguments.size(), found->minArguments,
-                                       found->maxArguments, QLatin1String(found->usage)))
+            found->maxArguments, QLatin1String(found->usage)))
         return false;
     while (m_arguments.size() < found->maxArguments)
         m_arguments.append(QString()); // an omitted TEXT is sent empty
@@ -62,7 +62,10 @@ bool FriendRequest::parse(const QStringList &words, const ListOptions &listOptio
     return true;
 }
 
-const char *FriendRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
+const char *FriendRequest::what() const
+{
+    return subcommand::entryOf(kSubcommands, m_action).what;
+}
 
 int FriendRequest::sendWith(Message_lib &library) const
 {

@@ -25,7 +25,13 @@ class Message_lib;
 
 class FriendRequest {
 public:
-    enum class Action { Add, Accept, Delete, Properties, List };
+    enum class Action {
+        Add,
+        Accept,
+        Delete,
+        Properties,
+        List
+    };
 
     /// The list options as given on the command line (nullopt: not given).
     struct ListOptions {

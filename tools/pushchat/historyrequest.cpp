@@ -1,7 +1,7 @@
 #include "historyrequest.h"
 
-#include <pushchat/message_lib.h>
 #include "subcommandtable.h"
+#include <pushchat/message_lib.h>
 
 namespace {
 
@@ -17,14 +17,14 @@ struct Subcommand {
 };
 
 const Subcommand kSubcommands[] = {
-    {"conversations", HistoryRequest::Action::Conversations, 3, "history conversations TYPE PAGE SIZE", 0, nullptr,
-     "onConversations", "conversation list"},
-    {"detail", HistoryRequest::Action::Detail, 3, "history detail CONVID PAGE SIZE", 0, nullptr, "onConversationDetail",
-     "conversation detail"},
-    {"pull", HistoryRequest::Action::Pull, 4, "history pull TYPE START COUNT UUID", 3,
-     "history --http pull TYPE COUNT UUID", "onHistoryMessages", "message history"},
-    {"sync", HistoryRequest::Action::Sync, 1, "history sync UUID", 1, "history --http sync UUID", "onHistoryMessages",
-     "message history"},
+    { "conversations", HistoryRequest::Action::Conversations, 3, "history conversations TYPE PAGE SIZE", 0, nullptr,
+        "onConversations", "conversation list" },
+    { "detail", HistoryRequest::Action::Detail, 3, "history detail CONVID PAGE SIZE", 0, nullptr,
+        "onConversationDetail", "conversation detail" },
+    { "pull", HistoryRequest::Action::Pull, 4, "history pull TYPE START COUNT UUID", 3,
+        "history --http pull TYPE COUNT UUID", "onHistoryMessages", "message history" },
+    { "sync", HistoryRequest::Action::Sync, 1, "history sync UUID", 1, "history --http sync UUID", "onHistoryMessages",
+        "message history" },
 };
 
 const char *const kCommand = "history";
@@ -74,9 +74,15 @@ bool HistoryRequest::parse(const QStringList &words, bool http, QString *error)
     return true;
 }
 
-const char *HistoryRequest::answerEvent() const { return subcommand::entryOf(kSubcommands, m_action).answer; }
+const char *HistoryRequest::answerEvent() const
+{
+    return subcommand::entryOf(kSubcommands, m_action).answer;
+}
 
-const char *HistoryRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
+const char *HistoryRequest::what() const
+{
+    return subcommand::entryOf(kSubcommands, m_action).what;
+}
 
 void HistoryRequest::sendWith(Message_lib &library) const
 {

@@ -23,7 +23,12 @@ class Message_lib;
 
 class HistoryRequest {
 public:
-    enum class Action { Conversations, Detail, Pull, Sync };
+    enum class Action {
+        Conversations,
+        Detail,
+        Pull,
+        Sync
+    };
 
     /// Parses the words after "history" (the subcommand first); `http` is
     /// --http. False with `*error` set (one line) on any error.

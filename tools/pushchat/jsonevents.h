@@ -29,13 +29,12 @@ class JsonLineWriter;
 
 class JsonEvents : public ImEventReciever, public ImMUCEventReciever {
 public:
-    JsonEvents(JsonLineWriter *writer, EventFlag *connected, AwaitedEvent *awaited = nullptr,
-               bool saveImages = false);
+    JsonEvents(JsonLineWriter *writer, EventFlag *connected, AwaitedEvent *awaited = nullptr, bool saveImages = false);
 
     void onConnected() override;
     void onDisconnected() override;
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
-                          QString stamp, bool readable) override;
+        QString stamp, bool readable) override;
     void onHistoryMessages(const char *json) override;
     void onConversations(const char *json) override;
     void onConversationDetail(const char *json) override;

@@ -3,7 +3,8 @@
 #include <QByteArray>
 #include <QJsonDocument>
 
-JsonLineWriter::JsonLineWriter(std::FILE *out) : m_out(out) {}
+JsonLineWriter::JsonLineWriter(std::FILE *out) : m_out(out)
+{ }
 
 void JsonLineWriter::write(const QJsonObject &object)
 {

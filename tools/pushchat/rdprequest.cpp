@@ -1,7 +1,7 @@
 #include "rdprequest.h"
 
-#include <pushchat/message_lib.h>
 #include "subcommandtable.h"
+#include <pushchat/message_lib.h>
 
 namespace {
 
@@ -12,10 +12,10 @@ struct Subcommand {
 };
 
 const Subcommand kSubcommands[] = {
-    {"control", RdpRequest::Action::Control, "remote-desktop control request"},
-    {"becontrol", RdpRequest::Action::BeControl, "remote-desktop be-controlled request"},
-    {"control-reply", RdpRequest::Action::ControlReply, "remote-desktop control reply"},
-    {"becontrol-reply", RdpRequest::Action::BeControlReply, "remote-desktop be-controlled reply"},
+    { "control", RdpRequest::Action::Control, "remote-desktop control request" },
+    { "becontrol", RdpRequest::Action::BeControl, "remote-desktop be-controlled request" },
+    { "control-reply", RdpRequest::Action::ControlReply, "remote-desktop control reply" },
+    { "becontrol-reply", RdpRequest::Action::BeControlReply, "remote-desktop be-controlled reply" },
 };
 
 const char *const kCommand = "rdp";
@@ -28,7 +28,7 @@ bool RdpRequest::parse(const QStringList &words, QString *error)
     if (!found)
         return false;
     if (!subcommand::argumentCountFits(error, kCommand, found->name, words.size() - 1, 2, 2,
-                                       QStringLiteral("rdp %1 JID TEXT").arg(QLatin1String(found->name))))
+            QStringLiteral("rdp %1 JID TEXT").arg(QLatin1String(found->name))))
         return false;
     m_action = found->action;
     m_jid = words.at(1);
@@ -38,7 +38,10 @@ bool RdpRequest::parse(const QStringList &words, QString *error)
     return true;
 }
 
-const char *RdpRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
+const char *RdpRequest::what() const
+{
+    return subcommand::entryOf(kSubcommands, m_action).what;
+}
 
 int RdpRequest::sendWith(Message_lib &library) const
 {

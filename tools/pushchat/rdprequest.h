@@ -19,7 +19,12 @@ class Message_lib;
 
 class RdpRequest {
 public:
-    enum class Action { Control, BeControl, ControlReply, BeControlReply };
+    enum class Action {
+        Control,
+        BeControl,
+        ControlReply,
+        BeControlReply
+    };
 
     /// Parses the words after "rdp" (the subcommand first). False with
     /// `*error` set (one line) on any error.

@@ -1,7 +1,7 @@
 #include "roomrequest.h"
 
-#include <pushchat/message_lib.h>
 #include "subcommandtable.h"
+#include <pushchat/message_lib.h>
 
 namespace {
 
@@ -14,13 +14,13 @@ struct Subcommand {
 };
 
 const Subcommand kSubcommands[] = {
-    {"create", RoomRequest::Action::Create, 3, "room create ROOM NAME MEMBERS [--type N]", "room creation"},
-    {"invite", RoomRequest::Action::Invite, 2, "room invite ROOM MEMBERS", "invitation"},
-    {"kick", RoomRequest::Action::Kick, 2, "room kick ROOM MEMBERS", "kick"},
-    {"rename", RoomRequest::Action::Rename, 2, "room rename ROOM NAME", "rename"},
-    {"owner", RoomRequest::Action::Owner, 2, "room owner ROOM MEMBER", "owner change"},
-    {"type", RoomRequest::Action::Type, 2, "room type ROOM N", "type change"},
-    {"destroy", RoomRequest::Action::Destroy, 1, "room destroy ROOM", "room destruction"},
+    { "create", RoomRequest::Action::Create, 3, "room create ROOM NAME MEMBERS [--type N]", "room creation" },
+    { "invite", RoomRequest::Action::Invite, 2, "room invite ROOM MEMBERS", "invitation" },
+    { "kick", RoomRequest::Action::Kick, 2, "room kick ROOM MEMBERS", "kick" },
+    { "rename", RoomRequest::Action::Rename, 2, "room rename ROOM NAME", "rename" },
+    { "owner", RoomRequest::Action::Owner, 2, "room owner ROOM MEMBER", "owner change" },
+    { "type", RoomRequest::Action::Type, 2, "room type ROOM N", "type change" },
+    { "destroy", RoomRequest::Action::Destroy, 1, "room destroy ROOM", "room destruction" },
 };
 
 const char *const kCommand = "room";
@@ -37,7 +37,7 @@ bool RoomRequest::parse(const QStringList &words, const std::optional<QString> &
     m_action = found->action;
     m_arguments = words.mid(1);
     if (!subcommand::argumentCountFits(error, kCommand, found->name, m_arguments.size(), found->argumentCount,
-                                       found->argumentCount, QLatin1String(found->usage)))
+            found->argumentCount, QLatin1String(found->usage)))
         return false;
     if (m_arguments.first().isEmpty())
         return fail(error, QStringLiteral("ROOM must not be empty."));
@@ -52,7 +52,10 @@ bool RoomRequest::parse(const QStringList &words, const std::optional<QString> &
     return true;
 }
 
-const char *RoomRequest::what() const { return subcommand::entryOf(kSubcommands, m_action).what; }
+const char *RoomRequest::what() const
+{
+    return subcommand::entryOf(kSubcommands, m_action).what;
+}
 
 int RoomRequest::sendWith(Message_lib &library) const
 {

@@ -25,7 +25,15 @@ class Message_lib;
 
 class RoomRequest {
 public:
-    enum class Action { Create, Invite, Kick, Rename, Owner, Type, Destroy };
+    enum class Action {
+        Create,
+        Invite,
+        Kick,
+        Rename,
+        Owner,
+        Type,
+        Destroy
+    };
 
     /// Parses the words after "room" (the subcommand first) and the value
     /// of --type, if given. False with `*error` set (one line)

@@ -66,9 +66,8 @@ ExitCode StoreCommands::run(const CliOptions &options, Message_lib &library, Jso
         break;
     case CliOptions::Command::Conversations:
         for (const StoredConversation &c : library.storedConversations())
-            writer.write({ { QStringLiteral("peer"), c.conversation },
-                           { QStringLiteral("last"), toJson(c.last) },
-                           { QStringLiteral("unread"), c.unread } });
+            writer.write({ { QStringLiteral("peer"), c.conversation }, { QStringLiteral("last"), toJson(c.last) },
+                { QStringLiteral("unread"), c.unread } });
         break;
     case CliOptions::Command::Read:
         library.markConversationRead(peerOf(options, arguments.at(0)), false);

@@ -8,13 +8,13 @@ bool fail(QString *error, const QString &message)
     return false;
 }
 
-bool argumentCountFits(QString *error, const char *command, const char *subcommand, int given, int minimum,
-                       int maximum, const QString &usage)
+bool argumentCountFits(QString *error, const char *command, const char *subcommand, int given, int minimum, int maximum,
+    const QString &usage)
 {
     if (given >= minimum && given <= maximum)
         return true;
-    const QString wanted = minimum == maximum ? QString::number(minimum)
-                                              : QStringLiteral("%1 or %2").arg(minimum).arg(maximum);
+    const QString wanted =
+        minimum == maximum ? QString::number(minimum) : QStringLiteral("%1 or %2").arg(minimum).arg(maximum);
     return fail(error, QStringLiteral("'%1 %2' takes %3 argument(s), %4 given: pushchat [options] %5.")
                            .arg(QLatin1String(command), QLatin1String(subcommand), wanted)
                            .arg(given)

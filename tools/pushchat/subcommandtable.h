@@ -24,8 +24,8 @@ bool fail(QString *error, const QString &message);
 /// Whether `given` is from `minimum` to `maximum`; if not, false with
 /// "'COMMAND SUBCOMMAND' takes N [or M] argument(s), GIVEN given: pushchat
 /// [options] USAGE."
-bool argumentCountFits(QString *error, const char *command, const char *subcommand, int given, int minimum,
-                       int maximum, const QString &usage);
+bool argumentCountFits(QString *error, const char *command, const char *subcommand, int given, int minimum, int maximum,
+    const QString &usage);
 /// Any int, as the `minimum` of number().
 constexpr int kAnyInteger = std::numeric_limits<int>::min();
 /// `text` as an integer of at least `minimum` in `*value`; the message
@@ -35,8 +35,7 @@ bool number(const QString &text, const char *name, int minimum, int *value, QStr
 QString joinNames(const QStringList &names);
 
 /// The names in table order, for messages: "create, invite or kick".
-template <typename Entry, std::size_t Count>
-QString namesOf(const Entry (&entries)[Count])
+template <typename Entry, std::size_t Count> QString namesOf(const Entry (&entries)[Count])
 {
     QStringList names;
     for (const Entry &entry : entries)

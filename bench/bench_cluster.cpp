@@ -46,23 +46,23 @@ public:
     {
         if (!std::getenv("PUSHCHAT_CLUSTER_DIR")) {
             char pattern[] = "/tmp/pushchat-bench-cluster.XXXXXX";
-            own_ = mkdtemp(pattern) ? pattern : "";
-            std::fprintf(stderr, "starting a three-node cluster in %s (about 40 s)\n", own_.c_str());
-            const std::string start = "'" PUSHCHAT_CLUSTER_SCRIPT "' start '" + own_ + "/c' >/dev/null";
-            if (!own_.empty() && std::system(start.c_str()) == 0)
-                nodes = RabbitCluster((own_ + "/c").c_str());
+            m_own = mkdtemp(pattern) ? pattern : "";
+            std::fprintf(stderr, "starting a three-node cluster in %s (about 40 s)\n", m_own.c_str());
+            const std::string start = "'" PUSHCHAT_CLUSTER_SCRIPT "' start '" + m_own + "/c' >/dev/null";
+            if (!m_own.empty() && std::system(start.c_str()) == 0)
+                nodes = RabbitCluster((m_own + "/c").c_str());
         }
     }
     ~Cluster()
     {
-        if (!own_.empty())
+        if (!m_own.empty())
             std::system(
-                ("'" PUSHCHAT_CLUSTER_SCRIPT "' stop '" + own_ + "/c' 2>/dev/null; rm -rf '" + own_ + "'").c_str());
+                ("'" PUSHCHAT_CLUSTER_SCRIPT "' stop '" + m_own + "/c' 2>/dev/null; rm -rf '" + m_own + "'").c_str());
     }
     RabbitCluster nodes;
 
 private:
-    std::string own_;
+    std::string m_own;
 };
 
 Cluster &cluster()
@@ -83,7 +83,7 @@ MosquittoBroker &mosquitto()
 // Numbered messages ("n <i>") that arrived, once each, and when the last did.
 class Numbered : public ImEventReciever {
 public:
-    explicit Numbered(int size = 0) : seen_(std::size_t(size)) { }
+    explicit Numbered(int size = 0) : m_seen(std::size_t(size)) { }
     std::atomic<int> connects{ 0 }, messages{ 0 }, twice{ 0 };
     std::atomic<Clock::rep> last{ 0 };
     void onConnected() override { ++connects; }
@@ -91,16 +91,16 @@ public:
     {
         last = Clock::now().time_since_epoch().count();
         const int i = body.mid(2).toInt();
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (i >= 0 && std::size_t(i) < seen_.size() && seen_[std::size_t(i)]++ > 0)
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (i >= 0 && std::size_t(i) < m_seen.size() && m_seen[std::size_t(i)]++ > 0)
             ++twice;
         else
             ++messages;
     }
 
 private:
-    std::mutex mutex_;
-    std::vector<int> seen_;
+    std::mutex m_mutex;
+    std::vector<int> m_seen;
 };
 
 // Logs `lib` in as `user`: on mosquitto (node 0) or on a node of the

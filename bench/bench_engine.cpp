@@ -248,10 +248,10 @@ bool pacedSend(long n, Arrivals &arrivals, const std::function<bool()> &send, lo
 // An application: counts chat messages (the probe apart) and connections.
 class ChatApp : public ImEventReciever {
 public:
-    explicit ChatApp(Arrivals &arrivals) : arrivals_(arrivals) { }
+    explicit ChatApp(Arrivals &arrivals) : m_arrivals(arrivals) { }
     std::atomic<long> probes{ 0 };
 
-    void onConnected() override { connected_.set(true); }
+    void onConnected() override { m_connected.set(true); }
     void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
         QString stamp, bool readable) override
     {
@@ -265,13 +265,13 @@ public:
         if (messageKey == kProbeKey)
             ++probes;
         else
-            arrivals_.arrived();
+            m_arrivals.arrived();
     }
-    bool waitConnected() { return connected_.waitSet(); }
+    bool waitConnected() { return m_connected.waitSet(); }
 
 private:
-    Arrivals &arrivals_;
-    benchmqtt::Flag connected_;
+    Arrivals &m_arrivals;
+    benchmqtt::Flag m_connected;
 };
 
 // alice and bob logged in through the broker, bob's subscriptions in force.

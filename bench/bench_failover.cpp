@@ -32,22 +32,22 @@ public:
     }
     bool waitFor(const std::string &body, std::chrono::seconds limit = std::chrono::seconds(20))
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] { return arrived_.count(body) > 0; });
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, limit, [&] { return m_arrived.count(body) > 0; });
     }
 
 private:
     void arrive(std::string body)
     {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            arrived_.insert(std::move(body));
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_arrived.insert(std::move(body));
         }
-        changed_.notify_all();
+        m_changed.notify_all();
     }
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::set<std::string> arrived_;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::set<std::string> m_arrived;
 };
 
 void send(Message_lib &from, const char *to, const std::string &text)

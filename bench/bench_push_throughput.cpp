@@ -40,20 +40,20 @@ using benchmqtt::messageCount;
 
 class CountingReceiver : public PushEventReciever {
 public:
-    explicit CountingReceiver(Arrivals &arrivals) : arrivals_(arrivals) { }
+    explicit CountingReceiver(Arrivals &arrivals) : m_arrivals(arrivals) { }
     std::function<void(char *topic, void *payload)> onMessage; // set before connecting
     void messgeRecievedMore(int, char *topic, void *payload, int, int, bool) override
     {
         if (onMessage)
             onMessage(topic, payload);
-        arrivals_.arrived();
+        m_arrivals.arrived();
     }
-    void connectStatus(bool connected) override { online_.set(connected); }
-    bool waitOnline() { return online_.waitSet(); }
+    void connectStatus(bool connected) override { m_online.set(connected); }
+    bool waitOnline() { return m_online.waitSet(); }
 
 private:
-    Arrivals &arrivals_;
-    benchmqtt::Flag online_;
+    Arrivals &m_arrivals;
+    benchmqtt::Flag m_online;
 };
 
 struct PushPair {

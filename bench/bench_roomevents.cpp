@@ -70,22 +70,22 @@ public:
     bool waitFor(long target)
     {
         const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (count_ < target && std::chrono::steady_clock::now() < limit)
+        while (m_count < target && std::chrono::steady_clock::now() < limit)
             std::this_thread::sleep_for(std::chrono::microseconds(200));
-        return count_ >= target;
+        return m_count >= target;
     }
-    long count() const { return count_; }
+    long count() const { return m_count; }
 
     std::atomic<int> peakThreads{ 0 };
 
 private:
     void delivered()
     {
-        if (++count_ % kSampleEvery == 0)
+        if (++m_count % kSampleEvery == 0)
             sampleThreads();
     }
 
-    std::atomic<long> count_{ 0 };
+    std::atomic<long> m_count{ 0 };
 };
 
 std::string roomBody(int i)
@@ -167,26 +167,26 @@ public:
     }
     void messgeRecievedMore(int, char *, void *, int, int, bool) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++requests_;
-        changed_.notify_all();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_requests;
+        m_changed.notify_all();
     }
     // Waits until `count` requests (the marker included) have arrived.
     bool waitFor(long count)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return requests_ >= count; });
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_requests >= count; });
     }
     long requests()
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return requests_;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_requests;
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    long requests_ = 0;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    long m_requests = 0;
 };
 
 // Published by a peer playing the server, through a local mosquitto.

@@ -61,29 +61,29 @@ class Arrivals {
 public:
     void reset(long target)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        count_ = 0;
-        target_ = target;
-        wake_ = target;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_count = 0;
+        m_target = target;
+        m_wake = target;
     }
     void arrived()
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (++count_ >= wake_)
-            changed_.notify_all();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (++m_count >= m_wake)
+            m_changed.notify_all();
     }
     long count()
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return count_;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_count;
     }
     // Until the count reaches `value`; false on timeout.
     bool waitUntil(long value, std::chrono::milliseconds timeout)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        wake_ = value;
-        const bool ok = changed_.wait_for(lock, timeout, [&] { return count_ >= value; });
-        wake_ = target_;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_wake = value;
+        const bool ok = m_changed.wait_for(lock, timeout, [&] { return m_count >= value; });
+        m_wake = m_target;
         return ok;
     }
     // Until the count reaches the target given to reset.
@@ -91,18 +91,18 @@ public:
     {
         long target;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            target = target_;
+            std::lock_guard<std::mutex> lock(m_mutex);
+            target = m_target;
         }
         return waitUntil(target, timeout);
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    long count_ = 0;
-    long target_ = 0;
-    long wake_ = 0;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    long m_count = 0;
+    long m_target = 0;
+    long m_wake = 0;
 };
 
 // A flag one thread raises and another waits for (a connection coming up).
@@ -110,20 +110,20 @@ class Flag {
 public:
     void set(bool value)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        value_ = value;
-        changed_.notify_all();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_value = value;
+        m_changed.notify_all();
     }
     bool waitSet(std::chrono::milliseconds timeout = std::chrono::seconds(10))
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return value_; });
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, timeout, [&] { return m_value; });
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool value_ = false;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_value = false;
 };
 
 // A bare libmosquitto client with the push client's session and socket
@@ -132,69 +132,69 @@ private:
 // it receives counts as an arrival; with echoTo it is also published back.
 class BareClient {
 public:
-    BareClient(const std::string &id, bool noDelay, Arrivals &arrivals) : arrivals_(arrivals)
+    BareClient(const std::string &id, bool noDelay, Arrivals &arrivals) : m_arrivals(arrivals)
     {
-        mosq_ = mosquitto_new(id.c_str(), false, this);
-        mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
-        mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, noDelay ? 1 : 0);
+        m_mosq = mosquitto_new(id.c_str(), false, this);
+        mosquitto_int_option(m_mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+        mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, noDelay ? 1 : 0);
         mosquitto_connect_callback_set(
-            mosq_, [](mosquitto *, void *self, int rc) { static_cast<BareClient *>(self)->signal(rc == 0 ? 1 : -1); });
+            m_mosq, [](mosquitto *, void *self, int rc) { static_cast<BareClient *>(self)->signal(rc == 0 ? 1 : -1); });
         mosquitto_subscribe_callback_set(
-            mosq_, [](mosquitto *, void *self, int, int, const int *) { static_cast<BareClient *>(self)->signal(2); });
-        mosquitto_message_callback_set(mosq_, [](mosquitto *m, void *self, const mosquitto_message *message) {
+            m_mosq, [](mosquitto *, void *self, int, int, const int *) { static_cast<BareClient *>(self)->signal(2); });
+        mosquitto_message_callback_set(m_mosq, [](mosquitto *m, void *self, const mosquitto_message *message) {
             auto *client = static_cast<BareClient *>(self);
-            if (client->echoTopic_)
-                mosquitto_publish(m, nullptr, client->echoTopic_, message->payloadlen, message->payload, 2, false);
-            client->arrivals_.arrived();
+            if (client->m_echoTopic)
+                mosquitto_publish(m, nullptr, client->m_echoTopic, message->payloadlen, message->payload, 2, false);
+            client->m_arrivals.arrived();
         });
     }
     ~BareClient()
     {
-        mosquitto_disconnect(mosq_);
-        mosquitto_loop_stop(mosq_, false);
-        mosquitto_destroy(mosq_);
+        mosquitto_disconnect(m_mosq);
+        mosquitto_loop_stop(m_mosq, false);
+        mosquitto_destroy(m_mosq);
     }
     BareClient(const BareClient &) = delete;
     BareClient &operator=(const BareClient &) = delete;
 
     bool connect(const MosquittoBroker &broker)
     {
-        mosquitto_connect(mosq_, broker.host(), broker.port(), 60);
-        mosquitto_loop_start(mosq_);
+        mosquitto_connect(m_mosq, broker.host(), broker.port(), 60);
+        mosquitto_loop_start(m_mosq);
         return waitFor(1);
     }
     bool subscribe(const char *topic)
     {
-        mosquitto_subscribe(mosq_, nullptr, topic, 2);
+        mosquitto_subscribe(m_mosq, nullptr, topic, 2);
         return waitFor(2);
     }
-    void echoTo(const char *topic) { echoTopic_ = topic; } // before subscribing
+    void echoTo(const char *topic) { m_echoTopic = topic; } // before subscribing
     int publish(const char *topic, const std::string &payload)
     {
-        return mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(payload.size()), payload.data(), 2, false);
+        return mosquitto_publish(m_mosq, nullptr, topic, static_cast<int>(payload.size()), payload.data(), 2, false);
     }
 
 private:
     void signal(int what)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        event_ = what;
-        changed_.notify_all();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_event = what;
+        m_changed.notify_all();
     }
     bool waitFor(int what)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        const bool ok = changed_.wait_for(lock, std::chrono::seconds(10), [&] { return event_ == what; });
-        event_ = 0;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const bool ok = m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_event == what; });
+        m_event = 0;
         return ok;
     }
 
-    mosquitto *mosq_ = nullptr;
-    Arrivals &arrivals_;
-    const char *echoTopic_ = nullptr;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int event_ = 0;
+    mosquitto *m_mosq = nullptr;
+    Arrivals &m_arrivals;
+    const char *m_echoTopic = nullptr;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_event = 0;
 };
 
 } // namespace benchmqtt

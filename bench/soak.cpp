@@ -32,28 +32,28 @@ using Clock = std::chrono::steady_clock;
 // Counts the numbered bodies "<n> ..." that arrive, and repeats.
 class Peer : public ImEventReciever {
 public:
-    explicit Peer(std::size_t expected) : seen_(expected) { }
+    explicit Peer(std::size_t expected) : m_seen(expected) { }
     std::atomic<bool> online{ false };
     void onConnected() override { online = true; }
     void onMessageReceive(QString, QString, QString body, int, int, QString, QString, bool) override
     {
         const std::size_t n = std::size_t(body.section(QLatin1Char(' '), 0, 0).toULong());
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (n >= seen_.size())
-            seen_.resize(n + 1);
-        (seen_[n] ? duplicated_ : delivered_)++;
-        seen_[n] = 1;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (n >= m_seen.size())
+            m_seen.resize(n + 1);
+        (m_seen[n] ? m_duplicated : m_delivered)++;
+        m_seen[n] = 1;
     }
     std::pair<long, long> counts() const
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return { delivered_, duplicated_ };
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return { m_delivered, m_duplicated };
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::vector<char> seen_;
-    long delivered_ = 0, duplicated_ = 0;
+    mutable std::mutex m_mutex;
+    std::vector<char> m_seen;
+    long m_delivered = 0, m_duplicated = 0;
 };
 
 long option(int argc, char **argv, const char *name, long fallback)

@@ -26,12 +26,12 @@ QByteArray viaQCompress(const char *data, int size)
 
 } // namespace
 
-Deflater::Deflater() : small_(smallMemLevel), full_(defaultMemLevel)
+Deflater::Deflater() : m_small(smallMemLevel), m_full(defaultMemLevel)
 { }
 
 Deflater::~Deflater()
 {
-    for (Stream *stream : { &small_, &full_ }) {
+    for (Stream *stream : { &m_small, &m_full }) {
         if (stream->ready)
             deflateEnd(&stream->z);
     }
@@ -45,7 +45,7 @@ Deflater &Deflater::forThisThread()
 
 QByteArray Deflater::compress(const char *data, int size)
 {
-    return compressWith(size <= smallInputLimit ? small_ : full_, data, size);
+    return compressWith(size <= smallInputLimit ? m_small : m_full, data, size);
 }
 
 QByteArray Deflater::compressWith(Stream &stream, const char *data, int size)

@@ -67,8 +67,8 @@ private:
 
     QByteArray compressWith(Stream &stream, const char *data, int size);
 
-    Stream small_;
-    Stream full_;
+    Stream m_small;
+    Stream m_full;
 };
 
 #endif // PUSHCHAT_DEFLATER_H

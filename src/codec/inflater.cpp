@@ -23,13 +23,13 @@ QByteArray fail(Inflater::Result *result, Inflater::Result why)
 
 Inflater::Inflater()
 {
-    ready_ = inflateInit(&stream_) == Z_OK;
+    m_ready = inflateInit(&m_stream) == Z_OK;
 }
 
 Inflater::~Inflater()
 {
-    if (ready_)
-        inflateEnd(&stream_);
+    if (m_ready)
+        inflateEnd(&m_stream);
 }
 
 Inflater &Inflater::forThisThread()
@@ -40,7 +40,7 @@ Inflater &Inflater::forThisThread()
 
 QByteArray Inflater::uncompress(const char *data, int size, int limit, Result *result)
 {
-    if (size <= 4 || !ready_)
+    if (size <= 4 || !m_ready)
         return fail(result, Result::Damaged);
     const quint32 claim = qFromBigEndian<quint32>(data);
     if (qint64(claim) > qint64(limit))
@@ -53,24 +53,24 @@ QByteArray Inflater::uncompress(const char *data, int size, int limit, Result *r
     qint64 capacity = std::min(std::min<qint64>(claim, bound) + kSlack, ceiling);
     QByteArray out(int(capacity), Qt::Uninitialized);
 
-    inflateReset(&stream_);
-    stream_.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(data + 4));
-    stream_.avail_in = uInt(size - 4);
+    inflateReset(&m_stream);
+    m_stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(data + 4));
+    m_stream.avail_in = uInt(size - 4);
     qint64 produced = 0;
     for (;;) {
-        stream_.next_out = reinterpret_cast<Bytef *>(out.data() + produced);
-        stream_.avail_out = uInt(capacity - produced);
+        m_stream.next_out = reinterpret_cast<Bytef *>(out.data() + produced);
+        m_stream.avail_out = uInt(capacity - produced);
         // Z_FINISH: when the data fits, inflate skips copying it into its
         // window; when it does not, the loop grows the buffer and goes on.
-        const int status = inflate(&stream_, Z_FINISH);
-        produced = capacity - stream_.avail_out;
+        const int status = inflate(&m_stream, Z_FINISH);
+        produced = capacity - m_stream.avail_out;
         if (produced > limit)
             return fail(result, Result::TooLarge);
         if (status == Z_STREAM_END)
             break;
         if (status != Z_OK && status != Z_BUF_ERROR)
             return fail(result, Result::Damaged); // damaged data, preset dictionary, out of memory
-        if (stream_.avail_out != 0)
+        if (m_stream.avail_out != 0)
             return fail(result, Result::Damaged); // input ended before the stream did
         capacity = std::min(capacity * 2, ceiling);
         out.resize(int(capacity));

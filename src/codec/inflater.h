@@ -37,8 +37,8 @@ public:
     static Inflater &forThisThread();
 
 private:
-    z_stream stream_{};
-    bool ready_ = false; // inflateInit succeeded; otherwise nothing is inflated
+    z_stream m_stream{};
+    bool m_ready = false; // inflateInit succeeded; otherwise nothing is inflated
 };
 
 #endif // PUSHCHAT_INFLATER_H

@@ -90,9 +90,9 @@ PatternMatcher::Compiled PatternMatcher::compile(const char *pattern)
 
 PatternMatcher::Compiled &PatternMatcher::compiled(const char *pattern)
 {
-    auto it = cache_.find(pattern);
-    if (it == cache_.end() || it->second.text != pattern)
-        it = cache_.insert_or_assign(pattern, compile(pattern)).first;
+    auto it = m_cache.find(pattern);
+    if (it == m_cache.end() || it->second.text != pattern)
+        it = m_cache.insert_or_assign(pattern, compile(pattern)).first;
     return it->second;
 }
 

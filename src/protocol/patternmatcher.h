@@ -57,7 +57,7 @@ private:
     static bool matchGroups(const std::vector<Group> &groups, std::string_view text, std::size_t pos, std::size_t index,
         std::vector<std::string_view> &out);
 
-    std::unordered_map<const char *, Compiled> cache_;
+    std::unordered_map<const char *, Compiled> m_cache;
 };
 
 #endif // PUSHCHAT_PATTERNMATCHER_H

@@ -3,19 +3,19 @@
 #include <algorithm>
 
 PushBackoff::PushBackoff(std::chrono::milliseconds minimum, std::chrono::milliseconds maximum)
-    : minimum_(std::max(minimum, std::chrono::milliseconds(1))), maximum_(std::max(maximum, minimum_)),
-      current_(minimum_), random_(std::random_device{}())
+    : m_minimum(std::max(minimum, std::chrono::milliseconds(1))), m_maximum(std::max(maximum, m_minimum)),
+      m_current(m_minimum), m_random(std::random_device{}())
 { }
 
 std::chrono::milliseconds PushBackoff::next()
 {
-    const auto full = current_;
-    current_ = std::min(current_ * 2, maximum_);
+    const auto full = m_current;
+    m_current = std::min(m_current * 2, m_maximum);
     std::uniform_int_distribution<long long> spread(full.count() - full.count() / 2, full.count());
-    return std::chrono::milliseconds(spread(random_));
+    return std::chrono::milliseconds(spread(m_random));
 }
 
 void PushBackoff::reset()
 {
-    current_ = minimum_;
+    m_current = m_minimum;
 }

@@ -16,10 +16,10 @@ public:
     void reset();
 
 private:
-    std::chrono::milliseconds minimum_;
-    std::chrono::milliseconds maximum_;
-    std::chrono::milliseconds current_;
-    std::minstd_rand random_;
+    std::chrono::milliseconds m_minimum;
+    std::chrono::milliseconds m_maximum;
+    std::chrono::milliseconds m_current;
+    std::minstd_rand m_random;
 };
 
 #endif // PUSHBACKOFF_H

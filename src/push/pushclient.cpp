@@ -23,27 +23,27 @@ PushClient::PushClient(char *clientId) : PushClient(clientId, PushClientOptions(
 { }
 
 PushClient::PushClient(char *clientId, const PushClientOptions &options)
-    : connection_(std::make_shared<PushConnection>(clientId, options))
+    : m_connection(std::make_shared<PushConnection>(clientId, options))
 { }
 
 PushClient::~PushClient()
 {
-    connection_->close();
+    m_connection->close();
 }
 
 void PushClient::setEventRecv(PushEventReciever *receiver)
 {
-    connection_->setReceiver(receiver);
+    m_connection->setReceiver(receiver);
 }
 
 int PushClient::will_set(const char *topic, char *payload, int qos, bool /*retain*/)
 {
-    return connection_->setWill(topic, payload, qos);
+    return m_connection->setWill(topic, payload, qos);
 }
 
 int PushClient::start_connect(const char *host, int port, int keepalive)
 {
-    return connection_->start(host, port, keepalive);
+    return m_connection->start(host, port, keepalive);
 }
 
 int PushClient::subscribe(char *topic)
@@ -53,7 +53,7 @@ int PushClient::subscribe(char *topic)
 
 int PushClient::subscribe(const std::vector<std::string> &filters, int qos)
 {
-    return connection_->subscribe(filters, qos);
+    return m_connection->subscribe(filters, qos);
 }
 
 int PushClient::unsubscribe(const char *topic)
@@ -63,45 +63,45 @@ int PushClient::unsubscribe(const char *topic)
 
 int PushClient::unsubscribe(const std::vector<std::string> &filters)
 {
-    return connection_->unsubscribe(filters);
+    return m_connection->unsubscribe(filters);
 }
 
 int PushClient::publish(const char *topic, const char *payload, int qos, bool /*retain*/, std::uint64_t ticket)
 {
-    return connection_->publish(topic, payload, qos, ticket);
+    return m_connection->publish(topic, payload, qos, ticket);
 }
 
 PushClient::State PushClient::state() const
 {
-    return connection_->state();
+    return m_connection->state();
 }
 
 PushConnectionError PushClient::lastError() const
 {
-    return connection_->lastError().first;
+    return m_connection->lastError().first;
 }
 
 std::string PushClient::lastErrorText() const
 {
-    return connection_->lastError().second;
+    return m_connection->lastError().second;
 }
 
 std::size_t PushClient::pendingCount() const
 {
-    return connection_->pendingCount();
+    return m_connection->pendingCount();
 }
 
 std::size_t PushClient::repeatsDropped() const
 {
-    return connection_->repeatsDropped();
+    return m_connection->repeatsDropped();
 }
 
 void PushClient::setIncomingLimit(std::size_t bytes)
 {
-    connection_->setIncomingLimit(bytes);
+    m_connection->setIncomingLimit(bytes);
 }
 
 void PushClient::setMaxQos(int qos)
 {
-    connection_->setMaxQos(qos);
+    m_connection->setMaxQos(qos);
 }

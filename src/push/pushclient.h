@@ -161,7 +161,7 @@ public:
     void setMaxQos(int qos);
 
 private:
-    std::shared_ptr<PushConnection> connection_;
+    std::shared_ptr<PushConnection> m_connection;
 };
 
 #endif // PUSHCLIENT_H

@@ -18,7 +18,7 @@ namespace {
 
 // While connecting, how long one wait for network activity may last (the
 // CONNACK timeout is checked between waits). Online, the thread sleeps until
-// the keepalive needs it: requests and close() wake it through wakeFd_.
+// the keepalive needs it: requests and close() wake it through m_wakeFd.
 constexpr int kLoopTimeoutMs = 100;
 // Online without keepalive: nothing is due; wake now and then all the same.
 constexpr int kIdleWaitMs = 60000;
@@ -125,29 +125,29 @@ const char *orNull(const std::string &text)
 } // namespace
 
 PushConnection::PushConnection(const char *clientId, const PushClientOptions &options)
-    : options_(options), outbox_(options.maxPendingMessages, options.maxPendingBytes),
-      backoff_(options.reconnectDelayMin, options.reconnectDelayMax)
+    : m_options(options), m_outbox(options.maxPendingMessages, options.maxPendingBytes),
+      m_backoff(options.reconnectDelayMin, options.reconnectDelayMax)
 {
     initialiseLibrary();
     if (!clientId || !*clientId || !validUtf8(clientId, std::strlen(clientId)))
         return;
     // Clean session off: the broker keeps our subscriptions and queues QoS 1/2
     // messages for this client id while it is away.
-    mosq_ = mosquitto_new(clientId, false, this);
-    if (!mosq_)
+    m_mosq = mosquitto_new(clientId, false, this);
+    if (!m_mosq)
         return;
-    mosquitto_threaded_set(mosq_, true);
-    mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
-    mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1);
-    mosquitto_connect_callback_set(mosq_, &PushConnection::onConnect);
-    mosquitto_disconnect_callback_set(mosq_, &PushConnection::onDisconnect);
-    mosquitto_publish_callback_set(mosq_, &PushConnection::onPublish);
-    mosquitto_subscribe_callback_set(mosq_, &PushConnection::onSubscribe);
-    mosquitto_unsubscribe_callback_set(mosq_, &PushConnection::onUnsubscribe);
-    mosquitto_message_callback_set(mosq_, &PushConnection::onMessage);
-    wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wakeFd_ < 0)
-        settingsError_ = std::string("no wake-up descriptor: ") + std::strerror(errno);
+    mosquitto_threaded_set(m_mosq, true);
+    mosquitto_int_option(m_mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+    mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_connect_callback_set(m_mosq, &PushConnection::onConnect);
+    mosquitto_disconnect_callback_set(m_mosq, &PushConnection::onDisconnect);
+    mosquitto_publish_callback_set(m_mosq, &PushConnection::onPublish);
+    mosquitto_subscribe_callback_set(m_mosq, &PushConnection::onSubscribe);
+    mosquitto_unsubscribe_callback_set(m_mosq, &PushConnection::onUnsubscribe);
+    mosquitto_message_callback_set(m_mosq, &PushConnection::onMessage);
+    m_wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_wakeFd < 0)
+        m_settingsError = std::string("no wake-up descriptor: ") + std::strerror(errno);
     configureSecurity();
 }
 
@@ -156,10 +156,10 @@ PushConnection::PushConnection(const char *clientId, const PushClientOptions &op
 // reported by the first attempt, which then does not connect.
 void PushConnection::configureSecurity()
 {
-    const PushTlsOptions &tls = options_.tls;
-    if (!options_.username.empty() &&
-        mosquitto_username_pw_set(mosq_, options_.username.c_str(), orNull(options_.password)) != MOSQ_ERR_SUCCESS)
-        settingsError_ = "unusable user name (not UTF-8?)";
+    const PushTlsOptions &tls = m_options.tls;
+    if (!m_options.username.empty() &&
+        mosquitto_username_pw_set(m_mosq, m_options.username.c_str(), orNull(m_options.password)) != MOSQ_ERR_SUCCESS)
+        m_settingsError = "unusable user name (not UTF-8?)";
     if (!tls.enabled)
         return;
     // Without CA files the system's trust store is used; that alone turns
@@ -167,40 +167,40 @@ void PushConnection::configureSecurity()
     // certificate, so a certificate needs them).
     const bool ownCa = !tls.caFile.empty() || !tls.caPath.empty();
     if (!ownCa)
-        mosquitto_int_option(mosq_, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
+        mosquitto_int_option(m_mosq, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
     if ((ownCa || !tls.certFile.empty() || !tls.keyFile.empty()) &&
-        mosquitto_tls_set(mosq_, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
+        mosquitto_tls_set(m_mosq, orNull(tls.caFile), orNull(tls.caPath), orNull(tls.certFile), orNull(tls.keyFile),
             nullptr) != MOSQ_ERR_SUCCESS)
-        settingsError_ = ownCa ? "unusable TLS files (CA file or folder, certificate, key): missing, unreadable, "
-                                 "or a certificate without its key"
-                               : "a client certificate needs the CA file or folder of the broker's certificate";
+        m_settingsError = ownCa ? "unusable TLS files (CA file or folder, certificate, key): missing, unreadable, "
+                                  "or a certificate without its key"
+                                : "a client certificate needs the CA file or folder of the broker's certificate";
     // TLS 1.2 at least; verification of the chain, and of the host name
     // unless insecure.
-    mosquitto_tls_opts_set(mosq_, tls.insecure ? 0 : 1, "tlsv1.2", nullptr);
-    mosquitto_tls_insecure_set(mosq_, tls.insecure);
+    mosquitto_tls_opts_set(m_mosq, tls.insecure ? 0 : 1, "tlsv1.2", nullptr);
+    mosquitto_tls_insecure_set(m_mosq, tls.insecure);
 }
 
 PushConnection::~PushConnection()
 {
-    if (thread_.joinable())
-        thread_.detach(); // only when the last owner is the network thread itself
-    if (mosq_)
-        mosquitto_destroy(mosq_);
-    if (wakeFd_ >= 0)
-        ::close(wakeFd_);
+    if (m_thread.joinable())
+        m_thread.detach(); // only when the last owner is the network thread itself
+    if (m_mosq)
+        mosquitto_destroy(m_mosq);
+    if (m_wakeFd >= 0)
+        ::close(m_wakeFd);
 }
 
 // --- operations called from any thread --------------------------------------
 
 void PushConnection::setReceiver(PushEventReciever *receiver)
 {
-    if (!closing_)
-        receiver_.store(receiver);
+    if (!m_closing)
+        m_receiver.store(receiver);
 }
 
 int PushConnection::setWill(const char *topic, const char *payload, int qos)
 {
-    if (!mosq_)
+    if (!m_mosq)
         return toResult(PushResult::InvalidArgument);
     Will will;
     if (topic) {
@@ -209,84 +209,84 @@ int PushConnection::setWill(const char *topic, const char *payload, int qos)
         will.set = true;
         will.topic = topic;
         will.payload = payload ? payload : "";
-        will.qos = std::min(qos, maxQos_.load());
+        will.qos = std::min(qos, m_maxQos.load());
         if (will.payload.size() > kMaxPayloadBytes)
             return toResult(PushResult::InvalidArgument);
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    will_ = std::move(will);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_will = std::move(will);
     return toResult(PushResult::Ok);
 }
 
 int PushConnection::start(const char *host, int port, int keepalive)
 {
-    if (!mosq_ || !host || !*host || port <= 0 || port > 65535 || keepalive < 0 || keepalive > 65535)
+    if (!m_mosq || !host || !*host || port <= 0 || port > 65535 || keepalive < 0 || keepalive > 65535)
         return toResult(PushResult::InvalidArgument);
     if (keepalive > 0 && keepalive < 5)
         keepalive = 5;
 
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (closing_)
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closing)
         return toResult(PushResult::Failed);
-    keepalive_ = keepalive;
-    brokers_.assign(1, PushBrokerAddress{ host, port });
-    for (const PushBrokerAddress &broker : options_.failover) {
+    m_keepalive = keepalive;
+    m_brokers.assign(1, PushBrokerAddress{ host, port });
+    for (const PushBrokerAddress &broker : m_options.failover) {
         if (!broker.host.empty() && broker.port > 0 && broker.port <= 65535)
-            brokers_.push_back(broker);
+            m_brokers.push_back(broker);
     }
-    brokerIndex_ = 0;
-    refusedInTurn_ = 0;
-    if (link_ == Link::Idle || link_ == Link::Refused) {
-        backoff_.reset();
-        link_ = Link::Waiting;
+    m_brokerIndex = 0;
+    m_refusedInTurn = 0;
+    if (m_link == Link::Idle || m_link == Link::Refused) {
+        m_backoff.reset();
+        m_link = Link::Waiting;
     }
-    if (link_ == Link::Waiting)
-        nextAttempt_ = Clock::now();
-    if (!thread_.joinable()) {
-        thread_ = std::thread([self = shared_from_this()]() mutable {
+    if (m_link == Link::Waiting)
+        m_nextAttempt = Clock::now();
+    if (!m_thread.joinable()) {
+        m_thread = std::thread([self = shared_from_this()]() mutable {
             self->run();
             self.reset(); // may destroy this object, on this thread
         });
     }
-    wake_.notify_all();
+    m_wake.notify_all();
     return toResult(PushResult::Ok);
 }
 
 int PushConnection::publish(const char *topic, const char *payload, int qos, std::uint64_t ticket)
 {
-    if (!mosq_ || !validPublishTopic(topic) || qos < 0 || qos > 2)
+    if (!m_mosq || !validPublishTopic(topic) || qos < 0 || qos > 2)
         return toResult(PushResult::InvalidArgument);
     const std::size_t length = payload ? std::strlen(payload) : 0;
     if (length > kMaxPayloadBytes)
         return toResult(PushResult::InvalidArgument);
-    qos = std::min(qos, maxQos_.load());
+    qos = std::min(qos, m_maxQos.load());
 
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (closing_)
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closing)
         return toResult(PushResult::Failed);
     if (qos == 0) {
-        if (link_ != Link::Online)
+        if (m_link != Link::Online)
             return toResult(PushResult::NotConnected);
-        const int rc = mosquitto_publish(mosq_, nullptr, topic, static_cast<int>(length), payload, 0, false);
+        const int rc = mosquitto_publish(m_mosq, nullptr, topic, static_cast<int>(length), payload, 0, false);
         wake();
         return fromLibrary(rc);
     }
 
     const std::size_t size = std::strlen(topic) + length;
-    if (!outbox_.hasRoomFor(size))
+    if (!m_outbox.hasRoomFor(size))
         return toResult(PushResult::OutboxFull);
-    if (link_ != Link::Online) {
-        outbox_.enqueue({ PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos,
+    if (m_link != Link::Online) {
+        m_outbox.enqueue({ PushOutbox::Request::Kind::Publish, topic, std::string(payload ? payload : "", length), qos,
             {}, ticket });
         return toResult(PushResult::Ok);
     }
     int mid = 0;
-    const int rc = mosquitto_publish(mosq_, &mid, topic, static_cast<int>(length), payload, qos, false);
+    const int rc = mosquitto_publish(m_mosq, &mid, topic, static_cast<int>(length), payload, qos, false);
     // NO_CONN here means the link dropped and we have not processed it yet:
     // libmosquitto still keeps the message and resends it after reconnecting,
     // so it is accepted, and must not be queued a second time.
     if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
-        outbox_.trackInFlight(mid, size, ticket);
+        m_outbox.trackInFlight(mid, size, ticket);
         wake();
         return toResult(PushResult::Ok);
     }
@@ -297,7 +297,7 @@ int PushConnection::subscribe(const std::vector<std::string> &filters, int qos)
 {
     if (qos < 0 || qos > 2)
         return toResult(PushResult::InvalidArgument);
-    return requestFilters(PushOutbox::Request::Kind::Subscribe, filters, std::min(qos, maxQos_.load()));
+    return requestFilters(PushOutbox::Request::Kind::Subscribe, filters, std::min(qos, m_maxQos.load()));
 }
 
 int PushConnection::unsubscribe(const std::vector<std::string> &filters)
@@ -309,14 +309,14 @@ int PushConnection::unsubscribe(const std::vector<std::string> &filters)
 // packets before it stand and the rest are not sent.
 int PushConnection::requestFilters(PushOutbox::Request::Kind kind, const std::vector<std::string> &filters, int qos)
 {
-    if (!mosq_ || filters.empty() || !std::all_of(filters.begin(), filters.end(), [](const std::string &f) {
+    if (!m_mosq || filters.empty() || !std::all_of(filters.begin(), filters.end(), [](const std::string &f) {
             return validSubscribeTopic(f.c_str());
         }))
         return toResult(PushResult::InvalidArgument);
     if (kind == PushOutbox::Request::Kind::Subscribe)
-        topics_.hold(filters);
+        m_topics.hold(filters);
     else
-        topics_.release(filters);
+        m_topics.release(filters);
     for (std::size_t at = 0; at < filters.size(); at += kFiltersPerPacket) {
         const auto first = filters.begin() + static_cast<std::ptrdiff_t>(at);
         const auto last =
@@ -337,32 +337,32 @@ int PushConnection::sendLocked(const PushOutbox::Request &request)
     const int count = static_cast<int>(filters.size());
     int mid = 0;
     const int rc = request.kind == PushOutbox::Request::Kind::Subscribe
-                       ? mosquitto_subscribe_multiple(mosq_, &mid, count, filters.data(), request.qos, 0, nullptr)
-                       : mosquitto_unsubscribe_multiple(mosq_, &mid, count, filters.data(), nullptr);
+                       ? mosquitto_subscribe_multiple(m_mosq, &mid, count, filters.data(), request.qos, 0, nullptr)
+                       : mosquitto_unsubscribe_multiple(m_mosq, &mid, count, filters.data(), nullptr);
     if (rc == MOSQ_ERR_SUCCESS)
-        outbox_.trackRequest(mid, request.kind == PushOutbox::Request::Kind::Subscribe ? request.qos : -1);
+        m_outbox.trackRequest(mid, request.kind == PushOutbox::Request::Kind::Subscribe ? request.qos : -1);
     return rc;
 }
 
 int PushConnection::request(PushOutbox::Request request)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (closing_)
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closing)
         return toResult(PushResult::Failed);
-    if (link_ == Link::Online) {
+    if (m_link == Link::Online) {
         const int rc = sendLocked(request);
         if (rc == MOSQ_ERR_SUCCESS)
             wake();
         if (rc != MOSQ_ERR_NO_CONN) // libmosquitto does not keep these: queue them
             return fromLibrary(rc);
     }
-    return outbox_.enqueue(std::move(request)) ? toResult(PushResult::Ok) : toResult(PushResult::OutboxFull);
+    return m_outbox.enqueue(std::move(request)) ? toResult(PushResult::Ok) : toResult(PushResult::OutboxFull);
 }
 
 PushClient::State PushConnection::state() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    switch (link_) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    switch (m_link) {
     case Link::Idle:
         return PushClient::State::Idle;
     case Link::Online:
@@ -378,31 +378,31 @@ PushClient::State PushConnection::state() const
 
 std::size_t PushConnection::pendingCount() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return outbox_.count();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_outbox.count();
 }
 
 std::pair<PushConnectionError, std::string> PushConnection::lastError() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return { error_, errorText_ };
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return { m_error, m_errorText };
 }
 
 void PushConnection::close()
 {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        closing_ = true;
-        receiver_.store(nullptr);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closing = true;
+        m_receiver.store(nullptr);
     }
-    wake_.notify_all();
+    m_wake.notify_all();
     wake();
-    if (!thread_.joinable())
+    if (!m_thread.joinable())
         return;
-    if (thread_.get_id() == std::this_thread::get_id())
-        thread_.detach();
+    if (m_thread.get_id() == std::this_thread::get_id())
+        m_thread.detach();
     else
-        thread_.join();
+        m_thread.join();
 }
 
 // --- libmosquitto callbacks (inside mosquitto_loop, library locks held) -----
@@ -441,7 +441,7 @@ void PushConnection::onMessage(mosquitto *, void *self, const mosquitto_message 
 {
     auto *connection = static_cast<PushConnection *>(self);
     Event event{ Event::Kind::Message, message->mid, message->topic ? message->topic : "", {} };
-    const std::size_t limit = connection->incomingLimit_;
+    const std::size_t limit = connection->m_incomingLimit;
     if (limit != 0 && static_cast<std::size_t>(message->payloadlen) > limit)
         event.length = static_cast<std::size_t>(message->payloadlen);
     else if (message->payload && message->payloadlen > 0)
@@ -459,32 +459,32 @@ void PushConnection::onLog(mosquitto *, void *self, int level, const char *text)
     if (level != MOSQ_LOG_ERR || !text)
         return;
     auto *connection = static_cast<PushConnection *>(self);
-    std::lock_guard<std::mutex> lock(connection->eventMutex_);
-    std::string &errors = connection->libraryErrors_;
+    std::lock_guard<std::mutex> lock(connection->m_eventMutex);
+    std::string &errors = connection->m_libraryErrors;
     if (errors.size() < 1024)
         errors.append(errors.empty() ? "" : "; ").append(text);
 }
 
 void PushConnection::record(Event event)
 {
-    std::lock_guard<std::mutex> lock(eventMutex_);
-    events_.push_back(std::move(event));
+    std::lock_guard<std::mutex> lock(m_eventMutex);
+    m_events.push_back(std::move(event));
 }
 
 // --- network thread ----------------------------------------------------------
 
 void PushConnection::run()
 {
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!closing_) {
-        switch (link_) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_closing) {
+        switch (m_link) {
         case Link::Idle:
         case Link::Refused:
-            wake_.wait(lock);
+            m_wake.wait(lock);
             break;
         case Link::Waiting:
-            if (Clock::now() < nextAttempt_) {
-                wake_.wait_until(lock, nextAttempt_);
+            if (Clock::now() < m_nextAttempt) {
+                m_wake.wait_until(lock, m_nextAttempt);
             } else {
                 lock.unlock();
                 attemptConnection();
@@ -497,7 +497,7 @@ void PushConnection::run()
             const int rc = serviceLink();
             processEvents();
             lock.lock();
-            const bool unanswered = link_ == Link::Connecting && Clock::now() - attemptStartedAt_ > kConnackTimeout;
+            const bool unanswered = m_link == Link::Connecting && Clock::now() - m_attemptStartedAt > kConnackTimeout;
             if (rc != MOSQ_ERR_SUCCESS || unanswered) {
                 const int error = errno;
                 lock.unlock();
@@ -506,7 +506,7 @@ void PushConnection::run()
                     handleLinkDown(MOSQ_ERR_TIMEOUT, "no CONNACK within 30 s");
                 else if (rc == MOSQ_ERR_KEEPALIVE)
                     handleLinkDown(rc, "nothing heard from the broker for " +
-                                           std::to_string(keepalive_ * kSilenceLimitTenths / 10) + " s");
+                                           std::to_string(m_keepalive * kSilenceLimitTenths / 10) + " s");
                 else
                     handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string(), error);
                 lock.lock();
@@ -522,25 +522,25 @@ void PushConnection::run()
 void PushConnection::wake()
 {
     const std::uint64_t one = 1;
-    if (wakeFd_ >= 0) [[maybe_unused]]
-        const auto written = ::write(wakeFd_, &one, sizeof one);
+    if (m_wakeFd >= 0) [[maybe_unused]]
+        const auto written = ::write(m_wakeFd, &one, sizeof one);
 }
 
 int PushConnection::waitMilliseconds(bool &silent)
 {
     int keepalive = 0;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (link_ != Link::Online)
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_link != Link::Online)
             return kLoopTimeoutMs;
-        keepalive = keepalive_ * 1000;
+        keepalive = m_keepalive * 1000;
     }
     if (keepalive == 0)
         return kIdleWaitMs;
     // The kernel knows when data last came and went on the socket.
     tcp_info info{};
     socklen_t length = sizeof info;
-    if (::getsockopt(mosquitto_socket(mosq_), IPPROTO_TCP, TCP_INFO, &info, &length) != 0)
+    if (::getsockopt(mosquitto_socket(m_mosq), IPPROTO_TCP, TCP_INFO, &info, &length) != 0)
         return kMinWaitMs;
     const long heard = static_cast<long>(info.tcpi_last_data_recv);
     const long said = static_cast<long>(info.tcpi_last_data_sent);
@@ -557,21 +557,21 @@ int PushConnection::serviceLink()
 {
     bool silent = false;
     const int timeout = waitMilliseconds(silent);
-    const int socket = mosquitto_socket(mosq_);
+    const int socket = mosquitto_socket(m_mosq);
     if (silent) {
         // Drop the link without DISCONNECT (the broker is to publish the
         // will); libmosquitto discards the socket at the next attempt.
         ::shutdown(socket, SHUT_RDWR);
         return MOSQ_ERR_KEEPALIVE;
     }
-    pollfd fds[2] = { { wakeFd_, POLLIN, 0 }, { socket, POLLIN, 0 } };
-    if (mosquitto_want_write(mosq_))
+    pollfd fds[2] = { { m_wakeFd, POLLIN, 0 }, { socket, POLLIN, 0 } };
+    if (mosquitto_want_write(m_mosq))
         fds[1].events |= POLLOUT;
     ::poll(fds, socket >= 0 ? 2 : 1, timeout);
     std::uint64_t wakes = 0;
     if (fds[0].revents & POLLIN) [[maybe_unused]]
-        const auto read = ::read(wakeFd_, &wakes, sizeof wakes);
-    return mosquitto_loop(mosq_, 0, 1);
+        const auto read = ::read(m_wakeFd, &wakes, sizeof wakes);
+    return mosquitto_loop(m_mosq, 0, 1);
 }
 
 void PushConnection::attemptConnection()
@@ -580,34 +580,34 @@ void PushConnection::attemptConnection()
     int keepalive = 0;
     Will will;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        target = brokers_[brokerIndex_];
-        keepalive = keepalive_;
-        will = will_;
-        link_ = Link::Connecting;
-        attemptStartedAt_ = Clock::now();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        target = m_brokers[m_brokerIndex];
+        keepalive = m_keepalive;
+        will = m_will;
+        m_link = Link::Connecting;
+        m_attemptStartedAt = Clock::now();
     }
-    if (!settingsError_.empty()) {
-        refuse(PushConnectionError::InvalidSettings, settingsError_);
+    if (!m_settingsError.empty()) {
+        refuse(PushConnectionError::InvalidSettings, m_settingsError);
         return;
     }
     {
-        std::lock_guard<std::mutex> lock(eventMutex_);
-        libraryErrors_.clear();
+        std::lock_guard<std::mutex> lock(m_eventMutex);
+        m_libraryErrors.clear();
     }
     // The reason of a TLS failure is only logged. libmosquitto formats a
     // line for every packet while a log callback is set, so it is set for
     // the handshake only, and taken away once online.
-    if (options_.tls.enabled)
-        mosquitto_log_callback_set(mosq_, &PushConnection::onLog);
+    if (m_options.tls.enabled)
+        mosquitto_log_callback_set(m_mosq, &PushConnection::onLog);
     // Only this thread touches the handle while the link is not online.
     if (will.set)
         mosquitto_will_set(
-            mosq_, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(), will.qos, false);
+            m_mosq, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(), will.qos, false);
     else
-        mosquitto_will_clear(mosq_);
+        mosquitto_will_clear(m_mosq);
     // With TLS the handshake may finish, or fail, inside this call.
-    const int rc = mosquitto_connect_async(mosq_, target.host.c_str(), target.port, keepalive);
+    const int rc = mosquitto_connect_async(m_mosq, target.host.c_str(), target.port, keepalive);
     const int error = errno;
     if (rc != MOSQ_ERR_SUCCESS)
         handleLinkDown(rc, rc == MOSQ_ERR_ERRNO ? std::strerror(error) : std::string(), error);
@@ -616,39 +616,39 @@ void PushConnection::attemptConnection()
 void PushConnection::processEvents()
 {
     {
-        std::lock_guard<std::mutex> lock(eventMutex_);
-        batch_.swap(events_);
+        std::lock_guard<std::mutex> lock(m_eventMutex);
+        m_batch.swap(m_events);
     }
-    if (batch_.empty())
+    if (m_batch.empty())
         return;
 
-    const bool anyAck = std::any_of(batch_.begin(), batch_.end(),
+    const bool anyAck = std::any_of(m_batch.begin(), m_batch.end(),
         [](const Event &e) { return e.kind == Event::Kind::Published || e.kind == Event::Kind::Answered; });
     std::pair<int, int> lowerGrant{ -1, -1 }; // asked, granted
     std::vector<std::uint64_t> tickets;       // acknowledged
     if (anyAck) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const Event &event : batch_) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const Event &event : m_batch) {
             if (event.kind == Event::Kind::Published) {
-                if (const std::uint64_t ticket = outbox_.acknowledge(event.code))
+                if (const std::uint64_t ticket = m_outbox.acknowledge(event.code))
                     tickets.push_back(ticket);
             } else if (event.kind == Event::Kind::Answered) {
-                const int asked = outbox_.answered(event.code);
+                const int asked = m_outbox.answered(event.code);
                 if (asked >= 0 && event.qos != asked && (event.qos < asked || event.qos == kRefusedFilter))
                     lowerGrant = { asked, event.qos };
             }
         }
     }
-    PushEventReciever *receiver = receiver_.load();
-    if (lowerGrant.first >= 0 && !lowerGrantTold_ && receiver && !closing_) {
-        lowerGrantTold_ = true;
+    PushEventReciever *receiver = m_receiver.load();
+    if (lowerGrant.first >= 0 && !m_lowerGrantTold && receiver && !m_closing) {
+        m_lowerGrantTold = true;
         receiver->subscriptionGranted(lowerGrant.first, lowerGrant.second);
     }
     for (const std::uint64_t ticket : tickets) {
-        if (receiver && !closing_)
+        if (receiver && !m_closing)
             receiver->published(ticket);
     }
-    for (Event &event : batch_) {
+    for (Event &event : m_batch) {
         switch (event.kind) {
         case Event::Kind::Connack:
             handleConnack(event.code);
@@ -667,7 +667,7 @@ void PushConnection::processEvents()
             break;
         }
     }
-    batch_.clear();
+    m_batch.clear();
 }
 
 void PushConnection::handleConnack(int code)
@@ -675,18 +675,18 @@ void PushConnection::handleConnack(int code)
     if (code == 0) {
         bool online = false;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (closing_ || link_ != Link::Connecting)
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_closing || m_link != Link::Connecting)
                 return;
             online = drainOutboxLocked();
             if (online) {
-                ++connections_;
-                link_ = Link::Online;
-                connectedAt_ = Clock::now();
-                refusedInTurn_ = 0;
-                error_ = PushConnectionError::None;
-                errorText_.clear();
-                mosquitto_log_callback_set(mosq_, nullptr);
+                ++m_connections;
+                m_link = Link::Online;
+                m_connectedAt = Clock::now();
+                m_refusedInTurn = 0;
+                m_error = PushConnectionError::None;
+                m_errorText.clear();
+                mosquitto_log_callback_set(m_mosq, nullptr);
             }
         }
         if (online)
@@ -706,12 +706,12 @@ void PushConnection::handleConnack(int code)
 void PushConnection::refuse(PushConnectionError error, std::string text)
 {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (closing_ || link_ != Link::Connecting)
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_closing || m_link != Link::Connecting)
             return;
-        link_ = Link::Refused;
-        error_ = error;
-        errorText_ = std::move(text);
+        m_link = Link::Refused;
+        m_error = error;
+        m_errorText = std::move(text);
     }
     report(false);
 }
@@ -721,20 +721,20 @@ void PushConnection::refuse(PushConnectionError error, std::string text)
 // died meanwhile: what is left stays queued, ahead of anything newer.
 bool PushConnection::drainOutboxLocked()
 {
-    while (outbox_.hasQueued()) {
-        const PushOutbox::Request &next = outbox_.front();
+    while (m_outbox.hasQueued()) {
+        const PushOutbox::Request &next = m_outbox.front();
         const char *topic = next.topic.c_str();
         int mid = 0;
         int rc = MOSQ_ERR_SUCCESS;
         switch (next.kind) {
         case PushOutbox::Request::Kind::Publish:
             rc = mosquitto_publish(
-                mosq_, &mid, topic, static_cast<int>(next.payload.size()), next.payload.data(), next.qos, false);
+                m_mosq, &mid, topic, static_cast<int>(next.payload.size()), next.payload.data(), next.qos, false);
             if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
                 const std::size_t size = PushOutbox::sizeOf(next);
                 const std::uint64_t ticket = next.ticket;
-                outbox_.popFront();
-                outbox_.trackInFlight(mid, size, ticket); // libmosquitto holds it now
+                m_outbox.popFront();
+                m_outbox.trackInFlight(mid, size, ticket); // libmosquitto holds it now
                 if (rc == MOSQ_ERR_NO_CONN)
                     return false;
                 continue;
@@ -747,7 +747,7 @@ bool PushConnection::drainOutboxLocked()
         }
         if (rc == MOSQ_ERR_NO_CONN)
             return false;
-        outbox_.popFront(); // sent, or refused for good by libmosquitto
+        m_outbox.popFront(); // sent, or refused for good by libmosquitto
     }
     return true;
 }
@@ -756,8 +756,8 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
 {
     std::string logged;
     {
-        std::lock_guard<std::mutex> lock(eventMutex_);
-        logged = libraryErrors_;
+        std::lock_guard<std::mutex> lock(m_eventMutex);
+        logged = m_libraryErrors;
     }
     PushConnectionError error = PushConnectionError::Unreachable;
     if (rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_TLS_HANDSHAKE)
@@ -772,8 +772,8 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
     const bool repeatedTls = logged.find("MOSQ_OPT_SSL_CTX_WITH_DEFAULTS") != std::string::npos;
     bool online = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        online = link_ == Link::Online;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        online = m_link == Link::Online;
     }
     if (online) {
         error = PushConnectionError::ConnectionLost; // whatever ended a link that was up
@@ -782,31 +782,31 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
         return;
     }
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (link_ != Link::Connecting && link_ != Link::Online)
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_link != Link::Connecting && m_link != Link::Online)
             return;
-        if (closing_) {
-            link_ = Link::Idle;
+        if (m_closing) {
+            m_link = Link::Idle;
             return;
         }
         const auto now = Clock::now();
-        if (link_ == Link::Online && now - connectedAt_ >= kStableLink)
-            backoff_.reset();
-        outbox_.forgetRequests();
+        if (m_link == Link::Online && now - m_connectedAt >= kStableLink)
+            m_backoff.reset();
+        m_outbox.forgetRequests();
         // Refused by every broker in turn: nothing listens, which the
         // application may want to tell apart from a broker out of reach.
-        const bool refused = link_ == Link::Connecting && rc == MOSQ_ERR_ERRNO && systemError == ECONNREFUSED;
-        refusedInTurn_ = refused ? refusedInTurn_ + 1 : 0;
-        if (refusedInTurn_ >= brokers_.size())
+        const bool refused = m_link == Link::Connecting && rc == MOSQ_ERR_ERRNO && systemError == ECONNREFUSED;
+        m_refusedInTurn = refused ? m_refusedInTurn + 1 : 0;
+        if (m_refusedInTurn >= m_brokers.size())
             error = PushConnectionError::NothingListening;
-        if (!repeatedTls || error_ == PushConnectionError::None) {
-            error_ = error;
-            errorText_ =
-                brokers_[brokerIndex_].host + ":" + std::to_string(brokers_[brokerIndex_].port) + ": " + detail;
+        if (!repeatedTls || m_error == PushConnectionError::None) {
+            m_error = error;
+            m_errorText =
+                m_brokers[m_brokerIndex].host + ":" + std::to_string(m_brokers[m_brokerIndex].port) + ": " + detail;
         }
-        brokerIndex_ = (brokerIndex_ + 1) % brokers_.size(); // failover: the next broker, if any
-        link_ = Link::Waiting;
-        nextAttempt_ = now + backoff_.next();
+        m_brokerIndex = (m_brokerIndex + 1) % m_brokers.size(); // failover: the next broker, if any
+        m_link = Link::Waiting;
+        m_nextAttempt = now + m_backoff.next();
     }
     report(false);
 }
@@ -815,14 +815,14 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
 // deliveries can be redeliveries.
 void PushConnection::deliver(Event &message)
 {
-    if (closing_)
+    if (m_closing)
         return;
-    topics_.restore(message.topic);
-    if (message.qos > 0 && message.length == 0 && repeats_.repeated(message.topic, message.payload, connections_)) {
-        ++repeatsDropped_;
+    m_topics.restore(message.topic);
+    if (message.qos > 0 && message.length == 0 && m_repeats.repeated(message.topic, message.payload, m_connections)) {
+        ++m_repeatsDropped;
         return;
     }
-    if (PushEventReciever *receiver = receiver_.load()) {
+    if (PushEventReciever *receiver = m_receiver.load()) {
         const std::size_t length = message.length != 0 ? message.length : message.payload.size();
         receiver->messgeRecievedMore(message.code, message.topic.data(), message.payload.data(),
             static_cast<int>(length), message.qos, message.retain);
@@ -832,10 +832,10 @@ void PushConnection::deliver(Event &message)
 void PushConnection::report(bool connected)
 {
     const Report now = connected ? Report::Online : Report::Offline;
-    if (closing_ || lastReport_ == now)
+    if (m_closing || m_lastReport == now)
         return;
-    lastReport_ = now;
-    if (PushEventReciever *receiver = receiver_.load())
+    m_lastReport = now;
+    if (PushEventReciever *receiver = m_receiver.load())
         receiver->connectStatus(connected);
 }
 
@@ -844,16 +844,16 @@ void PushConnection::report(bool connected)
 // cleanly so the broker drops the will.
 void PushConnection::shutdown()
 {
-    const auto deadline = Clock::now() + options_.closeTimeout;
+    const auto deadline = Clock::now() + m_options.closeTimeout;
     for (;;) {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (link_ != Link::Online || !outbox_.hasInFlight())
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_link != Link::Online || !m_outbox.hasInFlight())
                 break;
         }
         if (Clock::now() >= deadline)
             break;
-        const int rc = mosquitto_loop(mosq_, 20, 1);
+        const int rc = mosquitto_loop(m_mosq, 20, 1);
         processEvents();
         if (rc != MOSQ_ERR_SUCCESS) {
             handleLinkDown(rc);
@@ -863,14 +863,14 @@ void PushConnection::shutdown()
 
     bool linked = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        linked = link_ == Link::Online || link_ == Link::Connecting;
-        link_ = Link::Idle;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        linked = m_link == Link::Online || m_link == Link::Connecting;
+        m_link = Link::Idle;
     }
     if (linked)
         disconnectCleanly(Clock::now() + kDisconnectFlush);
-    std::lock_guard<std::mutex> lock(eventMutex_);
-    events_.clear();
+    std::lock_guard<std::mutex> lock(m_eventMutex);
+    m_events.clear();
 }
 
 // Sends DISCONNECT so that the broker drops the will, without letting a
@@ -884,17 +884,17 @@ void PushConnection::shutdown()
 //    read until the broker closes its side.
 void PushConnection::disconnectCleanly(Clock::time_point limit)
 {
-    while (Clock::now() < limit && mosquitto_want_write(mosq_)) {
-        if (mosquitto_loop(mosq_, 20, 1) != MOSQ_ERR_SUCCESS)
+    while (Clock::now() < limit && mosquitto_want_write(m_mosq)) {
+        if (mosquitto_loop(m_mosq, 20, 1) != MOSQ_ERR_SUCCESS)
             return;
     }
-    const int socket = mosquitto_socket(mosq_);
+    const int socket = mosquitto_socket(m_mosq);
     if (socket < 0)
         return;
     const int held = ::dup(socket);
-    if (mosquitto_disconnect(mosq_) == MOSQ_ERR_SUCCESS) {
-        while (Clock::now() < limit && mosquitto_loop_write(mosq_, 1) == MOSQ_ERR_SUCCESS) {
-            pollfd writable{ mosquitto_socket(mosq_), POLLOUT, 0 };
+    if (mosquitto_disconnect(m_mosq) == MOSQ_ERR_SUCCESS) {
+        while (Clock::now() < limit && mosquitto_loop_write(m_mosq, 1) == MOSQ_ERR_SUCCESS) {
+            pollfd writable{ mosquitto_socket(m_mosq), POLLOUT, 0 };
             if (writable.fd < 0)
                 break; // DISCONNECT written, libmosquitto closed its descriptor
             ::poll(&writable, 1, 20);

@@ -28,9 +28,9 @@ struct mosquitto_message;
 // mosquitto_loop has returned, so no libmosquitto lock is held during a
 // receiver callback.
 //
-// Locking: mutex_ guards the link state, target, will and outbox, and is held
+// Locking: m_mutex guards the link state, target, will and outbox, and is held
 // across every call that hands a request to libmosquitto (so requests keep
-// their order). eventMutex_ guards only the recorded events and is the one
+// their order). m_eventMutex guards only the recorded events and is the one
 // lock taken inside libmosquitto callbacks; nothing is called while holding
 // it. Neither is held while a receiver callback runs.
 //
@@ -51,9 +51,9 @@ public:
     int unsubscribe(const std::vector<std::string> &filters);
     PushClient::State state() const;
     std::size_t pendingCount() const;
-    std::size_t repeatsDropped() const { return repeatsDropped_; }
-    void setIncomingLimit(std::size_t bytes) { incomingLimit_ = bytes; }
-    void setMaxQos(int qos) { maxQos_ = qos < 0 ? 0 : qos > 2 ? 2 : qos; }
+    std::size_t repeatsDropped() const { return m_repeatsDropped; }
+    void setIncomingLimit(std::size_t bytes) { m_incomingLimit = bytes; }
+    void setMaxQos(int qos) { m_maxQos = qos < 0 ? 0 : qos > 2 ? 2 : qos; }
     std::pair<PushConnectionError, std::string> lastError() const;
 
     // No receiver callback starts after this. Joins the network thread, or,
@@ -137,46 +137,46 @@ private:
     void shutdown();
     void disconnectCleanly(Clock::time_point limit);
 
-    const PushClientOptions options_;
-    mosquitto *mosq_ = nullptr;
-    std::atomic<PushEventReciever *> receiver_{ nullptr };
-    std::atomic<bool> closing_{ false };
-    std::atomic<std::size_t> repeatsDropped_{ 0 };
-    std::atomic<std::size_t> incomingLimit_{ 0 }; // 0: none
-    std::atomic<int> maxQos_{ 2 };                // the deployment's cap on every level
-    int wakeFd_ = -1;                             // eventfd: requests and close() wake the network thread
+    const PushClientOptions m_options;
+    mosquitto *m_mosq = nullptr;
+    std::atomic<PushEventReciever *> m_receiver{ nullptr };
+    std::atomic<bool> m_closing{ false };
+    std::atomic<std::size_t> m_repeatsDropped{ 0 };
+    std::atomic<std::size_t> m_incomingLimit{ 0 }; // 0: none
+    std::atomic<int> m_maxQos{ 2 };                // the deployment's cap on every level
+    int m_wakeFd = -1;                             // eventfd: requests and close() wake the network thread
 
-    mutable std::mutex mutex_;
-    std::condition_variable wake_;
-    Link link_ = Link::Idle;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_wake;
+    Link m_link = Link::Idle;
     // The start target, then the failover brokers; attempts go to
-    // brokers_[brokerIndex_].
-    std::vector<PushBrokerAddress> brokers_;
-    int keepalive_ = 0;
-    std::size_t brokerIndex_ = 0;
-    std::size_t refusedInTurn_ = 0; // attempts in a row whose TCP connection was refused
-    PushConnectionError error_ = PushConnectionError::None;
-    std::string errorText_;
-    std::string settingsError_; // set by the constructor only
-    Will will_;
-    PushOutbox outbox_;
-    PushTopicRestorer topics_; // the filters held (own lock), for brokers that deliver a topic's dots as '/'
-    PushBackoff backoff_;
-    Clock::time_point nextAttempt_;
-    Clock::time_point connectedAt_;
-    Clock::time_point attemptStartedAt_;
-    std::thread thread_;
+    // m_brokers[m_brokerIndex].
+    std::vector<PushBrokerAddress> m_brokers;
+    int m_keepalive = 0;
+    std::size_t m_brokerIndex = 0;
+    std::size_t m_refusedInTurn = 0; // attempts in a row whose TCP connection was refused
+    PushConnectionError m_error = PushConnectionError::None;
+    std::string m_errorText;
+    std::string m_settingsError; // set by the constructor only
+    Will m_will;
+    PushOutbox m_outbox;
+    PushTopicRestorer m_topics; // the filters held (own lock), for brokers that deliver a topic's dots as '/'
+    PushBackoff m_backoff;
+    Clock::time_point m_nextAttempt;
+    Clock::time_point m_connectedAt;
+    Clock::time_point m_attemptStartedAt;
+    std::thread m_thread;
 
-    std::mutex eventMutex_;
-    std::vector<Event> events_;
-    std::string libraryErrors_; // libmosquitto's error log lines since the attempt began
+    std::mutex m_eventMutex;
+    std::vector<Event> m_events;
+    std::string m_libraryErrors; // libmosquitto's error log lines since the attempt began
 
     // Network thread only.
-    std::vector<Event> batch_;
-    Report lastReport_ = Report::None;
-    PushDuplicateFilter repeats_;
-    bool lowerGrantTold_ = false;
-    std::uint64_t connections_ = 0; // connections made; the network thread's alone
+    std::vector<Event> m_batch;
+    Report m_lastReport = Report::None;
+    PushDuplicateFilter m_repeats;
+    bool m_lowerGrantTold = false;
+    std::uint64_t m_connections = 0; // connections made; the network thread's alone
 };
 
 #endif // PUSHCONNECTION_H

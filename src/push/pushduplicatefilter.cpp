@@ -29,11 +29,11 @@ PushDuplicateFilter::Digest PushDuplicateFilter::digestOf(const std::string &top
 
 void PushDuplicateFilter::expire(Clock::time_point now)
 {
-    while (!order_.empty() && (order_.size() > kMaxEntries || now - order_.front().at > kMaxAge)) {
-        const auto it = seen_.find(order_.front().digest);
+    while (!m_order.empty() && (m_order.size() > kMaxEntries || now - m_order.front().at > kMaxAge)) {
+        const auto it = m_seen.find(m_order.front().digest);
         if (--it->second.count == 0)
-            seen_.erase(it);
-        order_.pop_front();
+            m_seen.erase(it);
+        m_order.pop_front();
     }
 }
 
@@ -42,11 +42,11 @@ bool PushDuplicateFilter::repeated(
 {
     expire(now);
     const Digest digest = digestOf(topic, payload);
-    const auto [it, fresh] = seen_.try_emplace(digest, Seen{ connection, 0 });
+    const auto [it, fresh] = m_seen.try_emplace(digest, Seen{ connection, 0 });
     if (!fresh && it->second.firstConnection < connection)
         return true;
     ++it->second.count;
-    order_.push_back({ digest, now });
+    m_order.push_back({ digest, now });
     expire(now);
     return false;
 }

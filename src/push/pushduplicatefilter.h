@@ -34,7 +34,7 @@ public:
     // remembers it and returns false.
     bool repeated(const std::string &topic, const std::string &payload, std::uint64_t connection,
         Clock::time_point now = Clock::now());
-    std::size_t size() const { return order_.size(); }
+    std::size_t size() const { return m_order.size(); }
 
 private:
     struct Digest {
@@ -51,14 +51,14 @@ private:
     };
     struct Seen {
         std::uint64_t firstConnection; // where it was first delivered
-        std::size_t count;             // its entries in order_
+        std::size_t count;             // its entries in m_order
     };
 
     static Digest digestOf(const std::string &topic, const std::string &payload);
     void expire(Clock::time_point now);
 
-    std::deque<Entry> order_;
-    std::unordered_map<Digest, Seen, DigestHash> seen_;
+    std::deque<Entry> m_order;
+    std::unordered_map<Digest, Seen, DigestHash> m_seen;
 };
 
 #endif // PUSHDUPLICATEFILTER_H

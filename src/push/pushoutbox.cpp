@@ -10,7 +10,7 @@ constexpr std::size_t kMaxTrackedMessages = 65000;
 } // namespace
 
 PushOutbox::PushOutbox(std::size_t maxMessages, std::size_t maxBytes)
-    : maxMessages_(std::min(maxMessages, kMaxTrackedMessages)), maxBytes_(maxBytes)
+    : m_maxMessages(std::min(maxMessages, kMaxTrackedMessages)), m_maxBytes(maxBytes)
 { }
 
 std::size_t PushOutbox::sizeOf(const Request &request)
@@ -23,7 +23,7 @@ std::size_t PushOutbox::sizeOf(const Request &request)
 
 bool PushOutbox::hasRoomFor(std::size_t bytes) const
 {
-    return queued_.size() + inFlight_.size() < maxMessages_ && bytes <= maxBytes_ && bytes_ <= maxBytes_ - bytes;
+    return m_queued.size() + m_inFlight.size() < m_maxMessages && bytes <= m_maxBytes && m_bytes <= m_maxBytes - bytes;
 }
 
 bool PushOutbox::enqueue(Request request)
@@ -31,51 +31,51 @@ bool PushOutbox::enqueue(Request request)
     const std::size_t size = sizeOf(request);
     if (!hasRoomFor(size))
         return false;
-    bytes_ += size;
-    queued_.push_back(std::move(request));
+    m_bytes += size;
+    m_queued.push_back(std::move(request));
     return true;
 }
 
 void PushOutbox::popFront()
 {
-    bytes_ -= sizeOf(queued_.front());
-    queued_.pop_front();
+    m_bytes -= sizeOf(m_queued.front());
+    m_queued.pop_front();
 }
 
 void PushOutbox::clearQueued()
 {
-    while (!queued_.empty())
+    while (!m_queued.empty())
         popFront();
 }
 
 void PushOutbox::trackInFlight(int mid, std::size_t bytes, std::uint64_t ticket)
 {
-    auto [it, inserted] = inFlight_.emplace(mid, InFlight{ bytes, ticket });
+    auto [it, inserted] = m_inFlight.emplace(mid, InFlight{ bytes, ticket });
     if (!inserted) {
         // Same id still tracked: the old one can no longer be told apart.
-        bytes_ -= it->second.bytes;
+        m_bytes -= it->second.bytes;
         it->second = { bytes, ticket };
     }
-    bytes_ += bytes;
+    m_bytes += bytes;
 }
 
 std::uint64_t PushOutbox::acknowledge(int mid)
 {
-    auto it = inFlight_.find(mid);
-    if (it == inFlight_.end())
+    auto it = m_inFlight.find(mid);
+    if (it == m_inFlight.end())
         return 0;
     const std::uint64_t ticket = it->second.ticket;
-    bytes_ -= it->second.bytes;
-    inFlight_.erase(it);
+    m_bytes -= it->second.bytes;
+    m_inFlight.erase(it);
     return ticket;
 }
 
 int PushOutbox::answered(int mid)
 {
-    const auto it = requests_.find(mid);
-    if (it == requests_.end())
+    const auto it = m_requests.find(mid);
+    if (it == m_requests.end())
         return -1;
     const int qos = it->second;
-    requests_.erase(it);
+    m_requests.erase(it);
     return qos;
 }

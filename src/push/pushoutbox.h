@@ -40,8 +40,8 @@ public:
     // Queues a request for the next connection; false (nothing queued) when
     // the bound would be exceeded.
     bool enqueue(Request request);
-    bool hasQueued() const { return !queued_.empty(); }
-    const Request &front() const { return queued_.front(); }
+    bool hasQueued() const { return !m_queued.empty(); }
+    const Request &front() const { return m_queued.front(); }
     void popFront();
     void clearQueued();
 
@@ -49,32 +49,32 @@ public:
     void trackInFlight(int mid, std::size_t bytes, std::uint64_t ticket = 0);
     // Broker acknowledged mid: its ticket (0 for none, and for unknown ids).
     std::uint64_t acknowledge(int mid);
-    bool hasInFlight() const { return !inFlight_.empty(); }
+    bool hasInFlight() const { return !m_inFlight.empty(); }
 
     // A SUBSCRIBE (at `qos`) or UNSUBSCRIBE (-1) sent under mid, until
     // answered or forgotten; answered() gives back its level, or -1.
-    void trackRequest(int mid, int qos = -1) { requests_[mid] = qos; }
+    void trackRequest(int mid, int qos = -1) { m_requests[mid] = qos; }
     int answered(int mid);
     // The link went down: requests sent on it will never be answered.
-    void forgetRequests() { requests_.clear(); }
+    void forgetRequests() { m_requests.clear(); }
 
     // Everything pending: queued, in flight, and requests not yet answered.
-    std::size_t count() const { return queued_.size() + inFlight_.size() + requests_.size(); }
-    std::size_t bytes() const { return bytes_; }
+    std::size_t count() const { return m_queued.size() + m_inFlight.size() + m_requests.size(); }
+    std::size_t bytes() const { return m_bytes; }
 
     static std::size_t sizeOf(const Request &request);
 
 private:
-    std::size_t maxMessages_;
-    std::size_t maxBytes_;
-    std::size_t bytes_ = 0;
-    std::deque<Request> queued_;
+    std::size_t m_maxMessages;
+    std::size_t m_maxBytes;
+    std::size_t m_bytes = 0;
+    std::deque<Request> m_queued;
     struct InFlight {
         std::size_t bytes;
         std::uint64_t ticket;
     };
-    std::unordered_map<int, InFlight> inFlight_;
-    std::unordered_map<int, int> requests_; // mid -> level asked for
+    std::unordered_map<int, InFlight> m_inFlight;
+    std::unordered_map<int, int> m_requests; // mid -> level asked for
 };
 
 #endif // PUSHOUTBOX_H

@@ -23,26 +23,26 @@ bool PushTopicRestorer::split(const std::string &filter, Known &known)
 
 void PushTopicRestorer::hold(const std::vector<std::string> &filters)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(m_mutex);
     for (const std::string &filter : filters) {
         Known known;
         if (!split(filter, known))
             continue;
-        held_[known.literal] = known.tail;
+        m_held[known.literal] = known.tail;
         if (known.literal.find('.') != std::string::npos)
-            dotted_[slashed(known.literal)] = known;
+            m_dotted[slashed(known.literal)] = known;
     }
 }
 
 void PushTopicRestorer::release(const std::vector<std::string> &filters)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(m_mutex);
     for (const std::string &filter : filters) {
         Known known;
         if (!split(filter, known))
             continue;
-        held_.erase(known.literal);
-        dotted_.erase(slashed(known.literal));
+        m_held.erase(known.literal);
+        m_dotted.erase(slashed(known.literal));
     }
 }
 
@@ -51,22 +51,22 @@ void PushTopicRestorer::release(const std::vector<std::string> &filters)
 bool PushTopicRestorer::holdsAsIs(const std::string &topic) const
 {
     for (std::size_t end = topic.find('/'); end != std::string::npos; end = topic.find('/', end + 1)) {
-        const auto it = held_.find(topic.substr(0, end));
-        if (it != held_.end() && it->second)
+        const auto it = m_held.find(topic.substr(0, end));
+        if (it != m_held.end() && it->second)
             return true;
     }
-    return held_.count(topic) != 0;
+    return m_held.count(topic) != 0;
 }
 
 bool PushTopicRestorer::restore(std::string &topic) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (dotted_.empty())
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_dotted.empty())
         return false;
     // The longest level prefix that is a dotted filter read with separators.
     for (std::size_t end = topic.size(); end != std::string::npos && end > 0; end = topic.rfind('/', end - 1)) {
-        const auto it = dotted_.find(topic.substr(0, end));
-        if (it == dotted_.end() || (end < topic.size() && !it->second.tail))
+        const auto it = m_dotted.find(topic.substr(0, end));
+        if (it == m_dotted.end() || (end < topic.size() && !it->second.tail))
             continue;
         if (holdsAsIs(topic))
             return false;

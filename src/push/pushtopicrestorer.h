@@ -40,9 +40,9 @@ private:
     static bool split(const std::string &filter, Known &known);
     bool holdsAsIs(const std::string &topic) const;
 
-    mutable std::mutex mutex_;
-    std::unordered_map<std::string, bool> held_;    // literal -> tail, every known filter
-    std::unordered_map<std::string, Known> dotted_; // literal with '.' as '/' -> the filter, filters with a '.'
+    mutable std::mutex m_mutex;
+    std::unordered_map<std::string, bool> m_held;    // literal -> tail, every known filter
+    std::unordered_map<std::string, Known> m_dotted; // literal with '.' as '/' -> the filter, filters with a '.'
 };
 
 #endif // PUSHTOPICRESTORER_H

@@ -24,12 +24,12 @@ std::thread startStdThread(std::function<void()> body)
 } // namespace
 
 RoomNotifier::RoomNotifier(std::size_t maxThreads, std::size_t maxQueued, ThreadStarter starter)
-    : maxThreads_(std::max<std::size_t>(1, maxThreads)), maxQueued_(std::max<std::size_t>(1, maxQueued)),
-      starter_(starter ? std::move(starter) : ThreadStarter(startStdThread))
+    : m_maxThreads(std::max<std::size_t>(1, maxThreads)), m_maxQueued(std::max<std::size_t>(1, maxQueued)),
+      m_starter(starter ? std::move(starter) : ThreadStarter(startStdThread))
 {
     // Room for every worker up front: storing a started thread never
     // reallocates, so it cannot fail and leave a joinable thread behind.
-    workers_.reserve(maxThreads_);
+    m_workers.reserve(m_maxThreads);
 }
 
 RoomNotifier::~RoomNotifier()
@@ -39,73 +39,73 @@ RoomNotifier::~RoomNotifier()
 
 void RoomNotifier::post(Work work)
 {
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (currentWorkerOf != this)
-        spaceFree_.wait(lock, [this] { return queue_.size() < maxQueued_; });
+        m_spaceFree.wait(lock, [this] { return m_queue.size() < m_maxQueued; });
 
-    if (!stopping_) {
-        queue_.push_back(std::move(work));
+    if (!m_stopping) {
+        m_queue.push_back(std::move(work));
         // After a failed start the running workers carry on alone, rather
         // than every later event trying (and logging) again.
         const bool wantWorker =
-            queue_.size() > idle_ && workers_.size() < maxThreads_ && (workers_.empty() || !startFailed_);
-        if (!wantWorker || startWorker() || !workers_.empty()) {
-            workReady_.notify_one();
+            m_queue.size() > m_idle && m_workers.size() < m_maxThreads && (m_workers.empty() || !m_startFailed);
+        if (!wantWorker || startWorker() || !m_workers.empty()) {
+            m_workReady.notify_one();
             return;
         }
         // No thread at all: the work runs here rather than being lost.
-        work = std::move(queue_.back());
-        queue_.pop_back();
+        work = std::move(m_queue.back());
+        m_queue.pop_back();
     }
-    ++running_;
+    ++m_running;
     lock.unlock();
     runGuarded(work);
     work = nullptr;
     lock.lock();
-    --running_;
-    if (queue_.empty() && running_ == 0)
-        allDone_.notify_all();
+    --m_running;
+    if (m_queue.empty() && m_running == 0)
+        m_allDone.notify_all();
 }
 
 bool RoomNotifier::startWorker()
 {
     try {
-        workers_.push_back(starter_([this] { workerLoop(); }));
+        m_workers.push_back(m_starter([this] { workerLoop(); }));
     } catch (const std::system_error &error) {
         qCWarning(lcEngine).noquote() << "[RoomNotifier]: cannot start a notification thread:" << error.what();
-        startFailed_ = true;
+        m_startFailed = true;
         return false;
     }
-    ++idle_; // until it takes its first piece of work
-    peak_ = std::max(peak_, workers_.size());
+    ++m_idle; // until it takes its first piece of work
+    m_peak = std::max(m_peak, m_workers.size());
     return true;
 }
 
 void RoomNotifier::workerLoop()
 {
     currentWorkerOf = this;
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        workReady_.wait(lock, [this] { return !queue_.empty() || stopping_; });
-        if (queue_.empty()) {
-            --idle_;
+        m_workReady.wait(lock, [this] { return !m_queue.empty() || m_stopping; });
+        if (m_queue.empty()) {
+            --m_idle;
             return; // stopping, and nothing left to run
         }
-        Work work = std::move(queue_.front());
-        queue_.pop_front();
-        --idle_;
-        ++running_;
-        spaceFree_.notify_one();
+        Work work = std::move(m_queue.front());
+        m_queue.pop_front();
+        --m_idle;
+        ++m_running;
+        m_spaceFree.notify_one();
         lock.unlock();
 
         runGuarded(work);
         work = nullptr; // the captured copies go before the lock is taken
 
         lock.lock();
-        --running_;
-        ++idle_;
-        if (queue_.empty() && running_ == 0)
-            allDone_.notify_all();
+        --m_running;
+        ++m_idle;
+        if (m_queue.empty() && m_running == 0)
+            m_allDone.notify_all();
     }
 }
 
@@ -122,35 +122,35 @@ void RoomNotifier::runGuarded(const Work &work)
 
 void RoomNotifier::finish()
 {
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (currentWorkerOf == this)
         return; // a worker cannot wait for itself; a later finish() joins
-    allDone_.wait(lock, [this] { return queue_.empty() && running_ == 0; });
-    if (workers_.empty())
+    m_allDone.wait(lock, [this] { return m_queue.empty() && m_running == 0; });
+    if (m_workers.empty())
         return;
-    stopping_ = true;
+    m_stopping = true;
     std::vector<std::thread> stopped;
-    stopped.swap(workers_);
-    workers_.reserve(maxThreads_);
-    workReady_.notify_all();
+    stopped.swap(m_workers);
+    m_workers.reserve(m_maxThreads);
+    m_workReady.notify_all();
     lock.unlock();
 
     for (std::thread &worker : stopped)
         worker.join();
 
     lock.lock();
-    stopping_ = false;
-    startFailed_ = false;
+    m_stopping = false;
+    m_startFailed = false;
 }
 
 std::size_t RoomNotifier::threadCount() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return workers_.size();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_workers.size();
 }
 
 std::size_t RoomNotifier::peakThreadCount() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return peak_;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_peak;
 }

@@ -61,24 +61,24 @@ public:
 
 private:
     void workerLoop();
-    bool startWorker(); // mutex_ held
+    bool startWorker(); // m_mutex held
     static void runGuarded(const Work &work);
 
-    const std::size_t maxThreads_;
-    const std::size_t maxQueued_;
-    const ThreadStarter starter_;
+    const std::size_t m_maxThreads;
+    const std::size_t m_maxQueued;
+    const ThreadStarter m_starter;
 
-    mutable std::mutex mutex_;
-    std::condition_variable workReady_; // work queued, or stopping
-    std::condition_variable spaceFree_; // the queue shrank
-    std::condition_variable allDone_;   // queue empty and no work running
-    std::deque<Work> queue_;
-    std::vector<std::thread> workers_;
-    std::size_t idle_ = 0;
-    std::size_t running_ = 0;
-    std::size_t peak_ = 0;
-    bool stopping_ = false;
-    bool startFailed_ = false; // a start failed since the last finish()
+    mutable std::mutex m_mutex;
+    std::condition_variable m_workReady; // work queued, or stopping
+    std::condition_variable m_spaceFree; // the queue shrank
+    std::condition_variable m_allDone;   // queue empty and no work running
+    std::deque<Work> m_queue;
+    std::vector<std::thread> m_workers;
+    std::size_t m_idle = 0;
+    std::size_t m_running = 0;
+    std::size_t m_peak = 0;
+    bool m_stopping = false;
+    bool m_startFailed = false; // a start failed since the last finish()
 };
 
 #endif // PUSHCHAT_ROOMNOTIFIER_H

@@ -32,7 +32,7 @@ std::uint64_t absorb(std::uint64_t hash, std::string_view text)
 
 } // namespace
 
-KeyFilter::KeyFilter(std::size_t expected) : bits_(std::max<std::size_t>(expected * kBitsPerKey / 64, 1024))
+KeyFilter::KeyFilter(std::size_t expected) : m_bits(std::max<std::size_t>(expected * kBitsPerKey / 64, 1024))
 { }
 
 std::uint64_t KeyFilter::digest(std::string_view conversation, std::string_view sender, std::string_view key)
@@ -50,19 +50,19 @@ std::uint64_t KeyFilter::digest(const QString &conversation, const QString &send
 // Double hashing: probe i is h1 + i * h2, h2 odd so that the probes differ.
 void KeyFilter::add(std::uint64_t digest)
 {
-    const std::uint64_t n = bits_.size() * 64, h2 = mix(digest) | 1;
+    const std::uint64_t n = m_bits.size() * 64, h2 = mix(digest) | 1;
     for (int i = 0; i < kProbes; ++i) {
         const std::uint64_t bit = (digest + std::uint64_t(i) * h2) % n;
-        bits_[bit / 64] |= std::uint64_t(1) << (bit % 64);
+        m_bits[bit / 64] |= std::uint64_t(1) << (bit % 64);
     }
 }
 
 bool KeyFilter::mayContain(std::uint64_t digest) const
 {
-    const std::uint64_t n = bits_.size() * 64, h2 = mix(digest) | 1;
+    const std::uint64_t n = m_bits.size() * 64, h2 = mix(digest) | 1;
     for (int i = 0; i < kProbes; ++i) {
         const std::uint64_t bit = (digest + std::uint64_t(i) * h2) % n;
-        if ((bits_[bit / 64] & (std::uint64_t(1) << (bit % 64))) == 0)
+        if ((m_bits[bit / 64] & (std::uint64_t(1) << (bit % 64))) == 0)
             return false;
     }
     return true;

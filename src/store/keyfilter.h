@@ -28,7 +28,7 @@ public:
     bool mayContain(std::uint64_t digest) const;
 
 private:
-    std::vector<std::uint64_t> bits_;
+    std::vector<std::uint64_t> m_bits;
 };
 
 #endif // PUSHCHAT_KEYFILTER_H

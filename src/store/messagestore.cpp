@@ -79,69 +79,70 @@ struct MessageStore::Job {
     bool ok = false;
 };
 
-MessageStore::MessageStore(bool syncEachCommit) : syncEachCommit_(syncEachCommit), journal_(syncEachCommit)
+MessageStore::MessageStore(bool syncEachCommit) : m_syncEachCommit(syncEachCommit), m_journal(syncEachCommit)
 { }
 
 MessageStore::~MessageStore()
 {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
     }
-    wake_.notify_all();
-    room_.notify_all();
-    if (thread_.joinable())
-        thread_.join();
-    if (filterThread_.joinable())
-        filterThread_.join();
+    m_wake.notify_all();
+    m_room.notify_all();
+    if (m_thread.joinable())
+        m_thread.join();
+    if (m_filterThread.joinable())
+        m_filterThread.join();
 }
 
 bool MessageStore::open(const QString &path)
 {
-    path_ = path;
+    m_path = path;
     QString why;
-    if (!writer_.open(path)) {
-        fail(writer_.error());
+    if (!m_writer.open(path)) {
+        fail(m_writer.error());
         return false;
     }
-    if (!StoreSchema::prepare(writer_, path, &why)) {
-        writer_.close();
+    if (!StoreSchema::prepare(m_writer, path, &why)) {
+        m_writer.close();
         fail(why);
         return false;
     }
-    writer_.exec(syncEachCommit_ ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-    writer_.exec("PRAGMA cache_size=-16384"); // 16 MiB: the indexes' pages of a large store stay at hand
-    insertMessage_ = writer_.prepare(
+    m_writer.exec(m_syncEachCommit ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+    m_writer.exec("PRAGMA cache_size=-16384"); // 16 MiB: the indexes' pages of a large store stay at hand
+    m_insertMessage = m_writer.prepare(
         "INSERT OR IGNORE INTO messages(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
         " outgoing, state) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
-    insertUnindexed_ = writer_.prepare("INSERT INTO unindexed(id) VALUES(?1)");
-    SqliteStatement unindexed = writer_.prepare("SELECT count(*) FROM unindexed");
-    unindexed_ = unindexed.next() ? unindexed.integer(0) : 0;
+    m_insertUnindexed = m_writer.prepare("INSERT INTO unindexed(id) VALUES(?1)");
+    SqliteStatement unindexed = m_writer.prepare("SELECT count(*) FROM unindexed");
+    m_unindexed = unindexed.next() ? unindexed.integer(0) : 0;
     unindexed.reset();
-    SqliteStatement newest = writer_.prepare("SELECT coalesce(max(id), 0) FROM messages");
-    nextId_ = newest.next() ? qint64(newest.integer(0)) : 0;
+    SqliteStatement newest = m_writer.prepare("SELECT coalesce(max(id), 0) FROM messages");
+    m_nextId = newest.next() ? qint64(newest.integer(0)) : 0;
     newest.reset();
-    markSent_ = writer_.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
-    readBack_ = writer_.prepare(
+    m_markSent = m_writer.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
+    m_readBack = m_writer.prepare(
         QByteArray("SELECT $COLUMNS FROM messages m WHERE m.id = ?1").replace("$COLUMNS", kColumns).toStdString());
-    upsertConversation_ = writer_.prepare(
+    m_upsertConversation = m_writer.prepare(
         "INSERT INTO conversations(conv, last_id, last_at, unread) VALUES(?1, ?2, ?4, ?3) ON CONFLICT(conv) DO UPDATE"
         " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
         " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
-    if (!insertMessage_.valid() || !insertUnindexed_.valid() || !upsertConversation_.valid() || !markSent_.valid() ||
-        !readBack_.valid() || !reader_.open(path, false) || !reader_.exec("PRAGMA query_only=1") ||
-        !(readerKnownKey_ = reader_.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
-                                            " AND msg_key <> ''"))
+    if (!m_insertMessage.valid() || !m_insertUnindexed.valid() || !m_upsertConversation.valid() ||
+        !m_markSent.valid() || !m_readBack.valid() || !m_reader.open(path, false) ||
+        !m_reader.exec("PRAGMA query_only=1") ||
+        !(m_readerKnownKey = m_reader.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
+                                              " AND msg_key <> ''"))
              .valid()) {
-        fail(QStringLiteral("cannot use %1: %2").arg(path, reader_.isOpen() ? writer_.error() : reader_.error()));
-        writer_.close();
+        fail(QStringLiteral("cannot use %1: %2").arg(path, m_reader.isOpen() ? m_writer.error() : m_reader.error()));
+        m_writer.close();
         return false;
     }
     if (!recoverOutbox())
         return false;
-    filter_ = KeyFilter(std::size_t(std::max<qint64>(2 * nextId_, 1 << 18)));
-    thread_ = std::thread([this] { run(); });
-    filterThread_ = std::thread([this] { fillFilter(); });
+    m_filter = KeyFilter(std::size_t(std::max<qint64>(2 * m_nextId, 1 << 18)));
+    m_thread = std::thread([this] { run(); });
+    m_filterThread = std::thread([this] { fillFilter(); });
     return true;
 }
 
@@ -151,21 +152,21 @@ bool MessageStore::open(const QString &path)
 bool MessageStore::recoverOutbox()
 {
     std::vector<StoredMessage> found;
-    bool ok = journal_.open(path_, &found);
+    bool ok = m_journal.open(m_path, &found);
     if (ok && !found.empty()) {
-        ok = writer_.exec("BEGIN IMMEDIATE");
+        ok = m_writer.exec("BEGIN IMMEDIATE");
         for (const StoredMessage &m : found) {
             qint64 id = 0;
             ok = ok && insert(m, &id);
-            nextId_ = std::max(nextId_, m.id);
+            m_nextId = std::max(m_nextId, m.id);
         }
         ok = ok && commit();
         qCInfo(lcStore) << "recovered" << found.size() << "messages from the outbox";
     }
-    if (!(ok && journal_.clear(0) && journal_.clear(1))) {
+    if (!(ok && m_journal.clear(0) && m_journal.clear(1))) {
         fail(QStringLiteral("cannot use the outbox of %1: %2")
-                 .arg(path_, journal_.error().isEmpty() ? writer_.error() : journal_.error()));
-        writer_.close();
+                 .arg(m_path, m_journal.error().isEmpty() ? m_writer.error() : m_journal.error()));
+        m_writer.close();
         return false;
     }
     return true;
@@ -173,16 +174,16 @@ bool MessageStore::recoverOutbox()
 
 QString MessageStore::error() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return error_;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_error;
 }
 
 void MessageStore::fail(const QString &what) const
 {
     qCWarning(lcStore).noquote() << "message store:" << what;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        error_ = what;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_error = what;
     }
     if (onFailed)
         onFailed(what);
@@ -197,23 +198,23 @@ std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work, bool awaited)
     job->awaited = awaited;
     bool wake = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!thread_.joinable() || stopping_)
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_thread.joinable() || m_stopping)
             return nullptr;
         wake = enqueueLocked(job);
     }
     if (wake)
-        wake_.notify_one();
+        m_wake.notify_one();
     return job;
 }
 
-// With mutex_ held, before more work is added: true, and the gathering's
+// With m_mutex held, before more work is added: true, and the gathering's
 // clock started, when the thread has nothing to do.
 bool MessageStore::startGatheringLocked()
 {
-    const bool idle = jobs_.empty() && !moveDue_;
+    const bool idle = m_jobs.empty() && !m_moveDue;
     if (idle)
-        gatherSinceMs_ = steadyMs();
+        m_gatherSinceMs = steadyMs();
     return idle;
 }
 
@@ -223,34 +224,34 @@ bool MessageStore::startGatheringLocked()
 bool MessageStore::enqueueLocked(const std::shared_ptr<Job> &job)
 {
     const bool idle = startGatheringLocked();
-    jobs_.push_back(job);
-    awaited_ += job->awaited;
-    return idle || job->awaited || jobs_.size() == std::size_t(kBatch);
+    m_jobs.push_back(job);
+    m_awaited += job->awaited;
+    return idle || job->awaited || m_jobs.size() == std::size_t(kBatch);
 }
 
 bool MessageStore::waitFor(const std::shared_ptr<Job> &job)
 {
     if (job == nullptr)
         return false;
-    std::unique_lock<std::mutex> lock(mutex_);
-    done_.wait(lock, [&] { return job->done; });
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_done.wait(lock, [&] { return job->done; });
     return job->ok;
 }
 
-// Writes are taken from the queue only with writerMutex_ held, so that
+// Writes are taken from the queue only with m_writerMutex held, so that
 // they are committed in the order they were queued, recordSent's included.
 std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_t most)
 {
     std::deque<std::shared_ptr<Job>> batch;
-    std::lock_guard<std::mutex> lock(mutex_);
-    while (!jobs_.empty() && batch.size() < most) {
-        batch.push_back(std::move(jobs_.front()));
-        jobs_.pop_front();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    while (!m_jobs.empty() && batch.size() < most) {
+        batch.push_back(std::move(m_jobs.front()));
+        m_jobs.pop_front();
     }
     for (const auto &job : batch)
-        awaited_ -= job->awaited;
-    gatherSinceMs_ = steadyMs();
-    room_.notify_all();
+        m_awaited -= job->awaited;
+    m_gatherSinceMs = steadyMs();
+    m_room.notify_all();
     return batch;
 }
 
@@ -264,40 +265,40 @@ void MessageStore::run()
             Index
         } next = Batch;
         {
-            std::unique_lock<std::mutex> lock(mutex_);
-            const auto due = [&] { return retentionDueMs_ >= 0 && steadyMs() >= retentionDueMs_; };
-            const auto quiet = [&] { return unindexed_ > 0 && steadyMs() >= wroteMs + kIndexQuietMs; };
-            while (!stopping_ && jobs_.empty() && !moveDue_ && !due() && !quiet()) {
-                std::int64_t until = retentionDueMs_;
-                if (unindexed_ > 0 && (until < 0 || wroteMs + kIndexQuietMs < until))
+            std::unique_lock<std::mutex> lock(m_mutex);
+            const auto due = [&] { return m_retentionDueMs >= 0 && steadyMs() >= m_retentionDueMs; };
+            const auto quiet = [&] { return m_unindexed > 0 && steadyMs() >= wroteMs + kIndexQuietMs; };
+            while (!m_stopping && m_jobs.empty() && !m_moveDue && !due() && !quiet()) {
+                std::int64_t until = m_retentionDueMs;
+                if (m_unindexed > 0 && (until < 0 || wroteMs + kIndexQuietMs < until))
                     until = wroteMs + kIndexQuietMs;
                 if (until < 0)
-                    wake_.wait(lock);
+                    m_wake.wait(lock);
                 else
-                    wake_.wait_for(lock, std::chrono::milliseconds(until - steadyMs()));
+                    m_wake.wait_for(lock, std::chrono::milliseconds(until - steadyMs()));
             }
             // Writes nobody waits for gather for a while: one commit for many.
             const auto gathered = [&] {
-                return stopping_ || awaited_ > 0 || jobs_.size() >= std::size_t(kBatch) ||
-                       steadyMs() >= gatherSinceMs_ + kGatherMs;
+                return m_stopping || m_awaited > 0 || m_jobs.size() >= std::size_t(kBatch) ||
+                       steadyMs() >= m_gatherSinceMs + kGatherMs;
             };
-            while ((!jobs_.empty() || moveDue_) && !gathered())
-                wake_.wait_for(lock, std::chrono::milliseconds(gatherSinceMs_ + kGatherMs - steadyMs()));
-            if (jobs_.empty() && !moveDue_ && stopping_)
+            while ((!m_jobs.empty() || m_moveDue) && !gathered())
+                m_wake.wait_for(lock, std::chrono::milliseconds(m_gatherSinceMs + kGatherMs - steadyMs()));
+            if (m_jobs.empty() && !m_moveDue && m_stopping)
                 return;
-            if (jobs_.empty() && !moveDue_)
+            if (m_jobs.empty() && !m_moveDue)
                 next = due() ? Retention : Index;
-            moveDue_ = false;
+            m_moveDue = false;
         }
         if (next == Batch) {
             std::vector<StoredMessage> changed;
             {
-                std::lock_guard<std::mutex> lock(writerMutex_);
+                std::lock_guard<std::mutex> lock(m_writerMutex);
                 std::deque<std::shared_ptr<Job>> batch = takeJobs(kBatch);
                 commitBatch(batch, &changed);
                 // A backlog that writes without a pause would let grow is
                 // indexed between batches.
-                if (unindexed_ >= kIndexBacklog)
+                if (m_unindexed >= kIndexBacklog)
                     indexPass();
             }
             wroteMs = steadyMs();
@@ -305,55 +306,55 @@ void MessageStore::run()
             continue;
         }
         if (next == Index) {
-            std::lock_guard<std::mutex> lock(writerMutex_);
+            std::lock_guard<std::mutex> lock(m_writerMutex);
             if (!indexPass())
                 wroteMs = steadyMs(); // tried again after the next quiet spell
             continue;
         }
         bool more = false;
         {
-            std::lock_guard<std::mutex> lock(writerMutex_);
+            std::lock_guard<std::mutex> lock(m_writerMutex);
             more = retentionPass();
         }
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (retentionDueMs_ >= 0)
-            retentionDueMs_ = steadyMs() + (more ? 0 : kRetentionEveryMs);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_retentionDueMs >= 0)
+            m_retentionDueMs = steadyMs() + (more ? 0 : kRetentionEveryMs);
     }
 }
 
 bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed)
 {
     Moving moving;
-    bool ok = writer_.exec("BEGIN IMMEDIATE") && moveOutbox(&moving);
+    bool ok = m_writer.exec("BEGIN IMMEDIATE") && moveOutbox(&moving);
     for (const auto &job : batch) {
         job->ok = ok && job->work(*job);
         ok = ok && job->ok;
     }
     ok = ok && commit();
     if (!ok)
-        fail(QStringLiteral("cannot write to %1: %2").arg(path_, writer_.error()));
+        fail(QStringLiteral("cannot write to %1: %2").arg(m_path, m_writer.error()));
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(m_mutex);
         for (const auto &job : batch) {
             job->ok = job->ok && ok;
             job->done = true;
             if (!job->dedupKey.isEmpty())
-                queuedKeys_.erase(job->dedupKey);
+                m_queuedKeys.erase(job->dedupKey);
         }
     }
     settleOutbox(moving, ok, changed);
-    done_.notify_all();
+    m_done.notify_all();
     if (!ok || !onChanged)
         return ok;
     for (const auto &job : batch) {
         changed->insert(changed->end(), job->recorded.begin(), job->recorded.end());
         for (const qint64 id : job->touched) {
-            readBack_.reset();
-            if (readBack_.bind(1, std::int64_t(id)).next())
-                changed->push_back(messageAt(readBack_));
+            m_readBack.reset();
+            if (m_readBack.bind(1, std::int64_t(id)).next())
+                changed->push_back(messageAt(m_readBack));
         }
     }
-    readBack_.reset();
+    m_readBack.reset();
     return ok;
 }
 
@@ -367,7 +368,7 @@ void MessageStore::tell(const std::vector<StoredMessage> &changed) const
 
 void MessageStore::collect(const char *sql, const QString &value, std::vector<qint64> *ids)
 {
-    SqliteStatement rows = writer_.prepare(sql);
+    SqliteStatement rows = m_writer.prepare(sql);
     rows.bind(1, value);
     while (rows.next())
         ids->push_back(rows.integer(0));
@@ -375,25 +376,25 @@ void MessageStore::collect(const char *sql, const QString &value, std::vector<qi
 
 bool MessageStore::insert(const StoredMessage &m, qint64 *id)
 {
-    SqliteStatement &s = insertMessage_;
+    SqliteStatement &s = m_insertMessage;
     bindFields(s, m);
     s.bind(10, m.outgoing ? 1 : 0).bind(11, int(m.state)).bind(12, std::int64_t(m.id));
     if (!s.run())
         return false;
     *id = 0;
-    if (writer_.changes() == 0)
+    if (m_writer.changes() == 0)
         return true; // already stored
     *id = m.id;
-    ConversationDue &due = conversationsDue_[m.conversation];
+    ConversationDue &due = m_conversationsDue[m.conversation];
     if (due.lastId == 0 || m.time >= due.lastAt) {
         due.lastId = m.id;
         due.lastAt = m.time;
     }
     due.unread += m.state == StoredState::Received;
-    insertUnindexed_.reset();
-    if (!insertUnindexed_.bind(1, std::int64_t(*id)).run())
+    m_insertUnindexed.reset();
+    if (!m_insertUnindexed.bind(1, std::int64_t(*id)).run())
         return false;
-    ++unindexed_;
+    ++m_unindexed;
     return true;
 }
 
@@ -402,18 +403,18 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
 bool MessageStore::commit()
 {
     bool ok = true;
-    for (const auto &[conversation, due] : conversationsDue_) {
-        upsertConversation_.reset();
-        ok = ok && upsertConversation_.bind(1, conversation)
+    for (const auto &[conversation, due] : m_conversationsDue) {
+        m_upsertConversation.reset();
+        ok = ok && m_upsertConversation.bind(1, conversation)
                        .bind(2, std::int64_t(due.lastId))
                        .bind(3, due.unread)
                        .bind(4, std::int64_t(due.lastAt))
                        .run();
     }
-    conversationsDue_.clear();
-    if (ok && writer_.exec("COMMIT"))
+    m_conversationsDue.clear();
+    if (ok && m_writer.exec("COMMIT"))
         return true;
-    writer_.exec("ROLLBACK");
+    m_writer.exec("ROLLBACK");
     return false;
 }
 
@@ -422,24 +423,24 @@ bool MessageStore::commit()
 bool MessageStore::indexSome(int most)
 {
     const char *const kSome = "(SELECT id FROM unindexed ORDER BY id LIMIT ?1)";
-    const bool ok = writer_
+    const bool ok = m_writer
                         .prepare(std::string("INSERT INTO search(rowid, words) SELECT id, search_words(body)"
                                              " FROM messages WHERE id IN ") +
                                  kSome)
                         .bind(1, most)
                         .run() &&
-                    writer_.prepare(std::string("DELETE FROM unindexed WHERE id IN ") + kSome).bind(1, most).run();
+                    m_writer.prepare(std::string("DELETE FROM unindexed WHERE id IN ") + kSome).bind(1, most).run();
     if (ok)
-        unindexed_ = writer_.changes() < most ? 0 : std::max<qint64>(0, unindexed_ - writer_.changes());
+        m_unindexed = m_writer.changes() < most ? 0 : std::max<qint64>(0, m_unindexed - m_writer.changes());
     return ok;
 }
 
 // One transaction of indexing.
 bool MessageStore::indexPass()
 {
-    if (writer_.exec("BEGIN IMMEDIATE") && indexSome(kIndexBatch) && commit())
+    if (m_writer.exec("BEGIN IMMEDIATE") && indexSome(kIndexBatch) && commit())
         return true;
-    fail(QStringLiteral("cannot index %1: %2").arg(path_, writer_.error()));
+    fail(QStringLiteral("cannot index %1: %2").arg(m_path, m_writer.error()));
     return false;
 }
 
@@ -451,9 +452,9 @@ bool MessageStore::indexPass()
 bool MessageStore::moveOutbox(Moving *moving)
 {
     {
-        std::lock_guard<std::mutex> lock(outboxMutex_);
-        moving->rows.swap(unmoved_);
-        moving->file = journal_.rotate();
+        std::lock_guard<std::mutex> lock(m_outboxMutex);
+        moving->rows.swap(m_unmoved);
+        moving->file = m_journal.rotate();
     }
     for (const StoredMessage &m : moving->rows) {
         qint64 id = 0;
@@ -468,18 +469,18 @@ bool MessageStore::moveOutbox(Moving *moving)
 // one, before those sent since.
 void MessageStore::settleOutbox(Moving &moving, bool committed, std::vector<StoredMessage> *changed)
 {
-    std::lock_guard<std::mutex> lock(outboxMutex_);
+    std::lock_guard<std::mutex> lock(m_outboxMutex);
     if (!committed) {
-        unmoved_.insert(
-            unmoved_.begin(), std::make_move_iterator(moving.rows.begin()), std::make_move_iterator(moving.rows.end()));
+        m_unmoved.insert(m_unmoved.begin(), std::make_move_iterator(moving.rows.begin()),
+            std::make_move_iterator(moving.rows.end()));
         return;
     }
-    if (!journal_.clear(moving.file))
-        qCWarning(lcStore).noquote() << "message store:" << journal_.error(); // moved again at the next opening
-    std::lock_guard<std::mutex> guard(mutex_);
-    outboxRows_ -= int(moving.rows.size());
+    if (!m_journal.clear(moving.file))
+        qCWarning(lcStore).noquote() << "message store:" << m_journal.error(); // moved again at the next opening
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_outboxRows -= int(moving.rows.size());
     for (StoredMessage &m : moving.rows) {
-        queuedKeys_.erase(dedupKey(m));
+        m_queuedKeys.erase(dedupKey(m));
         if (m.state == StoredState::Sent) // acknowledged before it was moved
             changed->push_back(std::move(m));
     }
@@ -489,28 +490,28 @@ bool MessageStore::forget(qint64 id)
 {
     // A message not yet indexed leaves the list; one indexed, the index
     // (which must be told the words it was given).
-    if (!writer_.prepare("DELETE FROM unindexed WHERE id = ?1").bind(1, std::int64_t(id)).run())
+    if (!m_writer.prepare("DELETE FROM unindexed WHERE id = ?1").bind(1, std::int64_t(id)).run())
         return false;
-    if (writer_.changes() > 0)
-        --unindexed_;
-    return (writer_.changes() > 0 || writer_
-                                         .prepare("INSERT INTO search(search, rowid, words)"
-                                                  " SELECT 'delete', id, search_words(body) FROM messages"
-                                                  " WHERE id = ?1")
-                                         .bind(1, std::int64_t(id))
-                                         .run()) &&
-           writer_.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
+    if (m_writer.changes() > 0)
+        --m_unindexed;
+    return (m_writer.changes() > 0 || m_writer
+                                          .prepare("INSERT INTO search(search, rowid, words)"
+                                                   " SELECT 'delete', id, search_words(body) FROM messages"
+                                                   " WHERE id = ?1")
+                                          .bind(1, std::int64_t(id))
+                                          .run()) &&
+           m_writer.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
 }
 
 bool MessageStore::recount(const QString &conversation)
 {
-    return writer_
+    return m_writer
                .prepare(
                    "DELETE FROM conversations WHERE conv = ?1"
                    " AND NOT EXISTS (SELECT 1 FROM messages WHERE conv = ?1)")
                .bind(1, conversation)
                .run() &&
-           writer_
+           m_writer
                .prepare(
                    "UPDATE conversations SET (last_id, last_at) = (SELECT id, at FROM messages WHERE conv = ?1"
                    " ORDER BY at DESC, id DESC LIMIT 1),"
@@ -527,20 +528,20 @@ bool MessageStore::retentionPass()
     qint64 maxAge;
     int maxPerConversation;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        maxAge = maxAgeMs_;
-        maxPerConversation = maxPerConversation_;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        maxAge = m_maxAgeMs;
+        maxPerConversation = m_maxPerConversation;
     }
     std::map<qint64, QString> doomed; // id -> conversation
     if (maxAge > 0) {
-        SqliteStatement old = writer_.prepare("SELECT id, conv FROM messages WHERE at < ?1 AND state <> 0 LIMIT ?2");
+        SqliteStatement old = m_writer.prepare("SELECT id, conv FROM messages WHERE at < ?1 AND state <> 0 LIMIT ?2");
         old.bind(1, std::int64_t(QDateTime::currentMSecsSinceEpoch() - maxAge)).bind(2, kRetentionBatch);
         while (old.next())
             doomed.emplace(old.integer(0), old.text(1));
     }
     if (maxPerConversation > 0) {
-        SqliteStatement conversations = writer_.prepare("SELECT conv FROM conversations");
-        SqliteStatement surplus = writer_.prepare(
+        SqliteStatement conversations = m_writer.prepare("SELECT conv FROM conversations");
+        SqliteStatement surplus = m_writer.prepare(
             "SELECT id FROM messages WHERE conv = ?1 AND state <> 0 ORDER BY at DESC, id DESC LIMIT ?2 OFFSET ?3");
         while (conversations.next() && int(doomed.size()) < kRetentionBatch) {
             const QString conversation = conversations.text(0);
@@ -552,7 +553,7 @@ bool MessageStore::retentionPass()
     }
     if (doomed.empty())
         return false;
-    bool ok = writer_.exec("BEGIN IMMEDIATE");
+    bool ok = m_writer.exec("BEGIN IMMEDIATE");
     std::set<QString> touched;
     for (const auto &[id, conversation] : doomed) {
         ok = ok && forget(id);
@@ -561,7 +562,7 @@ bool MessageStore::retentionPass()
     for (const QString &conversation : touched)
         ok = ok && recount(conversation);
     if (!(ok && commit())) {
-        fail(QStringLiteral("cannot apply the retention to %1: %2").arg(path_, writer_.error()));
+        fail(QStringLiteral("cannot apply the retention to %1: %2").arg(m_path, m_writer.error()));
         return false;
     }
     qCDebug(lcStore) << "retention removed" << doomed.size() << "messages";
@@ -578,39 +579,39 @@ qint64 MessageStore::recordSent(StoredMessage message)
     const std::uint64_t digest = KeyFilter::digest(message.conversation, message.sender, message.key);
     bool maybe = true;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!thread_.joinable() || stopping_)
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_thread.joinable() || m_stopping)
             return 0;
-        if (!queuedKeys_.insert(key).second)
+        if (!m_queuedKeys.insert(key).second)
             return -1; // reserved while it is written
         maybe = mayBeStoredLocked(digest);
-        filter_.add(digest);
-        message.id = ++nextId_;
+        m_filter.add(digest);
+        message.id = ++m_nextId;
     }
     // Written on the caller's thread, into the outbox alone, a file of its
     // own: a send waits for one append, never for the store's thread.
     const bool known = maybe && keyStored(message);
     bool ok = false, wake = false;
     {
-        std::lock_guard<std::mutex> lock(outboxMutex_);
-        ok = !known && journal_.append(message);
+        std::lock_guard<std::mutex> lock(m_outboxMutex);
+        ok = !known && m_journal.append(message);
         if (ok)
-            unmoved_.push_back(message);
+            m_unmoved.push_back(message);
         else if (!known)
-            fail(journal_.error());
-        std::lock_guard<std::mutex> guard(mutex_);
+            fail(m_journal.error());
+        std::lock_guard<std::mutex> guard(m_mutex);
         if (ok) {
-            ++outboxRows_;
+            ++m_outboxRows;
             wake = startGatheringLocked();
-            moveDue_ = true;
+            m_moveDue = true;
         } else {
-            queuedKeys_.erase(key);
+            m_queuedKeys.erase(key);
         }
     }
     if (!ok)
         return known ? -1 : 0;
     if (wake)
-        wake_.notify_one();
+        m_wake.notify_one();
     if (onChanged)
         onChanged(message);
     return message.id;
@@ -618,7 +619,7 @@ qint64 MessageStore::recordSent(StoredMessage message)
 
 bool MessageStore::mayBeStoredLocked(std::uint64_t digest) const
 {
-    return !filterReady_ || filter_.mayContain(digest);
+    return !m_filterReady || m_filter.mayContain(digest);
 }
 
 // The keys already stored, into the filter, a thousand at a time, on a
@@ -629,7 +630,7 @@ void MessageStore::fillFilter()
 {
     ::setpriority(PRIO_PROCESS, ::gettid(), 19);
     SqliteDatabase db;
-    if (!db.open(path_, false))
+    if (!db.open(m_path, false))
         return;
     SqliteStatement rows = db.prepare("SELECT conv, sender, msg_key FROM messages WHERE msg_key <> ''");
     std::vector<std::uint64_t> digests;
@@ -639,14 +640,14 @@ void MessageStore::fillFilter()
             digests.push_back(KeyFilter::digest(rows.utf8(0), rows.utf8(1), rows.utf8(2)));
         if (more && digests.size() < 1024)
             continue;
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(m_mutex);
         for (const std::uint64_t digest : digests)
-            filter_.add(digest);
+            m_filter.add(digest);
         digests.clear();
-        if (stopping_)
+        if (m_stopping)
             return;
         if (!more) {
-            filterReady_ = rows.result() == SQLITE_DONE;
+            m_filterReady = rows.result() == SQLITE_DONE;
             return;
         }
     }
@@ -654,10 +655,10 @@ void MessageStore::fillFilter()
 
 bool MessageStore::keyStored(const StoredMessage &message)
 {
-    std::lock_guard<std::mutex> lock(readerMutex_);
+    std::lock_guard<std::mutex> lock(m_readerMutex);
     const bool known =
-        readerKnownKey_.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
-    readerKnownKey_.reset(); // ends its read: the reader sees later commits
+        m_readerKnownKey.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
+    m_readerKnownKey.reset(); // ends its read: the reader sees later commits
     return known;
 }
 
@@ -669,8 +670,8 @@ bool MessageStore::recordReceived(const StoredMessage &message)
     if (!key.isEmpty()) {
         bool maybe = true;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (queuedKeys_.count(key) != 0)
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_queuedKeys.count(key) != 0)
                 return false;
             maybe = mayBeStoredLocked(digest);
         }
@@ -688,21 +689,21 @@ bool MessageStore::recordReceived(const StoredMessage &message)
         return ok;
     };
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!key.isEmpty() && !queuedKeys_.insert(key).second)
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!key.isEmpty() && !m_queuedKeys.insert(key).second)
             return false;
         if (!key.isEmpty())
-            filter_.add(digest);
-        if (!thread_.joinable() || stopping_)
+            m_filter.add(digest);
+        if (!m_thread.joinable() || m_stopping)
             return true;
-        job->id = ++nextId_; // the order of arrival
+        job->id = ++m_nextId; // the order of arrival
         wake = enqueueLocked(job);
     }
     if (wake)
-        wake_.notify_one();
+        m_wake.notify_one();
     // Back-pressure: arrivals faster than the disk wait here, not in memory.
-    std::unique_lock<std::mutex> lock(mutex_);
-    room_.wait(lock, [&] { return stopping_ || jobs_.size() < std::size_t(kMaxQueued); });
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_room.wait(lock, [&] { return m_stopping || m_jobs.size() < std::size_t(kMaxQueued); });
     return true;
 }
 
@@ -710,18 +711,18 @@ void MessageStore::markSent(qint64 id)
 {
     {
         // Acknowledged before the store's thread moved it: moved as sent.
-        std::lock_guard<std::mutex> lock(outboxMutex_);
+        std::lock_guard<std::mutex> lock(m_outboxMutex);
         const auto m =
-            std::find_if(unmoved_.begin(), unmoved_.end(), [id](const StoredMessage &m) { return m.id == id; });
-        if (m != unmoved_.end()) {
+            std::find_if(m_unmoved.begin(), m_unmoved.end(), [id](const StoredMessage &m) { return m.id == id; });
+        if (m != m_unmoved.end()) {
             m->state = StoredState::Sent;
             return;
         }
     }
     queue([this, id](Job &job) {
-        markSent_.reset();
-        const bool ok = markSent_.bind(1, std::int64_t(id)).run();
-        if (writer_.changes() > 0)
+        m_markSent.reset();
+        const bool ok = m_markSent.bind(1, std::int64_t(id)).run();
+        if (m_writer.changes() > 0)
             job.touched.push_back(id);
         return ok;
     });
@@ -732,7 +733,7 @@ void MessageStore::markReadByPeer(const QString &key)
     queue([this, key](Job &job) {
         collect("SELECT id FROM messages WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1", key,
             &job.touched);
-        return writer_
+        return m_writer
             .prepare(
                 "UPDATE messages SET state = 3 WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1")
             .bind(1, key)
@@ -744,17 +745,17 @@ QStringList MessageStore::markConversationRead(const QString &conversation)
 {
     auto job = queue(
         [this, conversation](Job &job) {
-            SqliteStatement unread = writer_.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
+            SqliteStatement unread = m_writer.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
             unread.bind(1, conversation);
             while (unread.next()) {
                 job.touched.push_back(unread.integer(0));
                 if (unread.bytes(1) > 0)
                     job.keys << unread.text(1);
             }
-            return writer_.prepare("UPDATE messages SET state = 3 WHERE conv = ?1 AND state = 2")
+            return m_writer.prepare("UPDATE messages SET state = 3 WHERE conv = ?1 AND state = 2")
                        .bind(1, conversation)
                        .run() &&
-                   writer_.prepare("UPDATE conversations SET unread = 0 WHERE conv = ?1").bind(1, conversation).run();
+                   m_writer.prepare("UPDATE conversations SET unread = 0 WHERE conv = ?1").bind(1, conversation).run();
         },
         true);
     return waitFor(job) ? job->keys : QStringList();
@@ -763,12 +764,12 @@ QStringList MessageStore::markConversationRead(const QString &conversation)
 void MessageStore::setRetention(qint64 maxAgeMs, int maxPerConversation)
 {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        maxAgeMs_ = std::max<qint64>(0, maxAgeMs);
-        maxPerConversation_ = std::max(0, maxPerConversation);
-        retentionDueMs_ = maxAgeMs_ > 0 || maxPerConversation_ > 0 ? steadyMs() : -1;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_maxAgeMs = std::max<qint64>(0, maxAgeMs);
+        m_maxPerConversation = std::max(0, maxPerConversation);
+        m_retentionDueMs = m_maxAgeMs > 0 || m_maxPerConversation > 0 ? steadyMs() : -1;
     }
-    wake_.notify_one();
+    m_wake.notify_one();
 }
 
 bool MessageStore::flush()
@@ -781,15 +782,15 @@ bool MessageStore::flush()
 QList<StoredMessage> MessageStore::select(const char *sql, const std::function<void(SqliteStatement &)> &bind) const
 {
     QList<StoredMessage> out;
-    std::lock_guard<std::mutex> lock(readerMutex_);
-    if (!reader_.isOpen())
+    std::lock_guard<std::mutex> lock(m_readerMutex);
+    if (!m_reader.isOpen())
         return out;
-    SqliteStatement statement = reader_.prepare(QByteArray(sql).replace("$COLUMNS", kColumns).toStdString());
+    SqliteStatement statement = m_reader.prepare(QByteArray(sql).replace("$COLUMNS", kColumns).toStdString());
     bind(statement);
     while (statement.next())
         out << messageAt(statement);
     if (statement.result() != SQLITE_DONE)
-        fail(QStringLiteral("cannot read %1: %2").arg(path_, reader_.error()));
+        fail(QStringLiteral("cannot read %1: %2").arg(m_path, m_reader.error()));
     return out;
 }
 
@@ -797,8 +798,8 @@ void MessageStore::settle()
 {
     bool queued = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        queued = outboxRows_ > 0 || !jobs_.empty();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        queued = m_outboxRows > 0 || !m_jobs.empty();
     }
     if (queued)
         flush();
@@ -813,23 +814,23 @@ QList<StoredMessage> MessageStore::pending(qint64 afterId, int limit)
 
 int MessageStore::pendingCount() const
 {
-    std::lock_guard<std::mutex> lock(readerMutex_);
-    SqliteStatement count = reader_.prepare("SELECT count(*) FROM messages WHERE state = 0");
+    std::lock_guard<std::mutex> lock(m_readerMutex);
+    SqliteStatement count = m_reader.prepare("SELECT count(*) FROM messages WHERE state = 0");
     const int stored = count.next() ? int(count.integer(0)) : 0;
-    std::lock_guard<std::mutex> guard(mutex_);
-    return stored + outboxRows_;
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return stored + m_outboxRows;
 }
 
 QList<StoredConversation> MessageStore::conversations()
 {
     settle();
     QList<StoredConversation> out;
-    std::lock_guard<std::mutex> lock(readerMutex_);
+    std::lock_guard<std::mutex> lock(m_readerMutex);
     SqliteStatement rows =
-        reader_.prepare(QByteArray("SELECT c.unread, $COLUMNS FROM conversations c JOIN messages m ON m.id = c.last_id"
-                                   " ORDER BY c.last_at DESC, c.last_id DESC")
-                            .replace("$COLUMNS", kColumns)
-                            .toStdString());
+        m_reader.prepare(QByteArray("SELECT c.unread, $COLUMNS FROM conversations c JOIN messages m ON m.id = c.last_id"
+                                    " ORDER BY c.last_at DESC, c.last_id DESC")
+                             .replace("$COLUMNS", kColumns)
+                             .toStdString());
     while (rows.next()) {
         StoredConversation c;
         c.unread = int(rows.integer(0));
@@ -847,9 +848,9 @@ QList<StoredMessage> MessageStore::messages(const QString &conversation, const Q
     // first, then the page below it.
     std::int64_t at = INT64_MAX, id = INT64_MAX;
     if (!beforeKey.isEmpty()) {
-        std::lock_guard<std::mutex> lock(readerMutex_);
+        std::lock_guard<std::mutex> lock(m_readerMutex);
         SqliteStatement anchor =
-            reader_.prepare("SELECT at, id FROM messages WHERE conv = ?1 AND msg_key = ?2 AND msg_key <> '' LIMIT 1");
+            m_reader.prepare("SELECT at, id FROM messages WHERE conv = ?1 AND msg_key = ?2 AND msg_key <> '' LIMIT 1");
         if (!anchor.bind(1, conversation).bind(2, beforeKey).next())
             return {};
         at = anchor.integer(0);
@@ -864,7 +865,7 @@ QList<StoredMessage> MessageStore::messages(const QString &conversation, const Q
 QList<StoredMessage> MessageStore::search(const QString &text, const QString &conversation, int limit)
 {
     settle();
-    if (unindexed_ > 0)
+    if (m_unindexed > 0)
         waitFor(queue([this](Job &) { return indexSome(INT_MAX); }, true));
     QStringList lone;
     const QString match = SearchText::query(text, &lone);
@@ -892,9 +893,9 @@ QList<StoredMessage> MessageStore::search(const QString &text, const QString &co
 
 QString MessageStore::newestReceivedKey() const
 {
-    std::lock_guard<std::mutex> lock(readerMutex_);
+    std::lock_guard<std::mutex> lock(m_readerMutex);
     SqliteStatement newest =
-        reader_.prepare("SELECT msg_key FROM messages WHERE outgoing = 0 AND msg_key <> '' ORDER BY id DESC LIMIT 1");
+        m_reader.prepare("SELECT msg_key FROM messages WHERE outgoing = 0 AND msg_key <> '' ORDER BY id DESC LIMIT 1");
     return newest.next() ? newest.text(0) : QString();
 }
 
@@ -902,7 +903,7 @@ qint64 MessageStore::fileBytes() const
 {
     qint64 bytes = 0;
     for (const char *suffix : { "", "-wal", "-shm" })
-        bytes += QFileInfo(path_ + QLatin1String(suffix)).size();
-    std::lock_guard<std::mutex> lock(outboxMutex_);
-    return bytes + journal_.bytes();
+        bytes += QFileInfo(m_path + QLatin1String(suffix)).size();
+    std::lock_guard<std::mutex> lock(m_outboxMutex);
+    return bytes + m_journal.bytes();
 }

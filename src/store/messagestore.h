@@ -13,7 +13,7 @@
 // spell, between commits when kIndexBacklog messages wait, and before a
 // search. Reads run on any thread, on a second connection (WAL: they see
 // the last commit and never wait for the writer), after the writes made
-// before them are committed. Duplicate keys are caught by queuedKeys_, a
+// before them are committed. Duplicate keys are caught by m_queuedKeys, a
 // Bloom filter of every key, and a lookup for the keys the filter cannot
 // clear.
 //
@@ -132,19 +132,19 @@ private:
     using Work = std::function<bool(Job &)>;
     /// Queues a write; `awaited`: a caller will wait for its commit.
     std::shared_ptr<Job> queue(Work work, bool awaited = false);
-    /// With mutex_ held: queues `job`; true when the thread must be woken.
+    /// With m_mutex held: queues `job`; true when the thread must be woken.
     bool enqueueLocked(const std::shared_ptr<Job> &job);
     bool startGatheringLocked();
-    /// With mutex_ held: false when the filter knows the key is not stored.
+    /// With m_mutex held: false when the filter knows the key is not stored.
     bool mayBeStoredLocked(std::uint64_t digest) const;
     void fillFilter();
     /// Whether the message's key is stored for its conversation and sender
-    /// (queuedKeys_ and the filter consulted first, by the caller).
+    /// (m_queuedKeys and the filter consulted first, by the caller).
     bool keyStored(const StoredMessage &message);
     bool waitFor(const std::shared_ptr<Job> &job);
     void run();
     std::deque<std::shared_ptr<Job>> takeJobs(std::size_t most);
-    /// With writerMutex_ held: moves the outbox into messages, runs the
+    /// With m_writerMutex held: moves the outbox into messages, runs the
     /// batch, commits; what changed goes to `changed` (for tell).
     bool commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed);
     /// The outbox's rows one transaction moves, and the file they were in.
@@ -171,46 +171,46 @@ private:
     bool recount(const QString &conversation);
     QList<StoredMessage> select(const char *sql, const std::function<void(SqliteStatement &)> &bind) const;
 
-    const bool syncEachCommit_;
-    QString path_;
-    std::mutex writerMutex_; // guards writer_ and its statements; taken before mutex_
-    SqliteDatabase writer_;
-    SqliteStatement insertMessage_, insertUnindexed_, upsertConversation_, markSent_, readBack_;
+    const bool m_syncEachCommit;
+    QString m_path;
+    std::mutex m_writerMutex; // guards m_writer and its statements; taken before m_mutex
+    SqliteDatabase m_writer;
+    SqliteStatement m_insertMessage, m_insertUnindexed, m_upsertConversation, m_markSent, m_readBack;
     // What the open transaction changes in each conversation, written
     // once at its commit.
     struct ConversationDue {
         qint64 lastId = 0, lastAt = 0;
         int unread = 0;
     };
-    std::map<QString, ConversationDue> conversationsDue_;
-    std::atomic<qint64> unindexed_{ 0 }; // about how many messages the full-text index lacks
-    mutable std::mutex outboxMutex_;     // guards journal_ and unmoved_; taken before mutex_
-    OutboxJournal journal_;
-    std::vector<StoredMessage> unmoved_; // in the journal, not yet moved into messages
-    SqliteStatement readerKnownKey_;     // under readerMutex_
-    mutable SqliteDatabase reader_;
-    mutable std::mutex readerMutex_;
+    std::map<QString, ConversationDue> m_conversationsDue;
+    std::atomic<qint64> m_unindexed{ 0 }; // about how many messages the full-text index lacks
+    mutable std::mutex m_outboxMutex;     // guards m_journal and m_unmoved; taken before m_mutex
+    OutboxJournal m_journal;
+    std::vector<StoredMessage> m_unmoved; // in the journal, not yet moved into messages
+    SqliteStatement m_readerKnownKey;     // under m_readerMutex
+    mutable SqliteDatabase m_reader;
+    mutable std::mutex m_readerMutex;
 
-    mutable std::mutex mutex_; // guards what follows
-    std::condition_variable wake_;
-    std::condition_variable done_;
-    std::condition_variable room_; // the queue took a batch
-    std::deque<std::shared_ptr<Job>> jobs_;
-    std::set<QString> queuedKeys_; // messages queued or in the outbox, not yet in messages
-    KeyFilter filter_;             // every key stored or reserved, once filterReady_
-    bool filterReady_ = false;
-    mutable QString error_;
-    qint64 maxAgeMs_ = 0;
-    int maxPerConversation_ = 0;
-    std::int64_t retentionDueMs_ = -1; // steady ms; -1: none set
-    bool stopping_ = false;
-    qint64 nextId_ = 0;              // the last id given: ids follow the order of the calls
-    int outboxRows_ = 0;             // rows in the outbox
-    bool moveDue_ = false;           // the outbox waits to be moved
-    int awaited_ = 0;                // queued writes a caller waits for
-    std::int64_t gatherSinceMs_ = 0; // steady ms: since when queued writes wait
-    std::thread thread_;
-    std::thread filterThread_;
+    mutable std::mutex m_mutex; // guards what follows
+    std::condition_variable m_wake;
+    std::condition_variable m_done;
+    std::condition_variable m_room; // the queue took a batch
+    std::deque<std::shared_ptr<Job>> m_jobs;
+    std::set<QString> m_queuedKeys; // messages queued or in the outbox, not yet in messages
+    KeyFilter m_filter;             // every key stored or reserved, once m_filterReady
+    bool m_filterReady = false;
+    mutable QString m_error;
+    qint64 m_maxAgeMs = 0;
+    int m_maxPerConversation = 0;
+    std::int64_t m_retentionDueMs = -1; // steady ms; -1: none set
+    bool m_stopping = false;
+    qint64 m_nextId = 0;              // the last id given: ids follow the order of the calls
+    int m_outboxRows = 0;             // rows in the outbox
+    bool m_moveDue = false;           // the outbox waits to be moved
+    int m_awaited = 0;                // queued writes a caller waits for
+    std::int64_t m_gatherSinceMs = 0; // steady ms: since when queued writes wait
+    std::thread m_thread;
+    std::thread m_filterThread;
 };
 
 #endif // PUSHCHAT_MESSAGESTORE_H

@@ -91,12 +91,12 @@ bool writeAll(int fd, const char *data, qint64 size)
 
 } // namespace
 
-OutboxJournal::OutboxJournal(bool syncEachAppend) : syncEachAppend_(syncEachAppend)
+OutboxJournal::OutboxJournal(bool syncEachAppend) : m_syncEachAppend(syncEachAppend)
 { }
 
 OutboxJournal::~OutboxJournal()
 {
-    for (const int fd : fds_) {
+    for (const int fd : m_fds) {
         if (fd >= 0)
             ::close(fd);
     }
@@ -104,18 +104,18 @@ OutboxJournal::~OutboxJournal()
 
 bool OutboxJournal::failed(const QString &what)
 {
-    error_ = what;
+    m_error = what;
     return false;
 }
 
 bool OutboxJournal::open(const QString &storePath, std::vector<StoredMessage> *found)
 {
     for (int which = 0; which < 2; ++which) {
-        paths_[which] = storePath + QLatin1String(which == 0 ? "-outbox.0" : "-outbox.1");
-        fds_[which] =
-            ::open(QFile::encodeName(paths_[which]).constData(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        if (fds_[which] < 0)
-            return failed(QStringLiteral("cannot open %1: %2").arg(paths_[which], systemError()));
+        m_paths[which] = storePath + QLatin1String(which == 0 ? "-outbox.0" : "-outbox.1");
+        m_fds[which] =
+            ::open(QFile::encodeName(m_paths[which]).constData(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (m_fds[which] < 0)
+            return failed(QStringLiteral("cannot open %1: %2").arg(m_paths[which], systemError()));
         if (!read(which, found))
             return false;
     }
@@ -128,8 +128,8 @@ bool OutboxJournal::open(const QString &storePath, std::vector<StoredMessage> *f
 bool OutboxJournal::read(int which, std::vector<StoredMessage> *found)
 {
     QFile file;
-    if (!file.open(fds_[which], QIODevice::ReadOnly, QFileDevice::DontCloseHandle) || !file.seek(0))
-        return failed(QStringLiteral("cannot read %1: %2").arg(paths_[which], file.errorString()));
+    if (!file.open(m_fds[which], QIODevice::ReadOnly, QFileDevice::DontCloseHandle) || !file.seek(0))
+        return failed(QStringLiteral("cannot read %1: %2").arg(m_paths[which], file.errorString()));
     const qint64 size = file.size();
     qint64 at = 0;
     while (size - at >= kHeadBytes) {
@@ -147,44 +147,44 @@ bool OutboxJournal::read(int which, std::vector<StoredMessage> *found)
         found->push_back(std::move(m));
         at += kHeadBytes + length;
     }
-    sizes_[which] = size;
+    m_sizes[which] = size;
     return true;
 }
 
 bool OutboxJournal::append(const StoredMessage &message)
 {
-    const int fd = fds_[current_];
+    const int fd = m_fds[m_current];
     const QByteArray record = recordOf(message);
-    if (!writeAll(fd, record.constData(), record.size()) || (syncEachAppend_ && ::fdatasync(fd) != 0)) {
+    if (!writeAll(fd, record.constData(), record.size()) || (m_syncEachAppend && ::fdatasync(fd) != 0)) {
         const QString why = systemError();
         // A part written would hide whatever comes after it.
-        if (::ftruncate(fd, sizes_[current_]) != 0)
+        if (::ftruncate(fd, m_sizes[m_current]) != 0)
             return failed(QStringLiteral("cannot write to %1: %2; and cannot cut the part written: %3")
-                              .arg(paths_[current_], why, systemError()));
-        return failed(QStringLiteral("cannot write to %1: %2").arg(paths_[current_], why));
+                              .arg(m_paths[m_current], why, systemError()));
+        return failed(QStringLiteral("cannot write to %1: %2").arg(m_paths[m_current], why));
     }
-    sizes_[current_] += record.size();
+    m_sizes[m_current] += record.size();
     return true;
 }
 
 int OutboxJournal::rotate()
 {
-    const int retired = current_;
-    current_ = 1 - current_;
+    const int retired = m_current;
+    m_current = 1 - m_current;
     return retired;
 }
 
 bool OutboxJournal::clear(int which)
 {
-    if (sizes_[which] == 0)
+    if (m_sizes[which] == 0)
         return true;
-    if (::ftruncate(fds_[which], 0) != 0 || (syncEachAppend_ && ::fdatasync(fds_[which]) != 0))
-        return failed(QStringLiteral("cannot empty %1: %2").arg(paths_[which], systemError()));
-    sizes_[which] = 0;
+    if (::ftruncate(m_fds[which], 0) != 0 || (m_syncEachAppend && ::fdatasync(m_fds[which]) != 0))
+        return failed(QStringLiteral("cannot empty %1: %2").arg(m_paths[which], systemError()));
+    m_sizes[which] = 0;
     return true;
 }
 
 qint64 OutboxJournal::bytes() const
 {
-    return sizes_[0] + sizes_[1];
+    return m_sizes[0] + m_sizes[1];
 }

@@ -44,18 +44,18 @@ public:
     bool clear(int which);
     /// Both files' sizes.
     qint64 bytes() const;
-    QString error() const { return error_; }
+    QString error() const { return m_error; }
 
 private:
     bool read(int which, std::vector<StoredMessage> *found);
     bool failed(const QString &what);
 
-    const bool syncEachAppend_;
-    QString paths_[2];
-    int fds_[2] = { -1, -1 };
-    qint64 sizes_[2] = { 0, 0 };
-    int current_ = 0;
-    QString error_;
+    const bool m_syncEachAppend;
+    QString m_paths[2];
+    int m_fds[2] = { -1, -1 };
+    qint64 m_sizes[2] = { 0, 0 };
+    int m_current = 0;
+    QString m_error;
 };
 
 #endif // PUSHCHAT_OUTBOXJOURNAL_H

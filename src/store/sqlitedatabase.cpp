@@ -18,49 +18,49 @@ SqliteDatabase::~SqliteDatabase()
 bool SqliteDatabase::open(const QString &path, bool lock)
 {
     close();
-    error_.clear();
+    m_error.clear();
     const QByteArray file = QFile::encodeName(path); // the system's encoding; SQLite takes UTF-8
     if (!path.isEmpty() && lock) {
-        lockFd_ = ::open(file.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (lockFd_ < 0) {
-            error_ = QStringLiteral("cannot open %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
+        m_lockFd = ::open(file.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (m_lockFd < 0) {
+            m_error = QStringLiteral("cannot open %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
             return false;
         }
-        if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
-            error_ = QStringLiteral("%1 is in use by another process or another open store (locked)").arg(path);
+        if (::flock(m_lockFd, LOCK_EX | LOCK_NB) != 0) {
+            m_error = QStringLiteral("%1 is in use by another process or another open store (locked)").arg(path);
             close();
             return false;
         }
     }
-    const int rc = sqlite3_open_v2(path.isEmpty() ? ":memory:" : path.toUtf8().constData(), &db_,
+    const int rc = sqlite3_open_v2(path.isEmpty() ? ":memory:" : path.toUtf8().constData(), &m_db,
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
     if (rc != SQLITE_OK) {
-        error_ = QStringLiteral("cannot open %1: %2").arg(path, QString::fromUtf8(sqlite3_errstr(rc)));
+        m_error = QStringLiteral("cannot open %1: %2").arg(path, QString::fromUtf8(sqlite3_errstr(rc)));
         close();
         return false;
     }
-    sqlite3_extended_result_codes(db_, 1);
-    sqlite3_busy_timeout(db_, 5000);
+    sqlite3_extended_result_codes(m_db, 1);
+    sqlite3_busy_timeout(m_db, 5000);
     return true;
 }
 
 void SqliteDatabase::close()
 {
-    if (db_ != nullptr)
-        sqlite3_close_v2(db_);
-    db_ = nullptr;
+    if (m_db != nullptr)
+        sqlite3_close_v2(m_db);
+    m_db = nullptr;
     // Closed after SQLite's own descriptors: closing any descriptor of the
     // file drops the process's POSIX locks on it.
-    if (lockFd_ >= 0)
-        ::close(lockFd_);
-    lockFd_ = -1;
+    if (m_lockFd >= 0)
+        ::close(m_lockFd);
+    m_lockFd = -1;
 }
 
 bool SqliteDatabase::exec(std::string_view sql)
 {
     const std::string text(sql);
-    if (db_ == nullptr || sqlite3_exec(db_, text.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-        error_ = error();
+    if (m_db == nullptr || sqlite3_exec(m_db, text.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+        m_error = error();
         return false;
     }
     return true;
@@ -68,25 +68,25 @@ bool SqliteDatabase::exec(std::string_view sql)
 
 SqliteStatement SqliteDatabase::prepare(std::string_view sql)
 {
-    return SqliteStatement(db_, sql);
+    return SqliteStatement(m_db, sql);
 }
 
 int SqliteDatabase::changes() const
 {
-    return db_ != nullptr ? sqlite3_changes(db_) : 0;
+    return m_db != nullptr ? sqlite3_changes(m_db) : 0;
 }
 
 int SqliteDatabase::errorCode() const
 {
-    return db_ != nullptr ? sqlite3_extended_errcode(db_) : SQLITE_CANTOPEN;
+    return m_db != nullptr ? sqlite3_extended_errcode(m_db) : SQLITE_CANTOPEN;
 }
 
 QString SqliteDatabase::error() const
 {
-    if (db_ == nullptr)
-        return error_.isEmpty() ? QStringLiteral("not open") : error_;
-    const int code = sqlite3_extended_errcode(db_);
+    if (m_db == nullptr)
+        return m_error.isEmpty() ? QStringLiteral("not open") : m_error;
+    const int code = sqlite3_extended_errcode(m_db);
     if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE)
-        return error_;
-    return QString::fromUtf8(sqlite3_errmsg(db_));
+        return m_error;
+    return QString::fromUtf8(sqlite3_errmsg(m_db));
 }

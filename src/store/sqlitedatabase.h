@@ -30,7 +30,7 @@ public:
     bool open(const QString &path, bool lock = true);
     /// Closes and releases the lock; nothing happens when not open.
     void close();
-    bool isOpen() const { return db_ != nullptr; }
+    bool isOpen() const { return m_db != nullptr; }
 
     /// Runs one or more statements without results; false (error() set) on failure.
     bool exec(std::string_view sql);
@@ -43,12 +43,12 @@ public:
     /// Why the last operation failed, for people; "" after a success of open().
     QString error() const;
 
-    sqlite3 *handle() const { return db_; }
+    sqlite3 *handle() const { return m_db; }
 
 private:
-    sqlite3 *db_ = nullptr;
-    int lockFd_ = -1;
-    QString error_;
+    sqlite3 *m_db = nullptr;
+    int m_lockFd = -1;
+    QString m_error;
 };
 
 #endif // PUSHCHAT_SQLITEDATABASE_H

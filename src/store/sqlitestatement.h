@@ -25,7 +25,7 @@ public:
     SqliteStatement &operator=(const SqliteStatement &) = delete;
 
     /// False when the statement did not compile (the connection's error says why).
-    bool valid() const { return stmt_ != nullptr; }
+    bool valid() const { return m_stmt != nullptr; }
 
     SqliteStatement &bind(int index, std::int64_t value);
     SqliteStatement &bind(int index, int value) { return bind(index, std::int64_t(value)); }
@@ -38,7 +38,7 @@ public:
     /// Runs to the end; true when it finished without error.
     bool run();
     /// The result code of the last step (SQLITE_ROW, SQLITE_DONE, an error).
-    int result() const { return rc_; }
+    int result() const { return m_rc; }
     /// Clears bindings and rewinds, for the next use; a statement kept
     /// between uses must be reset after it, or its read stays open.
     void reset();
@@ -52,8 +52,8 @@ public:
     bool isNull(int column) const;
 
 private:
-    sqlite3_stmt *stmt_ = nullptr;
-    int rc_ = 0;
+    sqlite3_stmt *m_stmt = nullptr;
+    int m_rc = 0;
 };
 
 #endif // PUSHCHAT_SQLITESTATEMENT_H

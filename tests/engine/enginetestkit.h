@@ -101,8 +101,8 @@ public:
 
     ~Wire() override
     {
-        delete client_.get(); // callbacks read client_ until the destructor returns
-        client_.release();
+        delete m_client.get(); // callbacks read m_client until the destructor returns
+        m_client.release();
     }
     bool start(const MosquittoBroker &broker)
     {
@@ -110,9 +110,9 @@ public:
         options.reconnectDelayMin = std::chrono::milliseconds(20);
         options.reconnectDelayMax = std::chrono::milliseconds(200);
         std::string id = "wire";
-        client_ = std::make_unique<PushClient>(id.data(), options);
-        client_->setEventRecv(this);
-        client_->start_connect(broker.host(), broker.port(), 60);
+        m_client = std::make_unique<PushClient>(id.data(), options);
+        m_client->setEventRecv(this);
+        m_client->start_connect(broker.host(), broker.port(), 60);
         return eventually([&] { return fence(std::chrono::milliseconds(100)); });
     }
     void messgeRecievedMore(int, char *topic, void *payload, int length, int qos, bool) override
@@ -122,16 +122,16 @@ public:
     void connectStatus(bool connected) override
     {
         if (connected)
-            client_->subscribe({ "#" }, 2); // deliveries keep the QoS they were published with
+            m_client->subscribe({ "#" }, 2); // deliveries keep the QoS they were published with
     }
     bool publish(const std::string &topic, const std::string &payload)
     {
-        return client_->publish(topic.c_str(), payload.c_str(), 2, false) == 0;
+        return m_client->publish(topic.c_str(), payload.c_str(), 2, false) == 0;
     }
     /// Everything the broker routed to the wire before now has arrived.
     bool fence(std::chrono::milliseconds limit = kWaitLimit)
     {
-        const std::string mark = "wire/" + std::to_string(++fences_);
+        const std::string mark = "wire/" + std::to_string(++m_fences);
         return publish(mark, "") && log.waitForPrefix(mark + "|", 1, limit);
     }
     /// The lines after the first `mark` that are not the wire's own.
@@ -162,8 +162,8 @@ public:
     }
 
 private:
-    std::unique_ptr<PushClient> client_;
-    std::atomic<int> fences_{ 0 };
+    std::unique_ptr<PushClient> m_client;
+    std::atomic<int> m_fences{ 0 };
 };
 
 /// The subscription changes the broker logged for `client`: "+topic", "-topic".

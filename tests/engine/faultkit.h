@@ -22,7 +22,7 @@ inline PushClientOptions fast(std::size_t maxPending = 1000)
 /// and keeps the last other text (a presence as "from|body").
 class Counter : public ImEventReciever, public PushEventReciever {
 public:
-    explicit Counter(int size = 0) : seen_(std::size_t(size)) { }
+    explicit Counter(int size = 0) : m_seen(std::size_t(size)) { }
     std::atomic<int> connects{ 0 }, disconnects{ 0 };
     void onConnected() override { ++connects; }
     void onDisconnected() override { ++disconnects; }
@@ -34,8 +34,8 @@ public:
         count(std::string(static_cast<const char *>(payload), std::size_t(length)));
     }
     void onConversations(S json) override { count(json); }
-    std::string other() const { return locked(other_); }
-    int distinct() const { return locked(distinct_); }
+    std::string other() const { return locked(m_other); }
+    int distinct() const { return locked(m_distinct); }
     /// Waits for n distinct messages while more keep coming (`stall` at most between two).
     void waitFor(int n, std::chrono::milliseconds stall = 5s) const
     {
@@ -49,7 +49,7 @@ public:
         std::vector<int> lost;
         int delivered = 0, duplicated = 0;
         for (int i = 0; i < sent; ++i) {
-            const int n = locked(seen_[std::size_t(i)]);
+            const int n = locked(m_seen[std::size_t(i)]);
             if (n == 0 && (accepted.empty() || accepted[std::size_t(i)]))
                 lost.push_back(i);
             delivered += n > 0;
@@ -61,21 +61,21 @@ public:
     }
 
 private:
-    template <class T> T locked(const T &value) const { return std::lock_guard<std::mutex>(mutex_), value; }
+    template <class T> T locked(const T &value) const { return std::lock_guard<std::mutex>(m_mutex), value; }
     void count(const std::string &text)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(m_mutex);
         char *end = nullptr;
         const long i = text.compare(0, 2, "n ") == 0 ? std::strtol(text.c_str() + 2, &end, 10) : -1;
-        if (i >= 0 && std::size_t(i) < seen_.size() && *end == '\0')
-            distinct_ += seen_[std::size_t(i)]++ == 0;
+        if (i >= 0 && std::size_t(i) < m_seen.size() && *end == '\0')
+            m_distinct += m_seen[std::size_t(i)]++ == 0;
         else
-            other_ = text;
+            m_other = text;
     }
-    mutable std::mutex mutex_;
-    std::vector<int> seen_;
-    int distinct_ = 0;
-    std::string other_;
+    mutable std::mutex m_mutex;
+    std::vector<int> m_seen;
+    int m_distinct = 0;
+    std::string m_other;
 };
 inline const std::pair<std::vector<int>, int> kNoneLost{};
 

@@ -87,23 +87,23 @@ public:
     void add(std::string line)
     {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            lines_.push_back(std::move(line));
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back(std::move(line));
         }
-        changed_.notify_all();
+        m_changed.notify_all();
     }
     Lines lines() const
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lines_;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
     }
     /// The lines that start with `prefix`, in order.
     Lines starting(const std::string &prefix) const { return starting(lines(), prefix); }
     /// Waits until `predicate(lines)` holds.
     template <class Predicate> bool waitFor(Predicate predicate, std::chrono::milliseconds timeout = kWaitLimit) const
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return predicate(lines_); });
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, timeout, [&] { return predicate(m_lines); });
     }
     /// Waits until `n` lines start with `prefix`.
     bool waitForPrefix(
@@ -122,9 +122,9 @@ private:
         return out;
     }
 
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    Lines lines_;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    Lines m_lines;
 };
 
 #endif // EVENTLOG_H

@@ -25,35 +25,35 @@ bool sendAll(int fd, const std::string &data)
 
 bool HttpTestServer::start()
 {
-    stopping_ = false;
-    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    m_stopping = false;
+    m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof addr;
-    if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr *>(&addr), len) != 0 ||
-        ::listen(listenFd_, 64) != 0 || ::getsockname(listenFd_, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
+    if (m_listenFd < 0 || ::bind(m_listenFd, reinterpret_cast<sockaddr *>(&addr), len) != 0 ||
+        ::listen(m_listenFd, 64) != 0 || ::getsockname(m_listenFd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
         stop();
         return false;
     }
-    port_ = ntohs(addr.sin_port);
-    thread_ = std::thread(&HttpTestServer::run, this);
+    m_port = ntohs(addr.sin_port);
+    m_thread = std::thread(&HttpTestServer::run, this);
     return true;
 }
 
 void HttpTestServer::stop()
 {
-    if (listenFd_ < 0)
+    if (m_listenFd < 0)
         return;
-    stopping_ = true;                 // ends a reply that would go on
-    ::shutdown(listenFd_, SHUT_RDWR); // ends the accept() the thread waits in
-    if (thread_.joinable())
-        thread_.join();
-    for (int fd : held_)
+    m_stopping = true;                 // ends a reply that would go on
+    ::shutdown(m_listenFd, SHUT_RDWR); // ends the accept() the thread waits in
+    if (m_thread.joinable())
+        m_thread.join();
+    for (int fd : m_held)
         ::close(fd);
-    held_.clear();
-    ::close(listenFd_);
-    listenFd_ = -1;
+    m_held.clear();
+    ::close(m_listenFd);
+    m_listenFd = -1;
 }
 
 void HttpTestServer::answer(int status, std::string body)
@@ -66,31 +66,31 @@ void HttpTestServer::answer(int status, std::string body)
 
 void HttpTestServer::answerRaw(std::string head, std::string piece, int times, int pauseMs)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    head_ = std::move(head) + "Connection: close\r\n\r\n";
-    piece_ = std::move(piece);
-    times_ = times;
-    pauseMs_ = pauseMs;
-    quiet_ = false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_head = std::move(head) + "Connection: close\r\n\r\n";
+    m_piece = std::move(piece);
+    m_times = times;
+    m_pauseMs = pauseMs;
+    m_quiet = false;
 }
 
 void HttpTestServer::stayQuiet()
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    quiet_ = true;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_quiet = true;
 }
 
 std::vector<std::string> HttpTestServer::requestLines() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_requests;
 }
 
 // One request at a time: read up to the end of the headers, record the
 // request line, answer and close (or, when quiet, hold the connection).
 void HttpTestServer::run()
 {
-    for (int fd; (fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+    for (int fd; (fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         std::string request;
         char chunk[4096];
         for (ssize_t n = 1; n > 0 && request.find("\r\n\r\n") == std::string::npos;) {
@@ -100,16 +100,16 @@ void HttpTestServer::run()
         std::string head, piece;
         int times = 0, pauseMs = 0;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            requests_.push_back(request.substr(0, request.find("\r\n")));
-            if (quiet_) {
-                held_.push_back(fd);
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_requests.push_back(request.substr(0, request.find("\r\n")));
+            if (m_quiet) {
+                m_held.push_back(fd);
                 continue;
             }
-            head = head_, piece = piece_, times = times_, pauseMs = pauseMs_;
+            head = m_head, piece = m_piece, times = m_times, pauseMs = m_pauseMs;
         }
         bool sending = sendAll(fd, head);
-        for (int i = 0; sending && (times == 0 || i < times) && !stopping_; ++i) {
+        for (int i = 0; sending && (times == 0 || i < times) && !m_stopping; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(i > 0 ? pauseMs : 0));
             sending = sendAll(fd, piece);
         }

@@ -32,9 +32,9 @@ public:
     bool start();
     void stop();
 
-    int port() const { return port_; }
+    int port() const { return m_port; }
     /// "http://127.0.0.1:<port>"
-    std::string baseAddress() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    std::string baseAddress() const { return "http://127.0.0.1:" + std::to_string(m_port); }
 
     /// Answers later requests with this status and body (default 200, "").
     void answer(int status, std::string body);
@@ -51,19 +51,19 @@ public:
 private:
     void run();
 
-    int listenFd_ = -1;
-    std::vector<int> held_; // quiet connections, closed by stop()
-    int port_ = 0;
-    std::thread thread_;
+    int m_listenFd = -1;
+    std::vector<int> m_held; // quiet connections, closed by stop()
+    int m_port = 0;
+    std::thread m_thread;
 
-    std::atomic<bool> stopping_{ false };
+    std::atomic<bool> m_stopping{ false };
 
-    mutable std::mutex mutex_;
-    std::string head_ = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    std::string piece_;
-    int times_ = 1, pauseMs_ = 0;
-    bool quiet_ = false;
-    std::vector<std::string> requests_;
+    mutable std::mutex m_mutex;
+    std::string m_head = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    std::string m_piece;
+    int m_times = 1, m_pauseMs = 0;
+    bool m_quiet = false;
+    std::vector<std::string> m_requests;
 };
 
 #endif // HTTPTESTSERVER_H

@@ -65,8 +65,8 @@ MosquittoBroker::~MosquittoBroker()
 {
     stop();
     std::error_code ignored;
-    if (!dir_.empty())
-        std::filesystem::remove_all(dir_, ignored);
+    if (!m_dir.empty())
+        std::filesystem::remove_all(m_dir, ignored);
 }
 
 int MosquittoBroker::freePort()
@@ -83,44 +83,44 @@ bool MosquittoBroker::start()
 {
     if (running())
         return true;
-    if (dir_.empty() && !prepareDirectory())
+    if (m_dir.empty() && !prepareDirectory())
         return false;
-    if (port_ != 0)
+    if (m_port != 0)
         return launch();
     // A free port is only free until someone takes it: try a few.
     for (int attempt = 0; attempt < 5; ++attempt) {
-        port_ = loopback(0, false);
-        if (port_ != 0 && launch())
+        m_port = loopback(0, false);
+        if (m_port != 0 && launch())
             return true;
     }
-    port_ = 0;
+    m_port = 0;
     return false;
 }
 
 void MosquittoBroker::signal(int number) const
 {
     if (running())
-        ::kill(pid_, number);
+        ::kill(m_pid, number);
 }
 
 void MosquittoBroker::stop(int signal)
 {
     if (!running())
         return;
-    ::kill(pid_, signal);
-    ::kill(pid_, SIGCONT); // a frozen broker ends only once it runs again
+    ::kill(m_pid, signal);
+    ::kill(m_pid, SIGCONT); // a frozen broker ends only once it runs again
     const auto limit = Clock::now() + std::chrono::seconds(5);
     pid_t done = 0;
-    while ((done = ::waitpid(pid_, nullptr, WNOHANG)) == 0 && Clock::now() < limit)
+    while ((done = ::waitpid(m_pid, nullptr, WNOHANG)) == 0 && Clock::now() < limit)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (done == 0 && ::kill(pid_, SIGKILL) == 0)
-        ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    if (done == 0 && ::kill(m_pid, SIGKILL) == 0)
+        ::waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
 }
 
 std::string MosquittoBroker::log() const
 {
-    return fileText(dir_ + "/mosquitto.log");
+    return fileText(m_dir + "/mosquitto.log");
 }
 
 bool MosquittoBroker::prepareDirectory()
@@ -128,23 +128,23 @@ bool MosquittoBroker::prepareDirectory()
     std::string pattern = (std::filesystem::temp_directory_path() / "pushchat-broker-XXXXXX").string();
     if (!::mkdtemp(pattern.data()))
         return false;
-    dir_ = pattern;
+    m_dir = pattern;
     return true;
 }
 
 bool MosquittoBroker::writeConfig() const
 {
-    std::ofstream out(dir_ + "/mosquitto.conf");
-    out << "listener " << port_ << " 127.0.0.1\nallow_anonymous " << (options_.allowAnonymous ? "true" : "false")
+    std::ofstream out(m_dir + "/mosquitto.conf");
+    out << "listener " << m_port << " 127.0.0.1\nallow_anonymous " << (m_options.allowAnonymous ? "true" : "false")
         << "\nset_tcp_nodelay true\nmax_queued_messages 100000\nlog_dest stderr\nlog_timestamp_format %H:%M:%S\n"
         << "log_type error\nlog_type warning\nlog_type notice\nlog_type information\n";
     // As root, mosquitto becomes the "mosquitto" user unless told to stay;
     // that user could not write into our directory.
     if (::geteuid() == 0)
         out << "user root\n";
-    if (options_.persistence)
-        out << "persistence true\npersistence_location " << dir_ << "/\n";
-    out << options_.extraConfig << "\n";
+    if (m_options.persistence)
+        out << "persistence true\npersistence_location " << m_dir << "/\n";
+    out << m_options.extraConfig << "\n";
     return static_cast<bool>(out.flush());
 }
 
@@ -162,17 +162,17 @@ bool MosquittoBroker::launch()
         return count;
     };
     const std::size_t before = listening();
-    pid_ = spawn({ "mosquitto", "-c", dir_ + "/mosquitto.conf" }, dir_ + "/mosquitto.log");
+    m_pid = spawn({ "mosquitto", "-c", m_dir + "/mosquitto.conf" }, m_dir + "/mosquitto.log");
     const auto limit = Clock::now() + std::chrono::seconds(5);
-    while (pid_ > 0 && Clock::now() < limit) {
-        if (::waitpid(pid_, nullptr, WNOHANG) == pid_) // exited: port taken or bad configuration
+    while (m_pid > 0 && Clock::now() < limit) {
+        if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) // exited: port taken or bad configuration
             break;
-        if (listening() > before && loopback(port_, true) == port_)
+        if (listening() > before && loopback(m_port, true) == m_port)
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    if (pid_ > 0 && Clock::now() >= limit)
+    if (m_pid > 0 && Clock::now() >= limit)
         stop();
-    pid_ = -1;
+    m_pid = -1;
     return false;
 }

@@ -29,7 +29,7 @@ public:
     };
 
     MosquittoBroker() : MosquittoBroker(Options()) { }
-    explicit MosquittoBroker(Options options) : options_(std::move(options)) { }
+    explicit MosquittoBroker(Options options) : m_options(std::move(options)) { }
     ~MosquittoBroker();
     MosquittoBroker(const MosquittoBroker &) = delete;
     MosquittoBroker &operator=(const MosquittoBroker &) = delete;
@@ -40,11 +40,11 @@ public:
     // Sends a signal (SIGSTOP, SIGCONT, SIGUSR1: save now) to the broker.
     void signal(int number) const;
     bool restart() { return stop(), start(); }
-    bool running() const { return pid_ > 0; }
-    pid_t pid() const { return pid_; }
+    bool running() const { return m_pid > 0; }
+    pid_t pid() const { return m_pid; }
 
     const char *host() const { return "127.0.0.1"; }
-    int port() const { return port_; }
+    int port() const { return m_port; }
     // What the broker logged so far (connections, refusals, errors).
     std::string log() const;
 
@@ -59,10 +59,10 @@ private:
     bool writeConfig() const;
     bool launch();
 
-    Options options_;
-    std::string dir_;
-    int port_ = 0;
-    pid_t pid_ = -1;
+    Options m_options;
+    std::string m_dir;
+    int m_port = 0;
+    pid_t m_pid = -1;
 };
 
 #endif // MOSQUITTOBROKER_H

@@ -22,29 +22,29 @@ class RabbitCluster {
 public:
     static constexpr int kNodes = 3;
 
-    explicit RabbitCluster(const char *dir = std::getenv("PUSHCHAT_CLUSTER_DIR")) : dir_(dir ? dir : "")
+    explicit RabbitCluster(const char *dir = std::getenv("PUSHCHAT_CLUSTER_DIR")) : m_dir(dir ? dir : "")
     {
-        std::istringstream env(fileText(dir_ + "/cluster.env"));
+        std::istringstream env(fileText(m_dir + "/cluster.env"));
         for (std::string word; env >> word;)
             for (int n = 1; n <= kNodes; ++n)
-                std::sscanf(word.c_str(), ("mqtt_port_" + std::to_string(n) + "=%d").c_str(), &ports_[n - 1]);
+                std::sscanf(word.c_str(), ("mqtt_port_" + std::to_string(n) + "=%d").c_str(), &m_ports[n - 1]);
     }
     /// Every node's port is known.
-    bool known() const { return ports_[0] && ports_[1] && ports_[2]; }
+    bool known() const { return m_ports[0] && m_ports[1] && m_ports[2]; }
     const char *host() const { return "127.0.0.1"; }
-    int port(int node) const { return ports_[node - 1]; }
-    const std::string &dir() const { return dir_; }
+    int port(int node) const { return m_ports[node - 1]; }
+    const std::string &dir() const { return m_dir; }
     /// Ends node `node`'s VM with SIGKILL and waits (at most 5 s) until it is gone.
     void kill(int node) const
     {
-        const pid_t pid = std::atoi(fileText(dir_ + "/node" + std::to_string(node) + "/pid").c_str());
+        const pid_t pid = std::atoi(fileText(m_dir + "/node" + std::to_string(node) + "/pid").c_str());
         for (int i = 0; pid > 0 && i < 500 && ::kill(pid, i == 0 ? SIGKILL : 0) == 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 
 private:
-    std::string dir_;
-    int ports_[kNodes] = {};
+    std::string m_dir;
+    int m_ports[kNodes] = {};
 };
 
 #endif // RABBITCLUSTER_H

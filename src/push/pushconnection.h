@@ -36,6 +36,14 @@ struct mosquitto_message;
 //
 // The network thread keeps a shared_ptr to this object, so it can finish a
 // clean disconnect on its own when the client is destroyed from a callback.
+//
+// The implementation is split by job: pushconnection.cpp (life, state,
+// closing), pushconnectiontls.cpp (credentials and TLS),
+// pushconnectionoutbox.cpp (requests, the outbox and its pumping),
+// pushconnectionfailover.cpp (attempts, refusals, failover),
+// pushconnectionthread.cpp (the network thread and dead-link detection),
+// pushconnectionevents.cpp (libmosquitto's callbacks and their handling).
+// The locking rules above hold in all of them.
 class PushConnection : public std::enable_shared_from_this<PushConnection> {
 public:
     PushConnection(const char *clientId, const PushClientOptions &options);

@@ -72,8 +72,7 @@
 #include <string>
 #include <vector>
 
-// Callback interface, called on the client's network thread. The order of the
-// virtual operations is part of the binary interface: do not reorder.
+// Callback interface, called on the client's network thread.
 class PushEventReciever {
 public:
     // Legacy slot: never called by PushClient.

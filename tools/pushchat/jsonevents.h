@@ -2,10 +2,10 @@
 #define PUSHCHAT_CLI_JSONEVENTS_H
 
 // The client's callback object: every chat and room callback becomes one
-// JSON object, {"event": <callback name>, <argument name>: <value>, ...},
-// handed to a JsonLineWriter. Texts stay texts (JSON bodies included, as
-// the library passes them), numbers stay numbers; onRoomChanged carries the
-// room as its JSON object ("room") and the command number ("cmd").
+// JSON object as the library's JsonEventAdapter maps it, {"event":
+// <callback name>, <argument name>: <value>, ...}, handed to a
+// JsonLineWriter. The message store's callbacks print nothing: the store
+// commands report the store themselves.
 //
 // onConnected and onDisconnected also raise an EventFlag, which is how the
 // main thread learns that the login succeeded or failed (the library's last
@@ -19,7 +19,7 @@
 // Callbacks arrive on the library's threads; this class keeps no state of
 // its own.
 
-#include <pushchat/message_lib.h>
+#include <pushchat/jsoneventadapter.h>
 
 #include <QJsonObject>
 
@@ -27,34 +27,17 @@ class AwaitedEvent;
 class EventFlag;
 class JsonLineWriter;
 
-class JsonEvents : public ImEventReciever, public ImMUCEventReciever {
+class JsonEvents : public JsonEventAdapter {
 public:
     JsonEvents(JsonLineWriter *writer, EventFlag *connected, AwaitedEvent *awaited = nullptr, bool saveImages = false);
 
     void onConnected() override;
     void onDisconnected() override;
-    void onMessageReceive(QString from, QString to, QString body, int bodyType, int msgType, QString messageKey,
-        QString stamp, bool readable) override;
-    void onHistoryMessages(const char *json) override;
-    void onConversations(const char *json) override;
-    void onConversationDetail(const char *json) override;
-    void onPresence(QString from, QString body) override;
-    void onMessageStatusModified(QString modifier, QString uuid, int status) override;
-    void onFriendAdded(QString from, QString to, QString body) override;
-    void onFriendAccepted(QString from, QString to, int flag) override;
-    void onFriendDeleted(QString from, QString to, int flag) override;
-    void onFriendList(const char *json) override;
-    void onRemoteDesktopControlRequest(const char *from, const char *to, const char *body) override;
-    void onRemoteDesktopControlResponse(const char *from, const char *to, const char *body) override;
-    void onRemoteDesktopBeControlRequest(const char *from, const char *to, const char *body) override;
-    void onRemoteDesktopBeControlResponse(const char *from, const char *to, const char *body) override;
-
-    void onRoomListRefreshed(QString json) override;
-    void onRoomChanged(Room &room, GroupSubCmd cmd) override;
+    void onStoredMessageChanged(const StoredMessage &message) override;
+    void onStoreError(QString text) override;
 
 private:
-    void report(const char *event, QJsonObject arguments = QJsonObject());
-    void reportRemoteDesktop(const char *event, const char *from, const char *to, const char *body);
+    void report(QJsonObject event) const;
 
     JsonLineWriter *m_writer;
     EventFlag *m_connected;

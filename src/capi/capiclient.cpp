@@ -4,13 +4,11 @@
 #include "capiclient.h"
 
 #include "capiarguments.h"
-#include "capilog.h"
 #include "capioperation.h"
+#include "pushchatlog.h"
 
 #include <mutex>
 #include <optional>
-
-Q_LOGGING_CATEGORY(lcCapi, "pushchat.capi", QtInfoMsg)
 
 namespace {
 

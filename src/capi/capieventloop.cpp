@@ -2,7 +2,7 @@
 
 #include "capieventloop.h"
 
-#include "capilog.h"
+#include "pushchatlog.h"
 
 #include <QCoreApplication>
 #include <QMetaObject>

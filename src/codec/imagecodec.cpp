@@ -1,7 +1,7 @@
 #include "imagecodec.h"
 
-#include "codeclog.h"
 #include "imageshrinker.h"
+#include "pushchatlog.h"
 
 #include <QBuffer>
 #include <QImage>
@@ -9,8 +9,6 @@
 #include <QStandardPaths>
 #include <QUuid>
 #include <QtEndian>
-
-Q_LOGGING_CATEGORY(lcImageCodec, "pushchat.codec")
 
 namespace {
 
@@ -56,7 +54,7 @@ QString ImageCodec::getEncodeImageStr(QString path, float rate)
         // Not loaded: the shrinker has said so. Loaded: the rate left no
         // pixel to keep.
         if (loaded)
-            qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image not encoded:" << path;
+            qCCritical(lcCodec).noquote().nospace() << "ERROR:image not encoded:" << path;
         return QString();
     }
 
@@ -64,7 +62,7 @@ QString ImageCodec::getEncodeImageStr(QString path, float rate)
     QBuffer buffer(&jpeg);
     buffer.open(QIODevice::WriteOnly);
     if (!image.save(&buffer, "jpg", -1)) {
-        qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image not encoded:" << path;
+        qCCritical(lcCodec).noquote().nospace() << "ERROR:image not encoded:" << path;
         return QString();
     }
     return QString::fromLatin1(qCompress(jpeg, 9).toBase64());
@@ -81,7 +79,7 @@ QString ImageCodec::getDecodeImagePath(QString &text)
     const QString path =
         documents + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::WithoutBraces) + QStringLiteral(".jpg");
     if (image.isNull() || documents.isEmpty() || !image.save(path)) {
-        qCCritical(lcImageCodec).noquote().nospace() << "ERROR !:Image save failed:" << path;
+        qCCritical(lcCodec).noquote().nospace() << "ERROR !:Image save failed:" << path;
         return QString();
     }
     return path;

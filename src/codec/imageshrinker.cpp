@@ -1,6 +1,6 @@
 #include "imageshrinker.h"
 
-#include "codeclog.h"
+#include "pushchatlog.h"
 
 #include <QImageReader>
 
@@ -64,10 +64,10 @@ QImage ImageShrinker::shrink(const QString &path, float rate)
         attempt.tooLarge = tooLarge;
         if (tooLarge) {
             attempt.loadedSize = size;
-            qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image too large:" << path << ": " << size.width()
-                                                         << " x " << size.height() << " pixels, over " << maxPixels;
+            qCCritical(lcCodec).noquote().nospace() << "ERROR:image too large:" << path << ": " << size.width() << " x "
+                                                    << size.height() << " pixels, over " << maxPixels;
         } else {
-            qCCritical(lcImageCodec).noquote().nospace() << "ERROR:image not loaded:" << path;
+            qCCritical(lcCodec).noquote().nospace() << "ERROR:image not loaded:" << path;
         }
         if (m_observer)
             m_observer(attempt);

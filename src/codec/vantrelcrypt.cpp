@@ -4,10 +4,10 @@
 #include "crc16.h"
 #include "deflater.h"
 #include "inflater.h"
+#include "pushchatlog.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
-#include <QLoggingCategory>
 #include <QtEndian>
 
 #include <cstring>
@@ -15,8 +15,6 @@
 #include <utility>
 
 namespace {
-
-Q_LOGGING_CATEGORY(lcCodec, "pushchat.codec")
 
 constexpr char cipherVersion = 0x03;
 constexpr int headerSize = 2; // version and flags, not enciphered

@@ -3,15 +3,13 @@
 
 #include "contactmanager.h"
 
-#include "contactslog.h"
 #include "jsonkeycheck.h"
+#include "pushchatlog.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
-
-Q_LOGGING_CATEGORY(lcContacts, "pushchat.contacts", QtInfoMsg)
 
 ContactManager::ContactManager() = default;
 
@@ -30,14 +28,14 @@ QString ContactManager::completeJid(QString jid) const
 bool ContactManager::subScribe(QString jid, QString extra)
 {
     Q_UNUSED(extra)
-    PUSHCHAT_CONTACTS_LOG("subScribe") << "subscribe() :" << completeJid(jid);
+    PUSHCHAT_TRACE(lcContacts, "subScribe") << "subscribe() :" << completeJid(jid);
     return true;
 }
 
 bool ContactManager::unSubScribe(QString jid, QString extra)
 {
     Q_UNUSED(extra)
-    PUSHCHAT_CONTACTS_LOG("unSubScribe") << "unSubScribe() :" << completeJid(jid);
+    PUSHCHAT_TRACE(lcContacts, "unSubScribe") << "unSubScribe() :" << completeJid(jid);
     return true;
 }
 
@@ -69,7 +67,7 @@ QList<Contact> ContactManager::getContactList(QString group)
     Q_UNUSED(group)
     QList<Contact> list;
     for (auto it = contacts.constBegin(); it != contacts.constEnd(); ++it) {
-        PUSHCHAT_CONTACTS_LOG("getContactList") << it.key();
+        PUSHCHAT_TRACE(lcContacts, "getContactList") << it.key();
         list.append(it.value());
     }
     return list;
@@ -97,7 +95,7 @@ bool ContactManager::jsonToContact(Contact &contact, QString json)
         if (key == QLatin1String("name")) {
             contact.name = value.toString().toUtf8();
         } else if (key == QLatin1String("phone")) {
-            PUSHCHAT_CONTACTS_LOG("jsonToContact") << int(value.type());
+            PUSHCHAT_TRACE(lcContacts, "jsonToContact") << int(value.type());
             for (const QJsonValue element : value.toArray())
                 contact.phone = element.toString().toUtf8();
         } else if (key == QLatin1String("sex")) {

@@ -4,8 +4,8 @@
 
 #include "contactmanager.h"
 
-#include "contactslog.h"
 #include "imageshrinker.h"
+#include "pushchatlog.h"
 
 #include <QBuffer>
 #include <QImage>
@@ -15,11 +15,12 @@ QString ContactManager::getImageEncodeStr(QString path, float rate)
     ImageShrinker shrinker([](const ImageShrinker::Attempt &attempt) {
         if (!attempt.loaded)
             return;
-        PUSHCHAT_CONTACTS_LOG("getImageEncodeStr") << "image:" << attempt.loadedByteCount;
-        PUSHCHAT_CONTACTS_LOG("getImageEncodeStr") << "image  Size:" << ImageShrinker::edgePerRate
-                                                   << " rate=" << attempt.rate << " scaleSize=" << attempt.edgeLimit;
+        PUSHCHAT_TRACE(lcContacts, "getImageEncodeStr") << "image:" << attempt.loadedByteCount;
+        PUSHCHAT_TRACE(lcContacts, "getImageEncodeStr")
+            << "image  Size:" << ImageShrinker::edgePerRate << " rate=" << attempt.rate
+            << " scaleSize=" << attempt.edgeLimit;
         if (attempt.tooBig)
-            PUSHCHAT_CONTACTS_LOG("getImageEncodeStr")
+            PUSHCHAT_TRACE(lcContacts, "getImageEncodeStr")
                 << "image_small size:" << attempt.candidateByteCount << " > " << ImageShrinker::pixelBudget
                 << " need resize:" << attempt.nextRate;
     });
@@ -33,6 +34,6 @@ QString ContactManager::getImageEncodeStr(QString path, float rate)
     if (!image.save(&buffer, "jpg", -1))
         return QString();
     const QString text = QString::fromLatin1(jpeg.toBase64());
-    PUSHCHAT_CONTACTS_LOG("getImageEncodeStr") << "imageStr len:" << text.size();
+    PUSHCHAT_TRACE(lcContacts, "getImageEncodeStr") << "imageStr len:" << text.size();
     return text;
 }

@@ -4,7 +4,7 @@
 
 #include "messageprivate.h"
 
-#include "enginelog.h"
+#include "pushchatlog.h"
 
 namespace {
 
@@ -19,21 +19,21 @@ constexpr int kFriendFlag = 1;
 
 void MessagePrivate::FriendAdded(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("FriendAdded") << "topic:" << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "FriendAdded") << "topic:" << msg->topicText.c_str();
     if (imReciever != nullptr)
         imReciever->onFriendAdded(text(msg->from), text(msg->to), text(msg->body));
 }
 
 void MessagePrivate::FriendAccepted(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("FriendAccepted") << "topic:" << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "FriendAccepted") << "topic:" << msg->topicText.c_str();
     if (imReciever != nullptr)
         imReciever->onFriendAccepted(text(msg->from), text(msg->to), kFriendFlag);
 }
 
 void MessagePrivate::FriendDeleted(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("FriendDeleted") << "topic:" << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "FriendDeleted") << "topic:" << msg->topicText.c_str();
     if (imReciever != nullptr)
         imReciever->onFriendDeleted(text(msg->from), text(msg->to), kFriendFlag);
 }
@@ -41,12 +41,12 @@ void MessagePrivate::FriendDeleted(MQTTMessage *msg)
 void MessagePrivate::FriendListRequest(MQTTMessage *msg)
 {
     // Lists are the server's business: a request reaching a user is noted only.
-    PUSHCHAT_ENGINE_LOG("FriendListRequest") << "body:" << msg->body.c_str();
+    PUSHCHAT_TRACE(lcEngine, "FriendListRequest") << "body:" << msg->body.c_str();
 }
 
 void MessagePrivate::FriendListIncoming(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("FriendListIncoming") << "body:" << msg->body.c_str();
+    PUSHCHAT_TRACE(lcEngine, "FriendListIncoming") << "body:" << msg->body.c_str();
     if (imReciever != nullptr)
         imReciever->onFriendList(msg->body.c_str());
 }

@@ -4,9 +4,9 @@
 #include "messageprivate.h"
 
 #include "compactjson.h"
-#include "enginelog.h"
 #include "jsonkeycheck.h"
 #include "message_lib.h"
+#include "pushchatlog.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -51,7 +51,7 @@ int MessagePrivate::sendTextMessageTo(QString ignored, QString to, int secLevel,
     if (notice) {
         msg.protocol.topic = NOTICE_TOPIC;
         msg.topicText = NOTICE_TOPIC;
-        PUSHCHAT_ENGINE_LOG("MessagePrivate") << "sendTopic:" << NOTICE_TOPIC;
+        PUSHCHAT_TRACE(lcEngine, "MessagePrivate") << "sendTopic:" << NOTICE_TOPIC;
     }
     return msg.send(2) ? 1 : 0;
 }
@@ -78,7 +78,7 @@ void MessagePrivate::modifyMessageStatusRun(QString uuid, MSG_STATUS status)
 {
     MQTTMessage msg(pushClient, true);
     const bool built = msg.setSysProtocol(serverJidText().c_str(), 2, MESSAGE_INFO, MESSAGE_MODYFY_STATUS);
-    PUSHCHAT_ENGINE_LOG("modifyMessageStatus")
+    PUSHCHAT_TRACE(lcEngine, "modifyMessageStatus")
         << "uuid:" << uuid << "status:" << int(status) << "ret:" << (built ? "true" : "false")
         << "topic:" << msg.protocol.topic.c_str() << "type" << msg.protocol.code;
     const QJsonObject body{ { QStringLiteral("uuid"), uuid }, { QStringLiteral("status"), int(status) } };
@@ -89,7 +89,7 @@ void MessagePrivate::modifyMessageStatusRun(QString uuid, MSG_STATUS status)
 
 void MessagePrivate::messageReceive(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("messageReceive")
+    PUSHCHAT_TRACE(lcEngine, "messageReceive")
         << "MessagePrivate::messageReceive length:" << msg->body.size() << " secLevel:" << msg->secLevel;
     // 9999 is for everyone; otherwise the message's level must not be below
     // the user's own.
@@ -103,14 +103,14 @@ void MessagePrivate::messageReceive(MQTTMessage *msg)
 
 void MessagePrivate::messagePresenceIn(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("messagePresenceIn") << "messagePresenceIn" << msg->from.c_str() << msg->body.c_str();
+    PUSHCHAT_TRACE(lcEngine, "messagePresenceIn") << "messagePresenceIn" << msg->from.c_str() << msg->body.c_str();
     if (imReciever != nullptr)
         imReciever->onPresence(text(msg->from), text(msg->body));
 }
 
 void MessagePrivate::messageModifyStatus(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("messageModifyStatus") << "messageModifyStatus" << msg->body.c_str();
+    PUSHCHAT_TRACE(lcEngine, "messageModifyStatus") << "messageModifyStatus" << msg->body.c_str();
 }
 
 void MessagePrivate::messageModifyClientStatus(MQTTMessage *msg)
@@ -121,7 +121,8 @@ void MessagePrivate::messageModifyClientStatus(MQTTMessage *msg)
     const QString uuid = obj.value(QLatin1String("uuid")).toString();
     const QString modifier = obj.value(QLatin1String("modifier")).toString();
     const int status = obj.value(QLatin1String("status")).toInt();
-    PUSHCHAT_ENGINE_LOG("messageModifyClientStatus") << "messageModifyClientStatus uuid" << uuid << "status" << status;
+    PUSHCHAT_TRACE(lcEngine, "messageModifyClientStatus")
+        << "messageModifyClientStatus uuid" << uuid << "status" << status;
     storePeerStatus(uuid, status);
     if (imReciever != nullptr)
         imReciever->onMessageStatusModified(modifier, uuid, status);

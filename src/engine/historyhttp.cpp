@@ -3,8 +3,8 @@
 
 #include "messageprivate.h"
 
-#include "enginelog.h"
 #include "httpsynctask.h"
+#include "pushchatlog.h"
 
 namespace {
 
@@ -17,7 +17,7 @@ bool haveLogin(const std::string &jid, const char *operation)
 {
     if (!jid.empty())
         return true;
-    PUSHCHAT_ENGINE_LOG(operation) << "not logged in: no request";
+    PUSHCHAT_TRACE(lcEngine, operation) << "not logged in: no request";
     lastErrorOfThread = QStringLiteral("not logged in");
     return false;
 }

@@ -4,8 +4,8 @@
 
 #include "httpsynctask.h"
 
-#include "enginelog.h"
 #include "httpreplyreader.h"
+#include "pushchatlog.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>

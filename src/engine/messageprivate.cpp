@@ -5,10 +5,10 @@
 
 #include "compactjson.h"
 #include "contactmanager.h"
-#include "enginelog.h"
 #include "inputlimits.h"
 #include "jid.h"
 #include "messagestore.h"
+#include "pushchatlog.h"
 #include "roomnotifier.h"
 
 #include <QJsonDocument>
@@ -22,8 +22,6 @@
 #include <cstring>
 #include <thread>
 #include <vector>
-
-Q_LOGGING_CATEGORY(lcEngine, "pushchat.engine", QtInfoMsg)
 
 namespace {
 
@@ -156,7 +154,7 @@ int MessagePrivate::registerToIMServer(
     reloadUnsent(); // what the last run did not see acknowledged goes first
     pushClient->start_connect(host.toUtf8().constData(), port, PUSH_KEEPALIVE_SECONDS);
 
-    PUSHCHAT_ENGINE_LOG("registerToServer")
+    PUSHCHAT_TRACE(lcEngine, "registerToServer")
         << "MessagePrivate::registerToServer connecting to " << host << ":" << port << " userid:" << user;
     return 1;
 }
@@ -173,8 +171,8 @@ void MessagePrivate::setFreshWill()
 
 void MessagePrivate::connectStatus(bool connected)
 {
-    PUSHCHAT_ENGINE_LOG("connectStatus") << "MessagePrivate::connectStatus connection is "
-                                         << (connected ? "true" : "false");
+    PUSHCHAT_TRACE(lcEngine, "connectStatus")
+        << "MessagePrivate::connectStatus connection is " << (connected ? "true" : "false");
     if (!connected) {
         if (pushClient->state() == PushClient::State::Refused)
             qCWarning(lcEngine).noquote() << "connection refused, not retried:" << lastConnectionErrorText();
@@ -192,7 +190,7 @@ void MessagePrivate::connectStatus(bool connected)
     // (MQTT 3.1.1, 3.8.4), where unsubscribing first would lose what the
     // broker routed between the two packets.
     for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {
-        PUSHCHAT_ENGINE_LOG("connectStatus") << "subscribe:" << topic.c_str();
+        PUSHCHAT_TRACE(lcEngine, "connectStatus") << "subscribe:" << topic.c_str();
         std::vector<char> t = mutableText(topic);
         pushClient->subscribe(t.data());
     }
@@ -240,14 +238,15 @@ void MessagePrivate::messgeRecievedMore(int mid, char *topic, void *payload, int
         return dropOversized(topic, "topic", InputLimits::TOPIC_BYTES);
     if (length > InputLimits::PAYLOAD_BYTES)
         return dropOversized(topic, "payload", InputLimits::PAYLOAD_BYTES);
-    PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << topic << " msg:" << text;
+    PUSHCHAT_TRACE(lcEngine, "messgeRecievedMore") << "messgeRecieved:" << topic << " msg:" << text;
 
     MQTTMessage msg(pushClient, true);
     if (std::strcmp(topic, NOTICE_TOPIC) == 0) {
         // Notices are for everyone: no command chain, no security check.
         if (!msg.parseMessage(text) && msg.oversized)
             return dropOversized(topic, "envelope", InputLimits::ENVELOPE_BYTES);
-        PUSHCHAT_ENGINE_LOG("messgeRecievedMore") << "messgeRecieved:" << msg.from.c_str() << " msg:" << msg.to.c_str();
+        PUSHCHAT_TRACE(lcEngine, "messgeRecievedMore")
+            << "messgeRecieved:" << msg.from.c_str() << " msg:" << msg.to.c_str();
         if (imReciever != nullptr)
             imReciever->onMessageReceive(QString::fromStdString(msg.from), QString::fromStdString(msg.to),
                 QString::fromStdString(msg.body), msg.bodyType, msg.msgType, QString::fromStdString(msg.messageKey),
@@ -384,7 +383,7 @@ int MessagePrivate::subscribe_message_group(QList<std::string> roomJids)
     if (roomJids.isEmpty())
         return 1;
     const std::vector<std::string> filters = roomFilters(roomJids);
-    PUSHCHAT_ENGINE_LOG("subscribe_message_group") << "subscribe:" << filters.size() << "rooms";
+    PUSHCHAT_TRACE(lcEngine, "subscribe_message_group") << "subscribe:" << filters.size() << "rooms";
     pushClient->subscribe(filters); // replaces a subscription held, without a gap
     std::lock_guard<std::mutex> lock(roomsMutex);
     for (const std::string &room : roomJids)
@@ -396,7 +395,7 @@ int MessagePrivate::unsubscribe_message_group(QList<std::string> roomJids)
 {
     if (pushClient == nullptr || roomJids.isEmpty())
         return 1;
-    PUSHCHAT_ENGINE_LOG("unsubscribe_message_group") << "unsubscribe:" << roomJids.size() << "rooms";
+    PUSHCHAT_TRACE(lcEngine, "unsubscribe_message_group") << "unsubscribe:" << roomJids.size() << "rooms";
     pushClient->unsubscribe(roomFilters(roomJids));
     return 1; // the rooms stay recorded until disconnection
 }
@@ -422,7 +421,7 @@ int MessagePrivate::disconnectToIMServer()
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     send_online_state(PRESENCE_OFFLINE, kQuitText, kQuitQos);
     for (const std::string &topic : MqttMesaageProtocol::getRecieveTopic(jid)) {
-        PUSHCHAT_ENGINE_LOG("disconnectToIMServer") << "unsubscribe:" << topic.c_str();
+        PUSHCHAT_TRACE(lcEngine, "disconnectToIMServer") << "unsubscribe:" << topic.c_str();
         pushClient->unsubscribe(topic.c_str());
     }
     unsubscribe_message_group(subscribedRoomJids());
@@ -437,14 +436,14 @@ int MessagePrivate::disconnectToIMServer()
     // No event arrives any more: deliver those already received, end the
     // notification threads.
     roomNotifier->finish();
-    PUSHCHAT_ENGINE_LOG("disconnectToIMServer") << "[MessagePrivate::disconnectToIMServer]";
+    PUSHCHAT_TRACE(lcEngine, "disconnectToIMServer") << "[MessagePrivate::disconnectToIMServer]";
     return 1;
 }
 
 void MessagePrivate::delayedSyncMessage(std::string topic, std::string data)
 {
     std::this_thread::sleep_for(std::chrono::seconds(5));
-    PUSHCHAT_ENGINE_LOG("delayedSyncMessage")
+    PUSHCHAT_TRACE(lcEngine, "delayedSyncMessage")
         << "delayedSyncMessage,topic:" << topic.c_str() << "data:" << data.c_str();
     if (pushClient != nullptr && !closing)
         pushClient->publish(topic.c_str(), data.c_str(), 0, false);

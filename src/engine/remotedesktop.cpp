@@ -4,7 +4,7 @@
 
 #include "messageprivate.h"
 
-#include "enginelog.h"
+#include "pushchatlog.h"
 
 bool MessagePrivate::remoteDesktopControl(QString ignored, QString peer, QString body)
 {
@@ -32,28 +32,28 @@ bool MessagePrivate::remoteDesktopBeControlReply(QString ignored, QString peer, 
 
 void MessagePrivate::RemoteDesktopControlRequest(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("RemoteDesktopControlRequest") << "topic:" << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "RemoteDesktopControlRequest") << "topic:" << msg->topicText.c_str();
     if (imReciever != nullptr)
         imReciever->onRemoteDesktopControlRequest(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
 }
 
 void MessagePrivate::RemoteDesktopControlResponse(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("RemoteDesktopControlResponse") << "topic:" << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "RemoteDesktopControlResponse") << "topic:" << msg->topicText.c_str();
     if (imReciever != nullptr)
         imReciever->onRemoteDesktopControlResponse(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
 }
 
 void MessagePrivate::RemoteDesktopBeControlRequest(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("RemoteDesktopBeControlRequest") << "topic:" << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "RemoteDesktopBeControlRequest") << "topic:" << msg->topicText.c_str();
     if (imReciever != nullptr)
         imReciever->onRemoteDesktopBeControlRequest(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
 }
 
 void MessagePrivate::RemoteDesktopBeControlResponse(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("RemoteDesktopBeControlResponse") << "topic:" << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "RemoteDesktopBeControlResponse") << "topic:" << msg->topicText.c_str();
     if (imReciever != nullptr)
         imReciever->onRemoteDesktopBeControlResponse(msg->from.c_str(), msg->to.c_str(), msg->body.c_str());
 }

@@ -5,9 +5,9 @@
 
 #include "messageprivate.h"
 
-#include "enginelog.h"
 #include "jsonkeycheck.h"
 #include "messagestore.h"
+#include "pushchatlog.h"
 
 #include <QDateTime>
 #include <QJsonArray>
@@ -237,7 +237,7 @@ void MessagePrivate::recordHistory(const std::string &body)
         if (next)
             catchUpAnchor = last;
     }
-    PUSHCHAT_ENGINE_LOG("recordHistory") << messages.size() << " messages" << (next ? ", more to come" : "");
+    PUSHCHAT_TRACE(lcEngine, "recordHistory") << messages.size() << " messages" << (next ? ", more to come" : "");
     if (next)
         startSyncMessage(last);
 }

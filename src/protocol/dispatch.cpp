@@ -3,7 +3,7 @@
 
 #include "mqttmessage.h"
 
-#include "protocollog.h"
+#include "pushchatlog.h"
 
 #include <iterator>
 
@@ -79,7 +79,7 @@ static_assert(std::size(kRoutes) == 28, "one route per handler");
 
 bool MQTTMessage::setSysProtocol(const char *jid, unsigned int count, ...)
 {
-    PUSHCHAT_PROTOCOL_TRACE("setSysProtocol") << (jid != nullptr ? jid : "");
+    PUSHCHAT_TRACE(lcProtocol, "setSysProtocol") << (jid != nullptr ? jid : "");
     va_list codes;
     va_start(codes, count);
     const bool result = protocol.vfromSysProtocol(jid, count, codes);
@@ -100,19 +100,19 @@ bool MQTTMessage::fromTopic(const char *topic, const char *data)
 {
     topicText = topic != nullptr ? topic : "";
     if (!protocol.fromTopic(topicText.c_str())) {
-        PUSHCHAT_PROTOCOL_TRACE("fromTopic") << "return  false";
+        PUSHCHAT_TRACE(lcProtocol, "fromTopic") << "return  false";
         return false;
     }
     parsedOk = protocol.valid;
     if (protocol.code == MESSAGE) {
-        PUSHCHAT_PROTOCOL_TRACE("fromTopic") << "MESSAGE";
+        PUSHCHAT_TRACE(lcProtocol, "fromTopic") << "MESSAGE";
         if (!protocol.valid)
             return false;
         parsedOk = parseMessage(data);
         return parsedOk;
     }
     if (protocol.code == SYSTEM) {
-        PUSHCHAT_PROTOCOL_TRACE("fromTopic") << "SYSTEM";
+        PUSHCHAT_TRACE(lcProtocol, "fromTopic") << "SYSTEM";
         parsedOk = parseMessage(data);
         return parsedOk;
     }
@@ -127,7 +127,7 @@ bool MQTTMessage::startMatchSys(MQTTProtocolMatchCallback *callback)
         if (!protocol.matchCodes(route.codes, route.count))
             continue;
         if (route.label != nullptr)
-            PUSHCHAT_PROTOCOL_TRACE("startMatchSys") << route.label;
+            PUSHCHAT_TRACE(lcProtocol, "startMatchSys") << route.label;
         (callback->*route.handler)(this);
         return true;
     }

@@ -6,7 +6,7 @@
 #include "compactjson.h"
 #include "envelopereader.h"
 #include "inputlimits.h"
-#include "protocollog.h"
+#include "pushchatlog.h"
 #include "pushclient.h"
 #include "vantrelcrypt.h"
 
@@ -15,8 +15,6 @@
 
 #include <cstring>
 #include <utility>
-
-Q_LOGGING_CATEGORY(lcProtocol, "pushchat.protocol", QtInfoMsg)
 
 namespace {
 
@@ -40,7 +38,7 @@ int drawKeyIndex()
 MQTTMessage::MQTTMessage(PushClient *client, bool encrypt)
     : secLevel(0), bodyType(0), msgType(0), parsedOk(false), encrypted(encrypt), pushClient(client)
 {
-    PUSHCHAT_PROTOCOL_TRACE("MQTTMessage") << "client " << static_cast<const void *>(client);
+    PUSHCHAT_TRACE(lcProtocol, "MQTTMessage") << "client " << static_cast<const void *>(client);
 }
 
 MQTTMessage::~MQTTMessage() = default;
@@ -48,7 +46,7 @@ MQTTMessage::~MQTTMessage() = default;
 bool MQTTMessage::fromText(const QString &fromJid, const QString &toJid, const QString &text,
     MediaInfo::MessageType type, int level, MESSAGE_BODY_TYPE kind, const QString &key, const QString &stampText)
 {
-    PUSHCHAT_PROTOCOL_TRACE("fromText") << "from " << fromJid << " to " << toJid;
+    PUSHCHAT_TRACE(lcProtocol, "fromText") << "from " << fromJid << " to " << toJid;
     if (protocol.code == 0)
         protocol.fromMessageProtocol(toJid.toUtf8().constData(), nullptr); // fails for a JID that fails the check
     topicText = protocol.topic;
@@ -92,7 +90,7 @@ bool MQTTMessage::encText(QString fromJid, QString toJid, QString text, MediaInf
     CompactJson::appendInt(json, msgType);
     json.append('}');
     if (json.size() > InputLimits::ENVELOPE_BYTES) {
-        PUSHCHAT_PROTOCOL_TRACE("encText") << "envelope of " << json.size() << " bytes: over the limit";
+        PUSHCHAT_TRACE(lcProtocol, "encText") << "envelope of " << json.size() << " bytes: over the limit";
         payload.clear();
         return false;
     }

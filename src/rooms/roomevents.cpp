@@ -9,8 +9,8 @@
 #include "messageprivate.h"
 
 #include "compactjson.h"
-#include "enginelog.h"
 #include "jsonkeycheck.h"
+#include "pushchatlog.h"
 #include "roomnotifier.h"
 
 #include <QDateTime>
@@ -125,7 +125,8 @@ void MessagePrivate::deliverRoomMessage(const std::string &roomJid, MESSAGE_BODY
 
 void MessagePrivate::SysGroupCreated(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("SysGroupCreated") << "SysGroupCreated " << msg->topicText.c_str() << " " << msg->body.c_str();
+    PUSHCHAT_TRACE(lcEngine, "SysGroupCreated")
+        << "SysGroupCreated " << msg->topicText.c_str() << " " << msg->body.c_str();
     Room room;
     const bool readable = readRoom(msg, room);
     if (readable && refusedRoomJid(room.jid))
@@ -138,7 +139,7 @@ void MessagePrivate::SysGroupCreated(MQTTMessage *msg)
 
 void MessagePrivate::SysGroupReleased(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("SysGroupReleased") << "SysGroupReleased " << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "SysGroupReleased") << "SysGroupReleased " << msg->topicText.c_str();
     Room room;
     const bool readable = readRoom(msg, room);
     if (readable && refusedRoomJid(room.jid))
@@ -153,7 +154,7 @@ void MessagePrivate::SysGroupReleased(MQTTMessage *msg)
 
 void MessagePrivate::SysGroupInvited(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("SysGroupInvited") << "SysGroupInvited " << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "SysGroupInvited") << "SysGroupInvited " << msg->topicText.c_str();
     Room room;
     const bool readable = readRoom(msg, room);
     if (readable && refusedRoomJid(room.jid))
@@ -169,8 +170,8 @@ void MessagePrivate::SysGroupKicked(MQTTMessage *msg)
     if (readRoom(msg, room) && refusedRoomJid(room.jid))
         return;
     refresh_room(msg, GroupSub_Kick);
-    PUSHCHAT_ENGINE_LOG("SysGroupKicked") << "SysGroupKicked " << msg->topicText.c_str() << " "
-                                          << room.operatorBy.c_str() << " account_id " << userId.c_str();
+    PUSHCHAT_TRACE(lcEngine, "SysGroupKicked") << "SysGroupKicked " << msg->topicText.c_str() << " "
+                                               << room.operatorBy.c_str() << " account_id " << userId.c_str();
 
     // operatorBy holds {"memberID": the kicked ids as the kicking client
     // listed them, "operatorBy": the kicker's id}.
@@ -196,7 +197,7 @@ bool MessagePrivate::refusedRoomEvent(MQTTMessage *msg)
 
 void MessagePrivate::SysGroupNameChanged(MQTTMessage *msg)
 {
-    PUSHCHAT_ENGINE_LOG("SysGroupNameChanged") << "SysGroupNameChanged " << msg->topicText.c_str();
+    PUSHCHAT_TRACE(lcEngine, "SysGroupNameChanged") << "SysGroupNameChanged " << msg->topicText.c_str();
     if (!refusedRoomEvent(msg))
         refresh_room(msg, GroupSub_SetGroupName);
 }

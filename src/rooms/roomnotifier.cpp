@@ -2,7 +2,7 @@
 
 #include "roomnotifier.h"
 
-#include "enginelog.h"
+#include "pushchatlog.h"
 
 #include <algorithm>
 #include <exception>

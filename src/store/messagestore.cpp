@@ -1,8 +1,8 @@
 #include "messagestore.h"
 
 #include "keyfilter.h"
+#include "pushchatlog.h"
 #include "searchtext.h"
-#include "storelog.h"
 #include "storeschema.h"
 
 #include <QDateTime>
@@ -15,8 +15,6 @@
 #include <map>
 #include <sys/resource.h>
 #include <unistd.h>
-
-Q_LOGGING_CATEGORY(lcStore, "pushchat.store", QtInfoMsg)
 
 namespace {
 

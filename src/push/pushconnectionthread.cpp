@@ -62,11 +62,11 @@ void PushConnection::run()
         case Link::Online: {
             lock.unlock();
             const int rc = serviceLink();
+            const int error = errno;
             processEvents();
             lock.lock();
             const bool unanswered = m_link == Link::Connecting && Clock::now() - m_attemptStartedAt > kConnackTimeout;
             if (rc != MOSQ_ERR_SUCCESS || unanswered) {
-                const int error = errno;
                 lock.unlock();
                 // The next attempt replaces the socket.
                 if (unanswered && rc == MOSQ_ERR_SUCCESS)
@@ -138,5 +138,17 @@ int PushConnection::serviceLink()
     std::uint64_t wakes = 0;
     if (fds[0].revents & POLLIN) [[maybe_unused]]
         const auto read = ::read(m_wakeFd, &wakes, sizeof wakes);
-    return mosquitto_loop(m_mosq, 0, 1);
+    const int rc = mosquitto_loop(m_mosq, 0, 1);
+    // A connection that ended during the TLS handshake, before any answer,
+    // is one libmosquitto would go on writing to until the CONNACK timeout:
+    // the kernel tells that it is closed, and whether it ever was open.
+    if (rc == MOSQ_ERR_SUCCESS && (fds[1].revents & POLLHUP) && mosquitto_socket(m_mosq) == socket) {
+        tcp_info info{};
+        socklen_t length = sizeof info;
+        if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 && info.tcpi_state == TCP_CLOSE) {
+            errno = info.tcpi_rtt == 0 ? ECONNREFUSED : ECONNRESET; // no round trip: the SYN was refused
+            return MOSQ_ERR_ERRNO;
+        }
+    }
+    return rc;
 }

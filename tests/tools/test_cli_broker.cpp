@@ -139,6 +139,9 @@ TEST(CliBroker, CommandsAndWhatListenPrints)
         { "--port @F send bob x",
             "2||pushchat: no connection: nothing listens on 127.0.0.1:@F (connection refused); "
             "start the broker, or check its address (--host and --port, or --broker)." },
+        { "--port @F --tls send bob x",
+            "2||pushchat: no connection: nothing listens on 127.0.0.1:@F (connection refused); "
+            "start the broker, or check its address (--host and --port, or --broker)." },
         { "--port @H --timeout 0.5 send bob x",
             "2||pushchat: no connection to 127.0.0.1:@H within 0.5 s: no MQTT broker answered there, and nothing "
             "refused the connection; check the address (--host and --port, or --broker), and --tls for a broker that "

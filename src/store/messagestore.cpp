@@ -98,7 +98,7 @@ bool MessageStore::open(const QString &path)
 {
     m_path = path;
     QString why;
-    if (!m_writer.open(path)) {
+    if (!m_writer.open(path, true, false)) {
         fail(m_writer.error());
         return false;
     }
@@ -120,6 +120,8 @@ bool MessageStore::open(const QString &path)
     m_nextId = newest.next() ? qint64(newest.integer(0)) : 0;
     newest.reset();
     m_markSent = m_writer.prepare("UPDATE messages SET state = 1 WHERE id = ?1 AND state = 0");
+    m_begin = m_writer.prepare("BEGIN IMMEDIATE");
+    m_commit = m_writer.prepare("COMMIT");
     m_readBack = m_writer.prepare(
         QByteArray("SELECT $COLUMNS FROM messages m WHERE m.id = ?1").replace("$COLUMNS", kColumns).toStdString());
     m_upsertConversation = m_writer.prepare(
@@ -127,8 +129,8 @@ bool MessageStore::open(const QString &path)
         " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
         " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
     if (!m_insertMessage.valid() || !m_insertUnindexed.valid() || !m_upsertConversation.valid() ||
-        !m_markSent.valid() || !m_readBack.valid() || !m_reader.open(path, false) ||
-        !m_reader.exec("PRAGMA query_only=1") ||
+        !m_markSent.valid() || !m_readBack.valid() || !m_begin.valid() || !m_commit.valid() ||
+        !m_reader.open(path, false, false) || !m_reader.exec("PRAGMA query_only=1") ||
         !(m_readerKnownKey = m_reader.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
                                               " AND msg_key <> ''"))
              .valid()) {
@@ -152,7 +154,7 @@ bool MessageStore::recoverOutbox()
     std::vector<StoredMessage> found;
     bool ok = m_journal.open(m_path, &found);
     if (ok && !found.empty()) {
-        ok = m_writer.exec("BEGIN IMMEDIATE");
+        ok = begin();
         for (const StoredMessage &m : found) {
             qint64 id = 0;
             ok = ok && insert(m, &id);
@@ -323,7 +325,8 @@ void MessageStore::run()
 bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vector<StoredMessage> *changed)
 {
     Moving moving;
-    bool ok = m_writer.exec("BEGIN IMMEDIATE") && moveOutbox(&moving);
+    std::vector<StoredMessage> sent; // told once committed
+    bool ok = begin() && moveOutbox(&moving) && writeSent(&sent);
     for (const auto &job : batch) {
         job->ok = ok && job->work(*job);
         ok = ok && job->ok;
@@ -344,8 +347,10 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
     m_done.notify_all();
     if (!ok || !onChanged)
         return ok;
+    changed->insert(changed->end(), std::make_move_iterator(sent.begin()), std::make_move_iterator(sent.end()));
     for (const auto &job : batch) {
-        changed->insert(changed->end(), job->recorded.begin(), job->recorded.end());
+        changed->insert(changed->end(), std::make_move_iterator(job->recorded.begin()),
+            std::make_move_iterator(job->recorded.end()));
         for (const qint64 id : job->touched) {
             m_readBack.reset();
             if (m_readBack.bind(1, std::int64_t(id)).next())
@@ -396,6 +401,12 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
     return true;
 }
 
+bool MessageStore::begin()
+{
+    m_begin.reset();
+    return m_begin.run();
+}
+
 // The conversations' changes of the transaction, one row each, then the
 // commit; a failure rolls it back.
 bool MessageStore::commit()
@@ -410,7 +421,8 @@ bool MessageStore::commit()
                        .run();
     }
     m_conversationsDue.clear();
-    if (ok && m_writer.exec("COMMIT"))
+    m_commit.reset();
+    if (ok && m_commit.run())
         return true;
     m_writer.exec("ROLLBACK");
     return false;
@@ -436,7 +448,7 @@ bool MessageStore::indexSome(int most)
 // One transaction of indexing.
 bool MessageStore::indexPass()
 {
-    if (m_writer.exec("BEGIN IMMEDIATE") && indexSome(kIndexBatch) && commit())
+    if (begin() && indexSome(kIndexBatch) && commit())
         return true;
     fail(QStringLiteral("cannot index %1: %2").arg(m_path, m_writer.error()));
     return false;
@@ -462,6 +474,39 @@ bool MessageStore::moveOutbox(Moving *moving)
     return true;
 }
 
+// The acknowledgements of moved messages, Pending to Sent, in the open
+// transaction (after the outbox's rows: a message is moved before its
+// acknowledgement is gathered here). The messages changed are told from
+// m_movedPending, which holds the moved rows not yet acknowledged, or
+// read back.
+bool MessageStore::writeSent(std::vector<StoredMessage> *changed)
+{
+    std::vector<qint64> ids;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ids.swap(m_sentDue);
+    }
+    for (const qint64 id : ids) {
+        m_markSent.reset();
+        if (!m_markSent.bind(1, std::int64_t(id)).run())
+            return false;
+        if (m_writer.changes() == 0 || !onChanged)
+            continue;
+        const auto moved = m_movedPending.find(id);
+        if (moved != m_movedPending.end()) {
+            moved->second.state = StoredState::Sent;
+            changed->push_back(std::move(moved->second));
+            m_movedPending.erase(moved);
+            continue;
+        }
+        m_readBack.reset();
+        if (m_readBack.bind(1, std::int64_t(id)).next())
+            changed->push_back(messageAt(m_readBack));
+        m_readBack.reset();
+    }
+    return true;
+}
+
 // After the transaction: committed, the retired file is emptied and the
 // rows' keys are in the table; not committed, the rows wait for the next
 // one, before those sent since.
@@ -477,10 +522,16 @@ void MessageStore::settleOutbox(Moving &moving, bool committed, std::vector<Stor
         qCWarning(lcStore).noquote() << "message store:" << m_journal.error(); // moved again at the next opening
     std::lock_guard<std::mutex> guard(m_mutex);
     m_outboxRows -= int(moving.rows.size());
+    // Bounded: acknowledgements that never come (a connection lost) leave
+    // their messages to be read back instead.
+    if (m_movedPending.size() > std::size_t(kMaxQueued))
+        m_movedPending.clear();
     for (StoredMessage &m : moving.rows) {
         m_queuedKeys.erase(dedupKey(m));
         if (m.state == StoredState::Sent) // acknowledged before it was moved
             changed->push_back(std::move(m));
+        else if (onChanged)
+            m_movedPending.emplace(m.id, std::move(m));
     }
 }
 
@@ -551,7 +602,7 @@ bool MessageStore::retentionPass()
     }
     if (doomed.empty())
         return false;
-    bool ok = m_writer.exec("BEGIN IMMEDIATE");
+    bool ok = begin();
     std::set<QString> touched;
     for (const auto &[id, conversation] : doomed) {
         ok = ok && forget(id);
@@ -628,7 +679,7 @@ void MessageStore::fillFilter()
 {
     ::setpriority(PRIO_PROCESS, ::gettid(), 19);
     SqliteDatabase db;
-    if (!db.open(m_path, false))
+    if (!db.open(m_path, false, false))
         return;
     SqliteStatement rows = db.prepare("SELECT conv, sender, msg_key FROM messages WHERE msg_key <> ''");
     std::vector<std::uint64_t> digests;
@@ -709,6 +760,7 @@ void MessageStore::markSent(qint64 id)
 {
     {
         // Acknowledged before the store's thread moved it: moved as sent.
+        // Acknowledgements come in the order of sending: the oldest first.
         std::lock_guard<std::mutex> lock(m_outboxMutex);
         const auto m =
             std::find_if(m_unmoved.begin(), m_unmoved.end(), [id](const StoredMessage &m) { return m.id == id; });
@@ -717,13 +769,19 @@ void MessageStore::markSent(qint64 id)
             return;
         }
     }
-    queue([this, id](Job &job) {
-        m_markSent.reset();
-        const bool ok = m_markSent.bind(1, std::int64_t(id)).run();
-        if (m_writer.changes() > 0)
-            job.touched.push_back(id);
-        return ok;
-    });
+    // Moved already (or being moved): written with the next transaction,
+    // after the outbox's rows, all the acknowledgements gathered at once.
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_thread.joinable() || m_stopping)
+            return;
+        wake = startGatheringLocked();
+        m_sentDue.push_back(id);
+        m_moveDue = true;
+    }
+    if (wake)
+        m_wake.notify_one();
 }
 
 void MessageStore::markReadByPeer(const QString &key)
@@ -797,7 +855,7 @@ void MessageStore::settle()
     bool queued = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        queued = m_outboxRows > 0 || !m_jobs.empty();
+        queued = m_outboxRows > 0 || !m_jobs.empty() || !m_sentDue.empty();
     }
     if (queued)
         flush();

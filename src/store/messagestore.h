@@ -44,6 +44,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 class MessageStore {
@@ -155,11 +156,14 @@ private:
     bool recoverOutbox();
     bool moveOutbox(Moving *moving);
     void settleOutbox(Moving &moving, bool committed, std::vector<StoredMessage> *changed);
+    bool writeSent(std::vector<StoredMessage> *changed);
     /// Before a read: what was written before it is committed first.
     void settle();
     bool retentionPass();
     void fail(const QString &what) const;
     bool insert(const StoredMessage &message, qint64 *id);
+    /// BEGIN IMMEDIATE, and its end (see commit()), prepared once.
+    bool begin();
     bool commit();
     bool indexSome(int most);
     bool indexPass();
@@ -176,6 +180,7 @@ private:
     std::mutex m_writerMutex; // guards m_writer and its statements; taken before m_mutex
     SqliteDatabase m_writer;
     SqliteStatement m_insertMessage, m_insertUnindexed, m_upsertConversation, m_markSent, m_readBack;
+    SqliteStatement m_begin, m_commit;
     // What the open transaction changes in each conversation, written
     // once at its commit.
     struct ConversationDue {
@@ -187,7 +192,10 @@ private:
     mutable std::mutex m_outboxMutex;     // guards m_journal and m_unmoved; taken before m_mutex
     OutboxJournal m_journal;
     std::vector<StoredMessage> m_unmoved; // in the journal, not yet moved into messages
-    SqliteStatement m_readerKnownKey;     // under m_readerMutex
+    // Moved and not yet acknowledged, by id (the store's thread's alone):
+    // what an acknowledgement tells without reading the row back.
+    std::unordered_map<qint64, StoredMessage> m_movedPending;
+    SqliteStatement m_readerKnownKey; // under m_readerMutex
     mutable SqliteDatabase m_reader;
     mutable std::mutex m_readerMutex;
 
@@ -206,7 +214,8 @@ private:
     bool m_stopping = false;
     qint64 m_nextId = 0;              // the last id given: ids follow the order of the calls
     int m_outboxRows = 0;             // rows in the outbox
-    bool m_moveDue = false;           // the outbox waits to be moved
+    std::vector<qint64> m_sentDue;    // acknowledgements of moved messages, to be written
+    bool m_moveDue = false;           // the outbox waits to be moved, or m_sentDue to be written
     int m_awaited = 0;                // queued writes a caller waits for
     std::int64_t m_gatherSinceMs = 0; // steady ms: since when queued writes wait
     std::thread m_thread;

@@ -15,7 +15,7 @@ SqliteDatabase::~SqliteDatabase()
     close();
 }
 
-bool SqliteDatabase::open(const QString &path, bool lock)
+bool SqliteDatabase::open(const QString &path, bool lock, bool serialized)
 {
     close();
     m_error.clear();
@@ -33,7 +33,7 @@ bool SqliteDatabase::open(const QString &path, bool lock)
         }
     }
     const int rc = sqlite3_open_v2(path.isEmpty() ? ":memory:" : path.toUtf8().constData(), &m_db,
-        SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
+        SQLITE_OPEN_READWRITE | (serialized ? SQLITE_OPEN_FULLMUTEX : SQLITE_OPEN_NOMUTEX), nullptr);
     if (rc != SQLITE_OK) {
         m_error = QStringLiteral("cannot open %1: %2").arg(path, QString::fromUtf8(sqlite3_errstr(rc)));
         close();

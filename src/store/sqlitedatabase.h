@@ -8,8 +8,10 @@
 // owner in this one) is told the file is in use instead of writing beside
 // it. It never deletes or truncates a file: a file that is not a database
 // gives an error and stays as it was. An empty path keeps the database in
-// memory. The connection runs in SQLite's serialized mode; statements are
-// prepared by the owner, who keeps them on one thread or under a lock.
+// memory. The connection runs in SQLite's serialized mode unless opened
+// for one thread at a time (its owner's lock around every use): then it
+// takes no lock of its own at each call. Statements are prepared by the
+// owner, who keeps them on one thread or under a lock.
 
 #include "sqlitestatement.h"
 
@@ -26,8 +28,9 @@ public:
 
     /// Opens (creating with mode 0600 when missing) and locks `path`. With
     /// `lock` false it neither creates nor locks: a second connection of the
-    /// owner that holds the lock. False, with error() set, when it cannot.
-    bool open(const QString &path, bool lock = true);
+    /// owner that holds the lock. With `serialized` false the owner uses it
+    /// from one thread at a time. False, with error() set, when it cannot.
+    bool open(const QString &path, bool lock = true, bool serialized = true);
     /// Closes and releases the lock; nothing happens when not open.
     void close();
     bool isOpen() const { return m_db != nullptr; }

@@ -19,7 +19,7 @@ SqliteStatement::~SqliteStatement()
 }
 
 SqliteStatement::SqliteStatement(SqliteStatement &&other) noexcept
-    : m_stmt(std::exchange(other.m_stmt, nullptr)), m_rc(other.m_rc)
+    : m_stmt(std::exchange(other.m_stmt, nullptr)), m_rc(other.m_rc), m_held(std::move(other.m_held))
 { }
 
 SqliteStatement &SqliteStatement::operator=(SqliteStatement &&other) noexcept
@@ -28,6 +28,7 @@ SqliteStatement &SqliteStatement::operator=(SqliteStatement &&other) noexcept
         sqlite3_finalize(m_stmt);
         m_stmt = std::exchange(other.m_stmt, nullptr);
         m_rc = other.m_rc;
+        m_held = std::move(other.m_held);
     }
     return *this;
 }
@@ -40,8 +41,9 @@ SqliteStatement &SqliteStatement::bind(int index, std::int64_t value)
 
 SqliteStatement &SqliteStatement::bind(int index, const QString &text)
 {
-    const QByteArray utf8 = text.toUtf8();
-    sqlite3_bind_text(m_stmt, index, utf8.constData(), utf8.size(), SQLITE_TRANSIENT);
+    m_held.push_back(text.toUtf8());
+    const QByteArray &utf8 = m_held.back();
+    sqlite3_bind_text(m_stmt, index, utf8.constData(), utf8.size(), SQLITE_STATIC);
     return *this;
 }
 
@@ -75,6 +77,7 @@ void SqliteStatement::reset()
 {
     sqlite3_reset(m_stmt);
     sqlite3_clear_bindings(m_stmt);
+    m_held.clear();
 }
 
 std::int64_t SqliteStatement::integer(int column) const

@@ -4,12 +4,16 @@
 // One prepared SQLite statement (internal header). Owns its sqlite3_stmt;
 // used on one thread at a time, with its connection's lock held by the
 // caller where the connection is shared. Texts go in and out as UTF-8;
-// binding indexes count from 1, column indexes from 0.
+// binding indexes count from 1, column indexes from 0. A QString bound is
+// held as UTF-8 by the statement until its reset, and bound without a
+// copy of SQLite's own.
 
+#include <QByteArray>
 #include <QString>
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -54,6 +58,7 @@ public:
 private:
     sqlite3_stmt *m_stmt = nullptr;
     int m_rc = 0;
+    std::vector<QByteArray> m_held; // the texts bound, until the reset
 };
 
 #endif // PUSHCHAT_SQLITESTATEMENT_H

@@ -135,6 +135,34 @@ TEST(MessageStore, PagesUnreadCountsAndKeysOutliveAReopening)
     EXPECT_FALSE(store->recordReceived(message("room@x", "r0", "again, once the keys are all read")));
 }
 
+// An acknowledgement before its message left the outbox, after it was
+// moved, and after a reopening: each told as Sent once, none left pending.
+TEST(MessageStore, EveryAcknowledgementIsToldWhereverItsMessageStands)
+{
+    Folder folder;
+    std::mutex mutex;
+    QStringList sent;
+    const auto tellSent = [&](const StoredMessage &m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (m.state == StoredState::Sent)
+            sent << m.key;
+    };
+    MessageStore *store = &folder.open(tellSent);
+    qint64 ids[4];
+    for (int i = 0; i < 4; ++i)
+        ids[i] = store->recordSent(message("bob@x", QString("s%1").arg(i), "x", "me@x"));
+    store->markSent(ids[0]);
+    ASSERT_TRUE(store->flush());
+    store->markSent(ids[1]);
+    store->markSent(ids[1]);
+    ASSERT_TRUE(store->flush());
+    store = &folder.open(tellSent);
+    store->markSent(ids[2]);
+    EXPECT_EQ(keys(store->pending()), QStringList{ "s3" });
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(sent, (QStringList{ "s0", "s1", "s2" }));
+}
+
 // Sends accepted by a run that died before its store's thread moved them:
 // back as pending after the next opening, in order, once, up to a record
 // the crash cut short.

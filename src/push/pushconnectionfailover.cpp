@@ -118,10 +118,6 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
         error = PushConnectionError::ServerUnavailable;
     if (detail.empty())
         detail = logged.empty() ? mosquitto_strerror(rc) : logged;
-    // libmosquitto 2.0 does not set TLS up a second time with the system's
-    // trust store alone: every later attempt fails before connecting, with
-    // this line. The first attempt's reason stays the one reported.
-    const bool repeatedTls = logged.find("MOSQ_OPT_SSL_CTX_WITH_DEFAULTS") != std::string::npos;
     bool online = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -151,11 +147,9 @@ void PushConnection::handleLinkDown(int rc, std::string detail, int systemError)
         m_refusedInTurn = refused ? m_refusedInTurn + 1 : 0;
         if (m_refusedInTurn >= m_brokers.size())
             error = PushConnectionError::NothingListening;
-        if (!repeatedTls || m_error == PushConnectionError::None) {
-            m_error = error;
-            m_errorText =
-                m_brokers[m_brokerIndex].host + ":" + std::to_string(m_brokers[m_brokerIndex].port) + ": " + detail;
-        }
+        m_error = error;
+        m_errorText =
+            m_brokers[m_brokerIndex].host + ":" + std::to_string(m_brokers[m_brokerIndex].port) + ": " + detail;
         m_brokerIndex = (m_brokerIndex + 1) % m_brokers.size(); // failover: the next broker, if any
         m_link = Link::Waiting;
         m_nextAttempt = now + m_backoff.next();

@@ -109,6 +109,17 @@ TEST(Connection, TlsPasswordsAndAccessRules)
     PushClientOptions unverified = secured(dir, "alice", "secret", "");
     unverified.tls.insecure = true;
     EXPECT_TRUE(connect(*refused[3], apps[3], unverified, "alice", elsewhere));
+
+    // The system's trust store (here the file SSL_CERT_FILE names, as
+    // OpenSSL reads it) serves the connections after a loss as well.
+    ::setenv("SSL_CERT_FILE", (dir + "ca.crt").c_str(), 1);
+    App systemApp;
+    Message_lib system{ &systemApp, &systemApp, "s", "" };
+    ASSERT_TRUE(connect(system, systemApp, secured(dir, "alice", "secret", ""), "alice", port));
+    broker.stop();
+    ASSERT_TRUE(broker.start()) << broker.log();
+    EXPECT_TRUE(systemApp.log.waitForPrefix("connected", 2)) << system.lastConnectionErrorText().toStdString();
+    ::unsetenv("SSL_CERT_FILE");
 }
 
 TEST(Connection, FailoverThroughABridge)

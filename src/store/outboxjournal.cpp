@@ -42,23 +42,92 @@ quint32 le32(const char *from)
     return value;
 }
 
-QByteArray recordOf(const StoredMessage &m)
+// A record's payload: the format's byte, then the numbers (little-endian)
+// and the texts (UTF-16 code units, each after its count). The journals of
+// earlier versions hold QDataStream payloads, whose first byte (the high
+// byte of the id) is 0: they are still read.
+constexpr char kCompact = char(0xC1);
+constexpr int kFixedBytes = 1 + 2 * 8 + 4 * 4;
+
+void putLe64(char *to, quint64 value)
 {
-    QByteArray record(kHeadBytes, '\0');
-    {
-        QDataStream out(&record, QIODevice::Append);
-        out.setVersion(QDataStream::Qt_5_0);
-        out << qint64(m.id) << m.conversation << m.key << m.sender << qint64(m.time) << m.stamp << m.body
-            << qint32(m.bodyType) << qint32(m.messageType) << qint32(m.securityLevel) << qint32(m.state);
+    for (int i = 0; i < 8; ++i)
+        to[i] = char(value >> (8 * i));
+}
+
+quint64 le64(const char *from)
+{
+    quint64 value = 0;
+    for (int i = 0; i < 8; ++i)
+        value |= quint64(quint8(from[i])) << (8 * i);
+    return value;
+}
+
+// The record (head and payload) into `record`, whose storage is reused.
+void recordOf(const StoredMessage &m, QByteArray *record)
+{
+    const QString *texts[] = { &m.conversation, &m.key, &m.sender, &m.stamp, &m.body };
+    int size = kHeadBytes + kFixedBytes;
+    for (const QString *text : texts)
+        size += 4 + 2 * text->size();
+    record->resize(size);
+    char *to = record->data() + kHeadBytes;
+    *to++ = kCompact;
+    putLe64(to, quint64(m.id));
+    putLe64(to + 8, quint64(m.time));
+    putLe32(to + 16, quint32(m.bodyType));
+    putLe32(to + 20, quint32(m.messageType));
+    putLe32(to + 24, quint32(m.securityLevel));
+    putLe32(to + 28, quint32(m.state));
+    to += kFixedBytes - 1;
+    for (const QString *text : texts) {
+        putLe32(to, quint32(text->size()));
+        to += 4;
+        for (const QChar c : *text) {
+            to[0] = char(c.unicode());
+            to[1] = char(c.unicode() >> 8);
+            to += 2;
+        }
     }
-    const int payload = record.size() - kHeadBytes;
-    putLe32(record.data(), quint32(payload));
-    putLe32(record.data() + 4, crcOf(record.constData() + kHeadBytes, payload));
-    return record;
+    const int payload = size - kHeadBytes;
+    putLe32(record->data(), quint32(payload));
+    putLe32(record->data() + 4, crcOf(record->constData() + kHeadBytes, payload));
+}
+
+bool compactOf(const QByteArray &payload, StoredMessage *m)
+{
+    const char *from = payload.constData();
+    const char *const end = from + payload.size();
+    if (payload.size() < kFixedBytes)
+        return false;
+    m->id = qint64(le64(from + 1));
+    m->time = qint64(le64(from + 9));
+    m->bodyType = int(le32(from + 17));
+    m->messageType = int(le32(from + 21));
+    m->securityLevel = int(le32(from + 25));
+    const qint32 state = qint32(le32(from + 29));
+    m->state = state == qint32(StoredState::Sent) ? StoredState::Sent : StoredState::Pending;
+    from += kFixedBytes;
+    for (QString *text : { &m->conversation, &m->key, &m->sender, &m->stamp, &m->body }) {
+        if (end - from < 4)
+            return false;
+        const quint32 units = le32(from);
+        from += 4;
+        if (quint64(end - from) < 2 * quint64(units))
+            return false;
+        text->resize(int(units));
+        QChar *to = text->data();
+        for (quint32 i = 0; i < units; ++i, from += 2)
+            to[i] = QChar(ushort(quint8(from[0]) | quint8(from[1]) << 8));
+    }
+    m->outgoing = true;
+    return from == end && m->id > 0;
 }
 
 bool messageOf(const QByteArray &payload, StoredMessage *m)
 {
+    if (!payload.isEmpty() && payload.at(0) == kCompact)
+        return compactOf(payload, m);
     QDataStream in(payload);
     in.setVersion(QDataStream::Qt_5_0);
     qint64 id = 0, time = 0;
@@ -154,7 +223,8 @@ bool OutboxJournal::read(int which, std::vector<StoredMessage> *found)
 bool OutboxJournal::append(const StoredMessage &message)
 {
     const int fd = m_fds[m_current];
-    const QByteArray record = recordOf(message);
+    recordOf(message, &m_record);
+    const QByteArray &record = m_record;
     if (!writeAll(fd, record.constData(), record.size()) || (m_syncEachAppend && ::fdatasync(fd) != 0)) {
         const QString why = systemError();
         // A part written would hide whatever comes after it.

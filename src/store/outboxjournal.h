@@ -9,14 +9,16 @@
 // appends go to the current one; rotate() starts the other, so that the
 // retired one holds only messages the store is about to commit, and
 // clear() empties it once they are. A record is its length, a CRC-32 and
-// the message; a record cut short (a power cut in the middle of a write)
-// ends a file's reading, and an append that fails is cut off again, so
-// that nothing written after it is lost behind it.
+// the message (its numbers, and its texts as UTF-16); a record cut short
+// (a power cut in the middle of a write) ends a file's reading, and an
+// append that fails is cut off again, so that nothing written after it is
+// lost behind it.
 //
 // Not thread-safe: the owner serialises the calls.
 
 #include "storedmessage.h"
 
+#include <QByteArray>
 #include <QString>
 
 #include <vector>
@@ -55,6 +57,7 @@ private:
     int m_fds[2] = { -1, -1 };
     qint64 m_sizes[2] = { 0, 0 };
     int m_current = 0;
+    QByteArray m_record; // the last record written: its storage serves the next
     QString m_error;
 };
 

@@ -12,10 +12,14 @@
 
 #include <gtest/gtest.h>
 
+#include <QDataStream>
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
+#include <QtEndian>
+
+#include <zlib.h>
 
 #include <atomic>
 #include <csignal>
@@ -165,7 +169,7 @@ TEST(MessageStore, EveryAcknowledgementIsToldWhereverItsMessageStands)
 
 // Sends accepted by a run that died before its store's thread moved them:
 // back as pending after the next opening, in order, once, up to a record
-// the crash cut short.
+// the crash cut short; a journal of the earlier format too.
 TEST(MessageStore, TheOutboxOutlivesACrashUpToATornRecord)
 {
     Folder folder;
@@ -187,12 +191,26 @@ TEST(MessageStore, TheOutboxOutlivesACrashUpToATornRecord)
     }
     QFile tail(folder.path + "-outbox.1");
     ASSERT_TRUE(tail.resize(tail.size() - 3));
+    { // a record of the earlier format (QDataStream), left by an update
+        QByteArray payload;
+        QDataStream out(&payload, QIODevice::WriteOnly);
+        out.setVersion(QDataStream::Qt_5_0);
+        out << qint64(8) << QString("bob@x") << QString("old") << QString("me@x") << qint64(1) << QString("st")
+            << QString("x") << qint32(0) << qint32(1) << qint32(0) << qint32(0);
+        QByteArray record(8, '\0');
+        qToLittleEndian<quint32>(quint32(payload.size()), record.data());
+        qToLittleEndian<quint32>(
+            quint32(crc32(0, reinterpret_cast<const Bytef *>(payload.constData()), uInt(payload.size()))),
+            record.data() + 4);
+        QFile head(folder.path + "-outbox.0");
+        ASSERT_TRUE(head.open(QIODevice::Append) && head.write(record + payload) == record.size() + payload.size());
+    }
     MessageStore &store = folder.open();
-    EXPECT_EQ(keys(store.pending()), (QStringList{ "moved", "b", "a", "c" }));
+    EXPECT_EQ(keys(store.pending()), (QStringList{ "moved", "old", "b", "a", "c" }));
     EXPECT_EQ(store.recordSent(message("bob@x", "a", "again", "me@x")), -1);
     EXPECT_GT(store.recordSent(message("bob@x", "d", "x", "me@x")), 11);
     folder.store.reset();
-    EXPECT_EQ(keys(folder.open().pending()), (QStringList{ "moved", "b", "a", "c", "d" }));
+    EXPECT_EQ(keys(folder.open().pending()), (QStringList{ "moved", "old", "b", "a", "c", "d" }));
 }
 
 TEST(MessageStore, TheKeyFilterClearsMostUnknownKeysAndNoKnownOne)

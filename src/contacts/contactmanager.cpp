@@ -15,13 +15,13 @@ ContactManager::ContactManager() = default;
 
 void ContactManager::setContactEventReciever(ImContactEventReciever *receiver)
 {
-    contactReceiver = receiver;
+    m_contactReceiver = receiver;
 }
 
 QString ContactManager::completeJid(QString jid) const
 {
     if (jid.indexOf(QLatin1Char('@')) == -1)
-        jid += QLatin1Char('@') + domain;
+        jid += QLatin1Char('@') + m_domain;
     return jid;
 }
 
@@ -66,7 +66,7 @@ QList<Contact> ContactManager::getContactList(QString group)
 {
     Q_UNUSED(group)
     QList<Contact> list;
-    for (auto it = contacts.constBegin(); it != contacts.constEnd(); ++it) {
+    for (auto it = m_contacts.constBegin(); it != m_contacts.constEnd(); ++it) {
         PUSHCHAT_TRACE(lcContacts, "getContactList") << it.key();
         list.append(it.value());
     }
@@ -111,18 +111,18 @@ bool ContactManager::jsonToContact(Contact &contact, QString json)
 
 void ContactManager::doSubScribeIncomingRequest(QString &jid, Contact &contact)
 {
-    if (contactReceiver != nullptr)
-        contactReceiver->onSubscribeRequest(jid, QString::fromUtf8(contact.text7), QString::fromUtf8(contact.text8));
+    if (m_contactReceiver != nullptr)
+        m_contactReceiver->onSubscribeRequest(jid, QString::fromUtf8(contact.text7), QString::fromUtf8(contact.text8));
 }
 
 void ContactManager::doNotifyContactInfoIncoming(QString jid, Contact &contact, QStringList list)
 {
-    if (contactReceiver != nullptr)
-        contactReceiver->onContactInfo(jid, QString::fromUtf8(contact.text7), contact.flag1, contact.flag2, list);
+    if (m_contactReceiver != nullptr)
+        m_contactReceiver->onContactInfo(jid, QString::fromUtf8(contact.text7), contact.flag1, contact.flag2, list);
 }
 
 void ContactManager::donotifyownerVcardinforevieved(QString vcard)
 {
-    if (contactReceiver != nullptr)
-        contactReceiver->onOwnerVCard(vcard);
+    if (m_contactReceiver != nullptr)
+        m_contactReceiver->onOwnerVCard(vcard);
 }

@@ -89,10 +89,10 @@ public:
 private:
     QString completeJid(QString jid) const;
 
-    ImContactEventReciever *contactReceiver = nullptr;
-    QMap<QString, Contact> contacts; // by JID
-    QString domain;                  // appended to a bare JID
-    Contact ownContact;              // the user's own record
+    ImContactEventReciever *m_contactReceiver = nullptr;
+    QMap<QString, Contact> m_contacts; // by JID
+    QString m_domain;                  // appended to a bare JID
+    Contact m_ownContact;              // the user's own record
 };
 
 #endif // PUSHCHAT_CONTACTMANAGER_H

@@ -111,7 +111,7 @@ void HttpSyncTask::exchange(const QUrl &target)
         for (qint64 n; !ended && (n = std::min(socket->bytesAvailable(), READ_BUFFER_BYTES)) > 0;)
             ended = reader.feed(socket->read(n)) != HttpReplyReader::State::Reading;
         if (ended)
-            loop.quit();
+            m_loop.quit();
     };
     QTimer silence;
     silence.setSingleShot(true);
@@ -139,7 +139,7 @@ void HttpSyncTask::exchange(const QUrl &target)
     connect(socket.get(), &QTcpSocket::disconnected, this, [&] {
         take();
         ended = ended || reader.end() != HttpReplyReader::State::Reading;
-        loop.quit();
+        m_loop.quit();
     });
     connect(socket.get(), &QAbstractSocket::errorOccurred, this, [&](QAbstractSocket::SocketError error) {
         // The server's close ends the reply, or cuts it short: disconnected
@@ -162,7 +162,7 @@ void HttpSyncTask::exchange(const QUrl &target)
     deadline.start(m_deadlineMs);
 
     if (m_reason.isEmpty())
-        loop.exec();
+        m_loop.exec();
     // No handler runs from here on; the connection is dropped at once.
     disconnect(socket.get(), nullptr, this, nullptr);
     socket->abort();
@@ -192,7 +192,7 @@ void HttpSyncTask::refuse(const QString &reason)
 {
     if (m_reason.isEmpty())
         m_reason = reason;
-    loop.quit();
+    m_loop.quit();
 }
 
 QString HttpSyncTask::socketError(const QAbstractSocket &socket)

@@ -132,7 +132,7 @@ private:
     static QString socketError(const QAbstractSocket &socket);
 
     bool m_waiting = false; // a request of this task is in progress
-    QEventLoop loop;        // where a request waits
+    QEventLoop m_loop;      // where a request waits
     QByteArray m_body;      // of the request in progress
     QString m_reason;       // why the request in progress fails
     QString m_lastError;

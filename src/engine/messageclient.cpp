@@ -23,8 +23,8 @@ public:
     template <class Emit> void post(Emit emitter)
     {
         {
-            const std::lock_guard<std::mutex> lock(mutex);
-            queued.emplace_back(std::move(emitter));
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_queued.emplace_back(std::move(emitter));
         }
         QMetaObject::invokeMethod(q, "deliverQueued", Qt::QueuedConnection);
     }
@@ -38,11 +38,11 @@ public:
     }
     std::function<void()> next()
     {
-        const std::lock_guard<std::mutex> lock(mutex);
-        if (queued.empty())
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_queued.empty())
             return {};
-        std::function<void()> emitter = std::move(queued.front());
-        queued.pop_front();
+        std::function<void()> emitter = std::move(m_queued.front());
+        m_queued.pop_front();
         return emitter;
     }
 
@@ -151,8 +151,8 @@ public:
 
 private:
     MessageClient *q;
-    std::mutex mutex;
-    std::deque<std::function<void()>> queued; // guarded by mutex
+    std::mutex m_mutex;
+    std::deque<std::function<void()>> m_queued; // guarded by m_mutex
 };
 
 MessageClient::MessageClient(const QString &deviceId, const QString &deviceName, QObject *parent)

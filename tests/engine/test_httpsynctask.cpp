@@ -34,9 +34,9 @@ int closedPort()
 
 class HttpSyncTaskTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(server.start()); }
-    QString url(const char *path = "") const { return QString::fromStdString(server.baseAddress()) + path; }
-    HttpTestServer server;
+    void SetUp() override { ASSERT_TRUE(m_server.start()); }
+    QString url(const char *path = "") const { return QString::fromStdString(m_server.baseAddress()) + path; }
+    HttpTestServer m_server;
 };
 
 // One request's body and reason: "[1]|", "|HTTP 404 Not Found".
@@ -57,7 +57,7 @@ TEST_F(HttpSyncTaskTest, RequestsRepliesAndRefusals)
 {
     HttpSyncTask task;
     EXPECT_EQ(std::make_pair(task.transferTimeout(), task.deadline()), std::make_pair(10000, 30000));
-    server.answer(200, "{}");
+    m_server.answer(200, "{}");
     // Values arrive encoded, "@" kept, and "%2…" is never a placeholder.
     const std::vector<std::pair<QByteArray, std::string>> rows{
         { task.syncHistoryMessage(url(), "alice@im.org", "0f8f-d9cb", 5),
@@ -69,14 +69,14 @@ TEST_F(HttpSyncTaskTest, RequestsRepliesAndRefusals)
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         EXPECT_EQ(rows[i].first, "{}") << rows[i].second;
-        EXPECT_EQ(server.requestLines().at(i), kApi + rows[i].second + " HTTP/1.1");
+        EXPECT_EQ(m_server.requestLines().at(i), kApi + rows[i].second + " HTTP/1.1");
     }
     // A refused port ends at once, with its reason.
     EXPECT_EQ(outcome(task, QStringLiteral("http://127.0.0.1:%1/x").arg(closedPort())), "|connection refused");
     for (const char *bad : { "not a url", "http://:5201/x" })
         EXPECT_EQ(outcome(task, bad), "|invalid url") << bad;
     EXPECT_EQ(outcome(task, "file://localhost/etc/hostname"), "|not an http or https url");
-    EXPECT_EQ(server.requestLines().size(), 3u);
+    EXPECT_EQ(m_server.requestLines().size(), 3u);
 }
 
 // Each broken or hostile reply gives "" and its reason within the deadline
@@ -113,7 +113,7 @@ TEST_F(HttpSyncTaskTest, HostileRepliesAreBounded)
     task.setDeadline(1000);
     const long before = ProcessUsage::resident();
     for (const auto &[head, piece, times, pauseMs, error] : rows) {
-        server.answerRaw(head, piece, times, pauseMs);
+        m_server.answerRaw(head, piece, times, pauseMs);
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(outcome(task, url("/h")), "|" + error);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << error;
@@ -122,11 +122,11 @@ TEST_F(HttpSyncTaskTest, HostileRepliesAreBounded)
         EXPECT_LT(ProcessUsage::resident() - before, 8 * 16 * 1024) << error;
     }
     const std::string most(HttpSyncTask::MAX_BODY_BYTES, '.');
-    server.answer(200, most);
+    m_server.answer(200, most);
     EXPECT_TRUE(outcome(task, url("/ok")) == most + "|");
-    server.answerRaw(ok + "Transfer-Encoding: chunked\r\n", "2\r\n[1\r\n1;x=y\r\n]\r\n0\r\nX-T: 1\r\n\r\n");
+    m_server.answerRaw(ok + "Transfer-Encoding: chunked\r\n", "2\r\n[1\r\n1;x=y\r\n]\r\n0\r\nX-T: 1\r\n\r\n");
     EXPECT_EQ(outcome(task, url("/chunks")), "[1]|");
-    server.answerRaw(ok, "[2]");
+    m_server.answerRaw(ok, "[2]");
     EXPECT_EQ(outcome(task, url("/close")), "[2]|");
 }
 
@@ -134,7 +134,7 @@ TEST_F(HttpSyncTaskTest, HostileRepliesAreBounded)
 // refused; plain threads use tasks of their own, also against a silent server.
 TEST_F(HttpSyncTaskTest, ThreadsNestingAndSilence)
 {
-    server.answer(200, "outer");
+    m_server.answer(200, "outer");
     HttpSyncTask task;
     QByteArray inner = "unset", foreign = "unset";
     QTimer::singleShot(0, &task, [&] {
@@ -143,7 +143,7 @@ TEST_F(HttpSyncTaskTest, ThreadsNestingAndSilence)
     });
     EXPECT_EQ(task.httpResult(url("/outer")), "outer");
     EXPECT_EQ(inner + foreign, "");
-    EXPECT_EQ(server.requestLines(), std::vector<std::string>{ "GET /outer HTTP/1.1" });
+    EXPECT_EQ(m_server.requestLines(), std::vector<std::string>{ "GET /outer HTTP/1.1" });
 
     std::vector<QByteArray> results(3);
     std::vector<std::thread> threads;
@@ -154,7 +154,7 @@ TEST_F(HttpSyncTaskTest, ThreadsNestingAndSilence)
     EXPECT_EQ(results, std::vector<QByteArray>(3, "outer"));
 
     // Silence ends a request, and so does the thread's exit.
-    server.stayQuiet();
+    m_server.stayQuiet();
     std::thread([&] {
         HttpSyncTask quiet;
         quiet.setTransferTimeout(300);
@@ -172,26 +172,26 @@ TEST_F(HttpSyncTaskTest, EngineFetches)
     Message_lib lib(&app, nullptr, "dev-h", "Desk");
     lib.setHistoryBaseAddress(url());
     lib.engine()->startSyncMessageRun("u-0");
-    EXPECT_TRUE(server.requestLines().empty());
+    EXPECT_TRUE(m_server.requestLines().empty());
     EXPECT_EQ(lib.lastHistoryError(), "not logged in");
     const QString host = QStringLiteral("127.0.0.1");
     lib.registerToImServer(host, closedPort(), "alice", QString(), 5, "im.test", QString());
     lib.setHistoryBaseAddress(QString());
     EXPECT_EQ(lib.engine()->historyBaseAddress(), "http://127.0.0.1:5201");
     lib.setHistoryBaseAddress(url());
-    server.answer(200, "[1]");
+    m_server.answer(200, "[1]");
     lib.engine()->startSyncMessageRun("u-1");
     EXPECT_EQ(lib.lastHistoryError(), "");
     // The deadline reaches the task; each thread reads its own reason.
     lib.setHistoryDeadline(200);
-    server.answerRaw("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n", "[", 0, 50);
+    m_server.answerRaw("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n", "[", 0, 50);
     std::thread([&] {
         lib.engine()->startPullMessageRun(2, 20, "u 2");
         EXPECT_EQ(lib.lastHistoryError(), "timed out after 0.2 s (deadline)");
     }).join();
     EXPECT_EQ(app.log.lines(), (Lines{ "", "[1]", "" }));
     EXPECT_EQ(lib.lastHistoryError(), "");
-    EXPECT_EQ(server.requestLines(),
+    EXPECT_EQ(m_server.requestLines(),
         (std::vector<std::string>{
             kApi + "sync_history_message?user_id=alice@im.test&msg_uuid=u-1&my_sec_level=5 HTTP/1.1",
             kApi +

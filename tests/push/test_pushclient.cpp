@@ -60,13 +60,13 @@ std::unique_ptr<PushClient> makeClient(std::string id, Recorder &recorder, const
 
 class PushClientTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(broker.start()) << broker.log(); }
+    static void SetUpTestSuite() { ASSERT_TRUE(m_broker.start()) << m_broker.log(); }
 
     static std::unique_ptr<PushClient> online(const std::string &id, Recorder &recorder)
     {
         auto client = makeClient(id, recorder);
-        EXPECT_EQ(client->start_connect(broker.host(), broker.port(), 60), kOk);
-        EXPECT_TRUE(recorder.waitStatuses("1")) << broker.log();
+        EXPECT_EQ(client->start_connect(m_broker.host(), m_broker.port(), 60), kOk);
+        EXPECT_TRUE(recorder.waitStatuses("1")) << m_broker.log();
         return client;
     }
     // Once the client's own probe, sent after the request, is back, the subscription is in force.
@@ -77,14 +77,14 @@ protected:
     }
     static std::size_t count(const std::string &text)
     {
-        return std::size_t(QString::fromStdString(broker.log()).count(QString::fromStdString(text)));
+        return std::size_t(QString::fromStdString(m_broker.log()).count(QString::fromStdString(text)));
     }
     static bool logged(const std::string &text)
     {
         return eventually([&] { return count(text) > 0; });
     }
 
-    static inline MosquittoBroker broker{ MosquittoBroker::Options{ true, true, "clientid_prefixes c-" } };
+    static inline MosquittoBroker m_broker{ MosquittoBroker::Options{ true, true, "clientid_prefixes c-" } };
 };
 
 TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)
@@ -102,8 +102,8 @@ TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)
     auto client = makeClient("c-queued", side, bounded);
     auto spare = makeClient("c-spare", spareSide);
     auto noId = makeClient("", side);
-    const char *host = broker.host();
-    const int port = broker.port();
+    const char *host = m_broker.host();
+    const int port = m_broker.port();
     const std::string longest(65535, 't'), tooLong(65536, 't'), fill(84, 'b'), overflow(85, 'b');
     char bad[] = "q/#/b", all[] = "q/#", other[] = "q/y";
     const std::tuple<const char *, int, R> rows[] = {
@@ -153,7 +153,7 @@ TEST_F(PushClientTest, RequestsAreCheckedBoundedQueuedThenDeliveredIntact)
     for (Recorder *r : { &sinkSide, &side })
         EXPECT_TRUE(eventually([&] { return r->log.starting("q/a|") == queued; })) << r->log.lines().size();
     EXPECT_TRUE(eventually([&] { return client->pendingCount() == 0; }));
-    EXPECT_TRUE(logged("as c-queued (p2, c0, k5)") && logged("as c-spare (p2, c0, k0)")) << broker.log();
+    EXPECT_TRUE(logged("as c-queued (p2, c0, k5)") && logged("as c-spare (p2, c0, k0)")) << m_broker.log();
 
     // Any bytes, large payloads, every QoS; each echoed from inside the receiving callback.
     std::string allBytes;
@@ -179,7 +179,7 @@ TEST_F(PushClientTest, OfflineRequestsWaitForTheBrokerEachChangeIsReportedOnceRe
     auto sink = online("c-sink2", sinkSide);
     ASSERT_TRUE(subscribed(*sink, sinkSide, "r/#", "r/probe"));
     auto client = online("c-eager", side);
-    broker.stop();
+    m_broker.stop();
     ASSERT_TRUE(side.waitStatuses("10"));
     Lines sent;
     for (int i = 0; i < 20; ++i) {
@@ -187,27 +187,27 @@ TEST_F(PushClientTest, OfflineRequestsWaitForTheBrokerEachChangeIsReportedOnceRe
         sent.push_back(fields("r/m", i, 2));
     }
     auto patient = makeClient("c-patient", patientSide, slow);
-    ASSERT_EQ(patient->start_connect(broker.host(), broker.port(), 60), kOk);
+    ASSERT_EQ(patient->start_connect(m_broker.host(), m_broker.port(), 60), kOk);
     ASSERT_TRUE(patientSide.waitStatuses("0"));
     std::this_thread::sleep_for(200ms); // the eager client retries meanwhile, unreported
 
-    ASSERT_TRUE(broker.start()) << broker.log();
+    ASSERT_TRUE(m_broker.start()) << m_broker.log();
     EXPECT_TRUE(side.waitStatuses("101"));
     EXPECT_TRUE(eventually([&] { return sinkSide.log.starting("r/m|") == sent; }));
     EXPECT_TRUE(eventually([&] { return client->pendingCount() == 0; }));
     // The patient client keeps to its delay unless asked again.
     EXPECT_EQ(fields(patientSide.statuses(), patient->state()), fields("0", State::Connecting));
-    ASSERT_EQ(patient->start_connect(broker.host(), broker.port(), 60), kOk);
+    ASSERT_EQ(patient->start_connect(m_broker.host(), m_broker.port(), 60), kOk);
     EXPECT_TRUE(patientSide.waitStatuses("01"));
 
     // A refusal (CONNACK 5) is reported once and retried only when asked.
     auto refused = makeClient("refused", refusedSide);
-    ASSERT_EQ(refused->start_connect(broker.host(), broker.port(), 60), kOk);
+    ASSERT_EQ(refused->start_connect(m_broker.host(), m_broker.port(), 60), kOk);
     ASSERT_TRUE(refusedSide.waitStatuses("0"));
     std::this_thread::sleep_for(300ms);                       // a retrying client would be back by now
     EXPECT_EQ(refused->publish("t", "later", 2, false), kOk); // kept for a later connection
     EXPECT_EQ(fields(count("not authorised"), refused->state(), refused->pendingCount()), fields(1, State::Refused, 1));
-    ASSERT_EQ(refused->start_connect(broker.host(), broker.port(), 60), kOk);
+    ASSERT_EQ(refused->start_connect(m_broker.host(), m_broker.port(), 60), kOk);
     EXPECT_TRUE(eventually([&] { return count("not authorised") == 2 && refused->state() == State::Refused; }));
     EXPECT_EQ(refusedSide.statuses(), "0");
 }
@@ -237,7 +237,7 @@ TEST_F(PushClientTest, AnEndFlushesAndSaysDisconnect)
         }
     };
     victim = makeClient("c-victim", victimSide);
-    ASSERT_EQ(victim->start_connect(broker.host(), broker.port(), 60), kOk);
+    ASSERT_EQ(victim->start_connect(m_broker.host(), m_broker.port(), 60), kOk);
     ASSERT_TRUE(victimSide.waitStatuses("1"));
     char filter[] = "v/#";
     ASSERT_EQ(victim->subscribe({ filter }, 2), kOk);
@@ -246,7 +246,7 @@ TEST_F(PushClientTest, AnEndFlushesAndSaysDisconnect)
             sink->publish("v/x", "hello", 1, false);
         return gone.load();
     }));
-    EXPECT_TRUE(logged("Client c-leaving disconnected.") && logged("Client c-victim disconnected.")) << broker.log();
+    EXPECT_TRUE(logged("Client c-leaving disconnected.") && logged("Client c-victim disconnected.")) << m_broker.log();
     EXPECT_EQ(victimSide.log.starting("v/").size(), 1u);
 }
 

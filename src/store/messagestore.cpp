@@ -257,6 +257,10 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
 
 void MessageStore::run()
 {
+    // Below the connection's threads: what it commits, nobody waits for
+    // (a send waits for the journal alone), and it catches up when they
+    // leave the processor free.
+    ::setpriority(PRIO_PROCESS, ::gettid(), 10);
     std::int64_t wroteMs = steadyMs(); // the last batch's commit
     for (;;) {
         enum {

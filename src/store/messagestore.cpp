@@ -112,9 +112,12 @@ bool MessageStore::open(const QString &path)
     m_insertMessage = m_writer.prepare(
         "INSERT OR IGNORE INTO messages(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
         " outgoing, state) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
-    m_insertUnindexed = m_writer.prepare("INSERT INTO unindexed(id) VALUES(?1)");
-    SqliteStatement unindexed = m_writer.prepare("SELECT count(*) FROM unindexed");
-    m_unindexed = unindexed.next() ? unindexed.integer(0) : 0;
+    m_indexOne = m_writer.prepare("INSERT INTO search(rowid, words) VALUES(?1, search_words(?2))");
+    SqliteStatement mark = m_writer.prepare("SELECT upto FROM search_mark");
+    m_indexedUpTo = mark.next() ? mark.integer(0) : 0;
+    mark.reset();
+    SqliteStatement unindexed = m_writer.prepare("SELECT count(*) FROM messages WHERE id > ?1");
+    m_unindexed = unindexed.bind(1, std::int64_t(m_indexedUpTo)).next() ? unindexed.integer(0) : 0;
     unindexed.reset();
     SqliteStatement newest = m_writer.prepare("SELECT coalesce(max(id), 0) FROM messages");
     m_nextId = newest.next() ? qint64(newest.integer(0)) : 0;
@@ -128,9 +131,9 @@ bool MessageStore::open(const QString &path)
         "INSERT INTO conversations(conv, last_id, last_at, unread) VALUES(?1, ?2, ?4, ?3) ON CONFLICT(conv) DO UPDATE"
         " SET last_id = CASE WHEN excluded.last_at >= last_at THEN excluded.last_id ELSE last_id END,"
         " last_at = max(last_at, excluded.last_at), unread = unread + excluded.unread");
-    if (!m_insertMessage.valid() || !m_insertUnindexed.valid() || !m_upsertConversation.valid() ||
-        !m_markSent.valid() || !m_readBack.valid() || !m_begin.valid() || !m_commit.valid() ||
-        !m_reader.open(path, false, false) || !m_reader.exec("PRAGMA query_only=1") ||
+    if (!m_insertMessage.valid() || !m_indexOne.valid() || !m_upsertConversation.valid() || !m_markSent.valid() ||
+        !m_readBack.valid() || !m_begin.valid() || !m_commit.valid() || !m_reader.open(path, false, false) ||
+        !m_reader.exec("PRAGMA query_only=1") ||
         !(m_readerKnownKey = m_reader.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
                                               " AND msg_key <> ''"))
              .valid()) {
@@ -160,7 +163,7 @@ bool MessageStore::recoverOutbox()
             ok = ok && insert(m, &id);
             m_nextId = std::max(m_nextId, m.id);
         }
-        ok = ok && commit();
+        ok = ok ? commit() : rollback();
         qCInfo(lcStore) << "recovered" << found.size() << "messages from the outbox";
     }
     if (!(ok && m_journal.clear(0) && m_journal.clear(1))) {
@@ -335,7 +338,7 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
         job->ok = ok && job->work(*job);
         ok = ok && job->ok;
     }
-    ok = ok && commit();
+    ok = ok ? commit() : rollback();
     if (!ok)
         fail(QStringLiteral("cannot write to %1: %2").arg(m_path, m_writer.error()));
     {
@@ -398,17 +401,30 @@ bool MessageStore::insert(const StoredMessage &m, qint64 *id)
         due.lastAt = m.time;
     }
     due.unread += m.state == StoredState::Received;
-    m_insertUnindexed.reset();
-    if (!m_insertUnindexed.bind(1, std::int64_t(*id)).run())
-        return false;
-    ++m_unindexed;
-    return true;
+    if (m.id > m_indexedUpTo) {
+        ++m_unindexed; // for a pass
+        return true;
+    }
+    // Below the mark (its id was given before a pass that went past it
+    // was committed): indexed now.
+    m_indexOne.reset();
+    return m_indexOne.bind(1, std::int64_t(m.id)).bind(2, m.body).run();
 }
 
 bool MessageStore::begin()
 {
+    m_indexedUpToAtBegin = m_indexedUpTo;
     m_begin.reset();
     return m_begin.run();
+}
+
+// Undoes the open transaction, and what it changed in memory.
+bool MessageStore::rollback()
+{
+    m_writer.exec("ROLLBACK");
+    m_conversationsDue.clear();
+    m_indexedUpTo = m_indexedUpToAtBegin;
+    return false;
 }
 
 // The conversations' changes of the transaction, one row each, then the
@@ -428,31 +444,42 @@ bool MessageStore::commit()
     m_commit.reset();
     if (ok && m_commit.run())
         return true;
-    m_writer.exec("ROLLBACK");
-    return false;
+    return rollback();
 }
 
 // At most `most` of the messages not yet in the full-text index, oldest
-// first, into it, in the writer's open transaction.
+// first, into it, in the writer's open transaction; the mark follows.
 bool MessageStore::indexSome(int most)
 {
-    const char *const kSome = "(SELECT id FROM unindexed ORDER BY id LIMIT ?1)";
+    SqliteStatement some =
+        m_writer.prepare("SELECT count(*), max(id) FROM (SELECT id FROM messages WHERE id > ?1 ORDER BY id LIMIT ?2)");
+    if (!some.bind(1, std::int64_t(m_indexedUpTo)).bind(2, most).next())
+        return false;
+    const qint64 count = some.integer(0), upto = some.integer(1);
+    some.reset();
+    if (count == 0) {
+        m_unindexed = 0;
+        return true;
+    }
     const bool ok = m_writer
-                        .prepare(std::string("INSERT INTO search(rowid, words) SELECT id, search_words(body)"
-                                             " FROM messages WHERE id IN ") +
-                                 kSome)
-                        .bind(1, most)
+                        .prepare(
+                            "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages"
+                            " WHERE id > ?1 AND id <= ?2")
+                        .bind(1, std::int64_t(m_indexedUpTo))
+                        .bind(2, std::int64_t(upto))
                         .run() &&
-                    m_writer.prepare(std::string("DELETE FROM unindexed WHERE id IN ") + kSome).bind(1, most).run();
-    if (ok)
-        m_unindexed = m_writer.changes() < most ? 0 : std::max<qint64>(0, m_unindexed - m_writer.changes());
-    return ok;
+                    m_writer.prepare("UPDATE search_mark SET upto = ?1").bind(1, std::int64_t(upto)).run();
+    if (!ok)
+        return false;
+    m_indexedUpTo = upto;
+    m_unindexed = count < most ? 0 : std::max<qint64>(0, m_unindexed - count);
+    return true;
 }
 
 // One transaction of indexing.
 bool MessageStore::indexPass()
 {
-    if (begin() && indexSome(kIndexBatch) && commit())
+    if (begin() && (indexSome(kIndexBatch) ? commit() : rollback()))
         return true;
     fail(QStringLiteral("cannot index %1: %2").arg(m_path, m_writer.error()));
     return false;
@@ -541,19 +568,17 @@ void MessageStore::settleOutbox(Moving &moving, bool committed, std::vector<Stor
 
 bool MessageStore::forget(qint64 id)
 {
-    // A message not yet indexed leaves the list; one indexed, the index
-    // (which must be told the words it was given).
-    if (!m_writer.prepare("DELETE FROM unindexed WHERE id = ?1").bind(1, std::int64_t(id)).run())
+    // A message above the mark leaves the messages alone; one below it,
+    // the index too (which must be told the words it was given).
+    if (id > m_indexedUpTo)
+        m_unindexed = std::max<qint64>(0, m_unindexed - 1);
+    else if (!m_writer
+                  .prepare("INSERT INTO search(search, rowid, words)"
+                           " SELECT 'delete', id, search_words(body) FROM messages WHERE id = ?1")
+                  .bind(1, std::int64_t(id))
+                  .run())
         return false;
-    if (m_writer.changes() > 0)
-        --m_unindexed;
-    return (m_writer.changes() > 0 || m_writer
-                                          .prepare("INSERT INTO search(search, rowid, words)"
-                                                   " SELECT 'delete', id, search_words(body) FROM messages"
-                                                   " WHERE id = ?1")
-                                          .bind(1, std::int64_t(id))
-                                          .run()) &&
-           m_writer.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
+    return m_writer.prepare("DELETE FROM messages WHERE id = ?1").bind(1, std::int64_t(id)).run();
 }
 
 bool MessageStore::recount(const QString &conversation)
@@ -614,7 +639,7 @@ bool MessageStore::retentionPass()
     }
     for (const QString &conversation : touched)
         ok = ok && recount(conversation);
-    if (!(ok && commit())) {
+    if (!(ok ? commit() : rollback())) {
         fail(QStringLiteral("cannot apply the retention to %1: %2").arg(m_path, m_writer.error()));
         return false;
     }

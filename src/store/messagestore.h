@@ -165,6 +165,8 @@ private:
     /// BEGIN IMMEDIATE, and its end (see commit()), prepared once.
     bool begin();
     bool commit();
+    /// Always false.
+    bool rollback();
     bool indexSome(int most);
     bool indexPass();
     /// The ids `sql` (bound to `value`) selects, added to `ids`.
@@ -179,7 +181,7 @@ private:
     QString m_path;
     std::mutex m_writerMutex; // guards m_writer and its statements; taken before m_mutex
     SqliteDatabase m_writer;
-    SqliteStatement m_insertMessage, m_insertUnindexed, m_upsertConversation, m_markSent, m_readBack;
+    SqliteStatement m_insertMessage, m_indexOne, m_upsertConversation, m_markSent, m_readBack;
     SqliteStatement m_begin, m_commit;
     // What the open transaction changes in each conversation, written
     // once at its commit.
@@ -189,7 +191,10 @@ private:
     };
     std::map<QString, ConversationDue> m_conversationsDue;
     std::atomic<qint64> m_unindexed{ 0 }; // about how many messages the full-text index lacks
-    mutable std::mutex m_outboxMutex;     // guards m_journal and m_unmoved; taken before m_mutex
+    // The full-text index holds every message up to this id (search_mark),
+    // and its value when the open transaction began.
+    qint64 m_indexedUpTo = 0, m_indexedUpToAtBegin = 0;
+    mutable std::mutex m_outboxMutex; // guards m_journal and m_unmoved; taken before m_mutex
     OutboxJournal m_journal;
     std::vector<StoredMessage> m_unmoved; // in the journal, not yet moved into messages
     // Moved and not yet acknowledged, by id (the store's thread's alone):

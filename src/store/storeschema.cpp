@@ -33,6 +33,14 @@ const char *const kSteps[] = {
     "DROP INDEX messages_sent_by_key;"
     "DROP INDEX messages_by_key;"
     "CREATE UNIQUE INDEX messages_by_key ON messages(msg_key, conv, sender) WHERE msg_key <> '';",
+    // 4: instead of that list, a mark: the full-text index holds every
+    // message up to search_mark's id (those recorded later with a smaller
+    // id are indexed as they are recorded), and the passes go on from it.
+    "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages"
+    " WHERE id IN (SELECT id FROM unindexed);"
+    "CREATE TABLE search_mark(upto INTEGER NOT NULL);"
+    "INSERT INTO search_mark SELECT coalesce(max(id), 0) FROM messages;"
+    "DROP TABLE unindexed;",
 };
 
 void searchWords(sqlite3_context *context, int, sqlite3_value **values)

@@ -7,8 +7,9 @@
 // with their keys unique per conversation and sender, and the conversation
 // index (newest message, unread count). Version 2 adds the full-text index,
 // built from the bodies already there; version 3 the list of messages not
-// yet in it. A store is brought up to kVersion step by step when it is
-// opened; the version is SQLite's user_version.
+// yet in it, which version 4 replaces with the id up to which it holds
+// them. A store is brought up to kVersion step by step when it is opened;
+// the version is SQLite's user_version.
 
 #include <QString>
 
@@ -16,7 +17,7 @@ class SqliteDatabase;
 
 namespace StoreSchema {
 
-constexpr int kVersion = 3;
+constexpr int kVersion = 4;
 
 /// The statements that take a store from version `to` - 1 to `to`.
 const char *step(int to);

@@ -174,6 +174,7 @@ TEST(MessageStore, TheOutboxOutlivesACrashUpToATornRecord)
 {
     Folder folder;
     folder.open().recordSent(message("bob@x", "moved", "x", "me@x"));
+    EXPECT_EQ(keys(folder.store->search("x", {}, 5)), QStringList{ "moved" });
     folder.store.reset();
     {
         OutboxJournal journal(false);
@@ -205,8 +206,13 @@ TEST(MessageStore, TheOutboxOutlivesACrashUpToATornRecord)
         QFile head(folder.path + "-outbox.0");
         ASSERT_TRUE(head.open(QIODevice::Append) && head.write(record + payload) == record.size() + payload.size());
     }
+    { // as if a search index pass had gone past their ids before they were moved
+        SqliteDatabase db;
+        ASSERT_TRUE(db.open(folder.path) && db.exec("UPDATE search_mark SET upto = 100"));
+    }
     MessageStore &store = folder.open();
     EXPECT_EQ(keys(store.pending()), (QStringList{ "moved", "old", "b", "a", "c" }));
+    EXPECT_EQ(keys(store.search("x", {}, 9)), (QStringList{ "c", "a", "b", "old", "moved" }));
     EXPECT_EQ(store.recordSent(message("bob@x", "a", "again", "me@x")), -1);
     EXPECT_GT(store.recordSent(message("bob@x", "d", "x", "me@x")), 11);
     folder.store.reset();
@@ -251,23 +257,30 @@ TEST(MessageStore, RetentionKeepsTheNewestAndThePending)
     EXPECT_GT(before, 0);
 }
 
-TEST(MessageStore, TheFirstVersionIsBroughtUp)
+// Stores of earlier versions: the first, without a search index; the
+// third, with a message listed as not yet indexed.
+TEST(MessageStore, EarlierVersionsAreBroughtUp)
 {
-    QTemporaryDir dir;
-    const QString path = dir.filePath("v1.db");
-    {
-        SqliteDatabase db;
-        ASSERT_TRUE(db.open(path));
-        ASSERT_TRUE(db.exec(std::string(StoreSchema::step(1)) +
-                            "PRAGMA user_version=1;"
-                            "INSERT INTO messages VALUES(1,'bob@x','k','bob@x',1,'','kept from before 北京',0,1,0,0,2);"
-                            "INSERT INTO conversations VALUES('bob@x',1,1,1);"));
+    for (const int version : { 1, 3 }) {
+        QTemporaryDir dir;
+        const QString path = dir.filePath("old.db");
+        {
+            SqliteDatabase db;
+            ASSERT_TRUE(db.open(path) && StoreSchema::registerFunctions(db));
+            for (int to = 1; to <= version; ++to)
+                ASSERT_TRUE(db.exec(StoreSchema::step(to)));
+            ASSERT_TRUE(
+                db.exec("PRAGMA user_version=" + std::to_string(version) +
+                        ";INSERT INTO messages VALUES(1,'bob@x','k','bob@x',1,'','kept from before 北京',0,1,0,0,2);"
+                        "INSERT INTO conversations VALUES('bob@x',1,1,1);" +
+                        (version == 3 ? "INSERT INTO unindexed VALUES(1);" : "")));
+        }
+        MessageStore store;
+        ASSERT_TRUE(store.open(path)) << store.error().toStdString();
+        EXPECT_EQ(keys(store.search("北京", {}, 5)), QStringList{ "k" }) << version;
+        EXPECT_EQ(keys(store.search("before", {}, 5)), QStringList{ "k" }) << version;
+        EXPECT_EQ(store.conversations().size(), 1);
     }
-    MessageStore store;
-    ASSERT_TRUE(store.open(path)) << store.error().toStdString();
-    EXPECT_EQ(keys(store.search("北京", {}, 5)), QStringList{ "k" });
-    EXPECT_EQ(keys(store.search("before", {}, 5)), QStringList{ "k" });
-    EXPECT_EQ(store.conversations().size(), 1);
 }
 
 // Each file is refused with a reason naming it, and left as it was.

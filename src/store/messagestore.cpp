@@ -166,7 +166,7 @@ bool MessageStore::recoverOutbox()
         ok = ok ? commit() : rollback();
         qCInfo(lcStore) << "recovered" << found.size() << "messages from the outbox";
     }
-    if (!(ok && m_journal.clear(0) && m_journal.clear(1))) {
+    if (!(ok && m_journal.reset())) {
         fail(QStringLiteral("cannot use the outbox of %1: %2")
                  .arg(m_path, m_journal.error().isEmpty() ? m_writer.error() : m_journal.error()));
         m_writer.close();

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@ namespace {
 
 constexpr quint32 kMostRecordBytes = 256u << 20; // larger lengths are damage, not records
 constexpr int kHeadBytes = 8;                    // length, CRC-32
+constexpr qint64 kLeastMapped = 64 << 10;        // a mapped file's first size
 
 QString systemError()
 {
@@ -144,15 +146,16 @@ bool messageOf(const QByteArray &payload, StoredMessage *m)
     return in.status() == QDataStream::Ok && in.atEnd() && id > 0;
 }
 
-bool writeAll(int fd, const char *data, qint64 size)
+bool writeAll(int fd, qint64 at, const char *data, qint64 size)
 {
     while (size > 0) {
-        const ssize_t n = ::write(fd, data, std::size_t(size));
+        const ssize_t n = ::pwrite(fd, data, std::size_t(size), off_t(at));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             return false;
         data += n;
+        at += n;
         size -= n;
     }
     return true;
@@ -165,10 +168,43 @@ OutboxJournal::OutboxJournal(bool syncEachAppend) : m_syncEachAppend(syncEachApp
 
 OutboxJournal::~OutboxJournal()
 {
-    for (const int fd : m_fds) {
-        if (fd >= 0)
-            ::close(fd);
+    for (int which = 0; which < 2; ++which) {
+        unmap(which);
+        if (m_fds[which] >= 0)
+            ::close(m_fds[which]);
     }
+}
+
+void OutboxJournal::unmap(int which)
+{
+    if (m_maps[which] != nullptr)
+        ::munmap(m_maps[which], std::size_t(m_mapped[which]));
+    m_maps[which] = nullptr;
+    m_mapped[which] = 0;
+}
+
+// Not synced, file `which` is written through a shared mapping of at least
+// `bytes`, its blocks reserved (a full disk fails here, not at a write
+// through the mapping).
+bool OutboxJournal::mapAtLeast(int which, qint64 bytes)
+{
+    if (bytes <= m_mapped[which])
+        return true;
+    qint64 size = std::max(kLeastMapped, m_mapped[which]);
+    while (size < bytes)
+        size *= 2;
+    const int error = ::posix_fallocate(m_fds[which], 0, off_t(size));
+    if (error != 0) {
+        errno = error;
+        return false;
+    }
+    void *map = ::mmap(nullptr, std::size_t(size), PROT_READ | PROT_WRITE, MAP_SHARED, m_fds[which], 0);
+    if (map == MAP_FAILED)
+        return false;
+    unmap(which);
+    m_maps[which] = static_cast<char *>(map);
+    m_mapped[which] = size;
+    return true;
 }
 
 bool OutboxJournal::failed(const QString &what)
@@ -181,8 +217,7 @@ bool OutboxJournal::open(const QString &storePath, std::vector<StoredMessage> *f
 {
     for (int which = 0; which < 2; ++which) {
         m_paths[which] = storePath + QLatin1String(which == 0 ? "-outbox.0" : "-outbox.1");
-        m_fds[which] =
-            ::open(QFile::encodeName(m_paths[which]).constData(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        m_fds[which] = ::open(QFile::encodeName(m_paths[which]).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (m_fds[which] < 0)
             return failed(QStringLiteral("cannot open %1: %2").arg(m_paths[which], systemError()));
         if (!read(which, found))
@@ -216,19 +251,29 @@ bool OutboxJournal::read(int which, std::vector<StoredMessage> *found)
         found->push_back(std::move(m));
         at += kHeadBytes + length;
     }
-    m_sizes[which] = size;
+    m_sizes[which] = at;
     return true;
 }
 
 bool OutboxJournal::append(const StoredMessage &message)
 {
     const int fd = m_fds[m_current];
+    const qint64 at = m_sizes[m_current];
     recordOf(message, &m_record);
     const QByteArray &record = m_record;
-    if (!writeAll(fd, record.constData(), record.size()) || (m_syncEachAppend && ::fdatasync(fd) != 0)) {
+    if (!m_syncEachAppend) {
+        // Into the system's cache through the mapping, no call to it: what
+        // is there outlives the process.
+        if (!mapAtLeast(m_current, at + record.size()))
+            return failed(QStringLiteral("cannot write to %1: %2").arg(m_paths[m_current], systemError()));
+        std::memcpy(m_maps[m_current] + at, record.constData(), std::size_t(record.size()));
+        m_sizes[m_current] += record.size();
+        return true;
+    }
+    if (!writeAll(fd, at, record.constData(), record.size()) || ::fdatasync(fd) != 0) {
         const QString why = systemError();
         // A part written would hide whatever comes after it.
-        if (::ftruncate(fd, m_sizes[m_current]) != 0)
+        if (::ftruncate(fd, at) != 0)
             return failed(QStringLiteral("cannot write to %1: %2; and cannot cut the part written: %3")
                               .arg(m_paths[m_current], why, systemError()));
         return failed(QStringLiteral("cannot write to %1: %2").arg(m_paths[m_current], why));
@@ -248,9 +293,27 @@ bool OutboxJournal::clear(int which)
 {
     if (m_sizes[which] == 0)
         return true;
-    if (::ftruncate(m_fds[which], 0) != 0 || (m_syncEachAppend && ::fdatasync(m_fds[which]) != 0))
+    if (m_maps[which] != nullptr) {
+        // Zeroed, no call to the system: a record of length 0 ends the
+        // reading (and what a death in the middle leaves after the zeros
+        // is committed already).
+        std::memset(m_maps[which], 0, std::size_t(m_sizes[which]));
+    } else if (::ftruncate(m_fds[which], 0) != 0 || (m_syncEachAppend && ::fdatasync(m_fds[which]) != 0)) {
         return failed(QStringLiteral("cannot empty %1: %2").arg(m_paths[which], systemError()));
+    }
     m_sizes[which] = 0;
+    return true;
+}
+
+bool OutboxJournal::reset()
+{
+    for (int which = 0; which < 2; ++which) {
+        unmap(which);
+        if (::ftruncate(m_fds[which], 0) != 0 || (m_syncEachAppend && ::fdatasync(m_fds[which]) != 0) ||
+            (!m_syncEachAppend && !mapAtLeast(which, kLeastMapped)))
+            return failed(QStringLiteral("cannot empty %1: %2").arg(m_paths[which], systemError()));
+        m_sizes[which] = 0;
+    }
     return true;
 }
 

@@ -27,7 +27,8 @@ class OutboxJournal {
 public:
     /// With `syncEachAppend` an append returns once its record is on disk;
     /// without it, once it is in the system's hands (it survives the
-    /// process's death, not a power cut).
+    /// process's death, not a power cut): copied into a shared mapping of
+    /// the file, whose blocks are reserved beforehand.
     explicit OutboxJournal(bool syncEachAppend);
     ~OutboxJournal();
     OutboxJournal(const OutboxJournal &) = delete;
@@ -44,6 +45,9 @@ public:
     int rotate();
     /// Empties file `which` (0 or 1); false (error() set) when it cannot.
     bool clear(int which);
+    /// Empties both files to nothing, after open() (and what it found is
+    /// stored); false (error() set) when it cannot.
+    bool reset();
     /// Both files' sizes.
     qint64 bytes() const;
     QString error() const { return m_error; }
@@ -51,11 +55,15 @@ public:
 private:
     bool read(int which, std::vector<StoredMessage> *found);
     bool failed(const QString &what);
+    bool mapAtLeast(int which, qint64 bytes);
+    void unmap(int which);
 
     const bool m_syncEachAppend;
     QString m_paths[2];
     int m_fds[2] = { -1, -1 };
-    qint64 m_sizes[2] = { 0, 0 };
+    qint64 m_sizes[2] = { 0, 0 };           // the records' bytes (a mapped file is longer, zeros after them)
+    char *m_maps[2] = { nullptr, nullptr }; // not synced: the files' shared mappings
+    qint64 m_mapped[2] = { 0, 0 };
     int m_current = 0;
     QByteArray m_record; // the last record written: its storage serves the next
     QString m_error;

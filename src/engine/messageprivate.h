@@ -376,6 +376,9 @@ private:
     static constexpr std::size_t kUnsentHeld = 256;
     qint64 unsentAfter = 0;     // the newest written message taken into unsent
     bool unsentInStore = false; // written messages after unsentAfter wait in the store
+    // Whether unsent or the store holds messages not handed over (as left
+    // by the last handOverStored): an acknowledgement hands over only then.
+    std::atomic<bool> unsentWaiting{ false };
     QString storeError;
     QString catchUpAnchor; // the last sync asked for by the catch-up
     int catchUpPages = 0;  // answers of this login's catch-up so far

@@ -115,12 +115,13 @@ void MessagePrivate::handOverStored()
             const std::string &topic = notice ? std::string(NOTICE_TOPIC) : msg.protocol.topic;
             const int rc = pushClient->publish(topic.c_str(), msg.payload.c_str(), 2, false, std::uint64_t(m.id));
             if (rc == int(PushResult::OutboxFull))
-                return;
+                break;
             if (rc != int(PushResult::Ok))
                 qCWarning(lcEngine) << "stored message" << m.key << "not handed to the connection, result" << rc;
         }
         unsent.pop_front();
     }
+    unsentWaiting = !unsent.empty() || unsentInStore;
 }
 
 void MessagePrivate::published(std::uint64_t ticket)
@@ -128,7 +129,10 @@ void MessagePrivate::published(std::uint64_t ticket)
     if (store == nullptr)
         return;
     store->markSent(qint64(ticket));
-    handOverStored();
+    // Nothing waits most of the time: the sender hands its message over
+    // itself, and this thread does not wait for the sender's lock.
+    if (unsentWaiting)
+        handOverStored();
 }
 
 void MessagePrivate::reloadUnsent()

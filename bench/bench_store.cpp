@@ -4,7 +4,8 @@
 // included), a send's write (synced or not), opening and
 // listing the conversations with unread counts, a page of 50, searches for
 // a Latin word, a four- and a two-character Chinese word, the file's size
-// per message; then chat between two façades through mosquitto with the
+// per message; the two stores' CPU time per message of chat without the
+// network; then chat between two façades through mosquitto with the
 // store off and on (synced, not synced, the sender's or the receiver's
 // alone), in alternating rounds of one run, each until the last message
 // arrived and both stores committed everything.

@@ -114,8 +114,13 @@ void MessagePrivate::handOverStored()
                 m.securityLevel, MESSAGE_BODY_TYPE(m.bodyType), m.key, m.stamp)) {
             const std::string &topic = notice ? std::string(NOTICE_TOPIC) : msg.protocol.topic;
             const int rc = pushClient->publish(topic.c_str(), msg.payload.c_str(), 2, false, std::uint64_t(m.id));
-            if (rc == int(PushResult::OutboxFull))
+            if (rc == int(PushResult::OutboxFull)) {
+                // From now on acknowledgements hand over; one more try in
+                // case all of them came before they could see that.
+                if (!unsentWaiting.exchange(true))
+                    continue;
                 break;
+            }
             if (rc != int(PushResult::Ok))
                 qCWarning(lcEngine) << "stored message" << m.key << "not handed to the connection, result" << rc;
         }

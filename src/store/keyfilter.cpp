@@ -47,6 +47,11 @@ std::uint64_t KeyFilter::digest(const QString &conversation, const QString &send
         std::string_view(s.constData(), std::size_t(s.size())), std::string_view(k.constData(), std::size_t(k.size())));
 }
 
+std::uint64_t KeyFilter::digest(std::string_view key)
+{
+    return absorb(0x9e3779b97f4a7c15ULL, key);
+}
+
 // Double hashing: probe i is h1 + i * h2, h2 odd so that the probes differ.
 void KeyFilter::add(std::uint64_t digest)
 {

@@ -23,6 +23,9 @@ public:
     /// key, in UTF-8 (as the store holds them) or as strings.
     static std::uint64_t digest(std::string_view conversation, std::string_view sender, std::string_view key);
     static std::uint64_t digest(const QString &conversation, const QString &sender, const QString &key);
+    /// The digest of a key alone. Stores keep it (see storeschema.h): it
+    /// must never change.
+    static std::uint64_t digest(std::string_view key);
 
     void add(std::uint64_t digest);
     bool mayContain(std::uint64_t digest) const;

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -22,7 +23,7 @@ constexpr const char *kColumns =
     "m.id, m.conv, m.msg_key, m.sender, m.at, m.stamp, m.body, m.body_type, m.msg_type, m.sec_level, m.outgoing, "
     "m.state";
 constexpr std::int64_t kRetentionEveryMs = 10 * 60 * 1000;
-constexpr std::int64_t kGatherMs = 10;      // writes nobody waits for are committed within this
+constexpr std::int64_t kGatherMs = 50;      // writes nobody waits for are committed within this
 constexpr std::int64_t kIndexQuietMs = 200; // an index pass follows this long without writes
 
 std::int64_t steadyMs()
@@ -50,12 +51,14 @@ StoredMessage messageAt(const SqliteStatement &row, int first = 0)
 }
 
 // Binds a message's own fields as ?1 to ?9: conversation, key, sender,
-// time, stamp, body, body type, message type, level.
+// time, stamp, body, body type, message type, level; and the key's hash
+// as ?13.
 void bindFields(SqliteStatement &s, const StoredMessage &m)
 {
     s.reset();
     s.bind(1, m.conversation).bind(2, m.key).bind(3, m.sender).bind(4, std::int64_t(m.time)).bind(5, m.stamp);
     s.bind(6, m.body).bind(7, m.bodyType).bind(8, m.messageType).bind(9, m.securityLevel);
+    s.bind(13, StoreSchema::keyHash(m.key));
 }
 
 QString dedupKey(const StoredMessage &m)
@@ -111,7 +114,7 @@ bool MessageStore::open(const QString &path)
     m_writer.exec("PRAGMA cache_size=-16384"); // 16 MiB: the indexes' pages of a large store stay at hand
     m_insertMessage = m_writer.prepare(
         "INSERT OR IGNORE INTO messages(id, conv, msg_key, sender, at, stamp, body, body_type, msg_type, sec_level,"
-        " outgoing, state) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
+        " outgoing, state, key_hash) VALUES(?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?13)");
     m_indexOne = m_writer.prepare("INSERT INTO search(rowid, words) VALUES(?1, search_words(?2))");
     SqliteStatement mark = m_writer.prepare("SELECT upto FROM search_mark");
     m_indexedUpTo = mark.next() ? mark.integer(0) : 0;
@@ -134,8 +137,8 @@ bool MessageStore::open(const QString &path)
     if (!m_insertMessage.valid() || !m_indexOne.valid() || !m_upsertConversation.valid() || !m_markSent.valid() ||
         !m_readBack.valid() || !m_begin.valid() || !m_commit.valid() || !m_reader.open(path, false, false) ||
         !m_reader.exec("PRAGMA query_only=1") ||
-        !(m_readerKnownKey = m_reader.prepare("SELECT 1 FROM messages WHERE conv = ?1 AND sender = ?2 AND msg_key = ?3"
-                                              " AND msg_key <> ''"))
+        !(m_readerKnownKey = m_reader.prepare("SELECT 1 FROM messages WHERE key_hash = ?4 AND key_hash <> 0"
+                                              " AND conv = ?1 AND sender = ?2 AND msg_key = ?3"))
              .valid()) {
         fail(QStringLiteral("cannot use %1: %2").arg(path, m_reader.isOpen() ? m_writer.error() : m_reader.error()));
         m_writer.close();
@@ -347,7 +350,7 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
             job->ok = job->ok && ok;
             job->done = true;
             if (!job->dedupKey.isEmpty())
-                m_queuedKeys.erase(job->dedupKey);
+                m_queuedKeys.remove(job->dedupKey);
         }
     }
     settleOutbox(moving, ok, changed);
@@ -374,14 +377,6 @@ void MessageStore::tell(const std::vector<StoredMessage> &changed) const
         return;
     for (const StoredMessage &m : changed)
         onChanged(m);
-}
-
-void MessageStore::collect(const char *sql, const QString &value, std::vector<qint64> *ids)
-{
-    SqliteStatement rows = m_writer.prepare(sql);
-    rows.bind(1, value);
-    while (rows.next())
-        ids->push_back(rows.integer(0));
 }
 
 bool MessageStore::insert(const StoredMessage &m, qint64 *id)
@@ -558,7 +553,7 @@ void MessageStore::settleOutbox(Moving &moving, bool committed, std::vector<Stor
     if (m_movedPending.size() > std::size_t(kMaxQueued))
         m_movedPending.clear();
     for (StoredMessage &m : moving.rows) {
-        m_queuedKeys.erase(dedupKey(m));
+        m_queuedKeys.remove(dedupKey(m));
         if (m.state == StoredState::Sent) // acknowledged before it was moved
             changed->push_back(std::move(m));
         else if (onChanged)
@@ -660,8 +655,9 @@ qint64 MessageStore::recordSent(StoredMessage message)
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_thread.joinable() || m_stopping)
             return 0;
-        if (!m_queuedKeys.insert(key).second)
+        if (m_queuedKeys.contains(key))
             return -1; // reserved while it is written
+        m_queuedKeys.insert(key);
         maybe = mayBeStoredLocked(digest);
         m_filter.add(digest);
         message.id = ++m_nextId;
@@ -683,7 +679,7 @@ qint64 MessageStore::recordSent(StoredMessage message)
             wake = startGatheringLocked();
             m_moveDue = true;
         } else {
-            m_queuedKeys.erase(key);
+            m_queuedKeys.remove(key);
         }
     }
     if (!ok)
@@ -734,8 +730,11 @@ void MessageStore::fillFilter()
 bool MessageStore::keyStored(const StoredMessage &message)
 {
     std::lock_guard<std::mutex> lock(m_readerMutex);
-    const bool known =
-        m_readerKnownKey.bind(1, message.conversation).bind(2, message.sender).bind(3, message.key).next();
+    const bool known = m_readerKnownKey.bind(1, message.conversation)
+                           .bind(2, message.sender)
+                           .bind(3, message.key)
+                           .bind(4, StoreSchema::keyHash(message.key))
+                           .next();
     m_readerKnownKey.reset(); // ends its read: the reader sees later commits
     return known;
 }
@@ -749,7 +748,7 @@ bool MessageStore::recordReceived(const StoredMessage &message)
         bool maybe = true;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_queuedKeys.count(key) != 0)
+            if (m_queuedKeys.contains(key))
                 return false;
             maybe = mayBeStoredLocked(digest);
         }
@@ -768,10 +767,12 @@ bool MessageStore::recordReceived(const StoredMessage &message)
     };
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (!key.isEmpty() && !m_queuedKeys.insert(key).second)
-            return false;
-        if (!key.isEmpty())
+        if (!key.isEmpty()) {
+            if (m_queuedKeys.contains(key))
+                return false;
+            m_queuedKeys.insert(key);
             m_filter.add(digest);
+        }
         if (!m_thread.joinable() || m_stopping)
             return true;
         job->id = ++m_nextId; // the order of arrival
@@ -816,13 +817,14 @@ void MessageStore::markSent(qint64 id)
 void MessageStore::markReadByPeer(const QString &key)
 {
     queue([this, key](Job &job) {
-        collect("SELECT id FROM messages WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1", key,
-            &job.touched);
-        return m_writer
-            .prepare(
-                "UPDATE messages SET state = 3 WHERE msg_key = ?1 AND msg_key <> '' AND outgoing = 1 AND state = 1")
-            .bind(1, key)
-            .run();
+        const char *const where =
+            " WHERE key_hash = ?2 AND key_hash <> 0 AND msg_key = ?1 AND outgoing = 1 AND state = 1";
+        const std::int64_t hash = StoreSchema::keyHash(key);
+        SqliteStatement found = m_writer.prepare(std::string("SELECT id FROM messages") + where);
+        found.bind(1, key).bind(2, hash);
+        while (found.next())
+            job.touched.push_back(found.integer(0));
+        return m_writer.prepare(std::string("UPDATE messages SET state = 3") + where).bind(1, key).bind(2, hash).run();
     });
 }
 
@@ -934,9 +936,11 @@ QList<StoredMessage> MessageStore::messages(const QString &conversation, const Q
     std::int64_t at = INT64_MAX, id = INT64_MAX;
     if (!beforeKey.isEmpty()) {
         std::lock_guard<std::mutex> lock(m_readerMutex);
-        SqliteStatement anchor =
-            m_reader.prepare("SELECT at, id FROM messages WHERE conv = ?1 AND msg_key = ?2 AND msg_key <> '' LIMIT 1");
-        if (!anchor.bind(1, conversation).bind(2, beforeKey).next())
+        SqliteStatement anchor = m_reader.prepare(
+            "SELECT at, id FROM messages"
+            " WHERE key_hash = ?3 AND key_hash <> 0 AND conv = ?1 AND msg_key = ?2"
+            " LIMIT 1");
+        if (!anchor.bind(1, conversation).bind(2, beforeKey).bind(3, StoreSchema::keyHash(beforeKey)).next())
             return {};
         at = anchor.integer(0);
         id = anchor.integer(1);

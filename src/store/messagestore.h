@@ -30,6 +30,7 @@
 #include "sqlitedatabase.h"
 #include "storedmessage.h"
 
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -42,7 +43,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -169,8 +169,6 @@ private:
     bool rollback();
     bool indexSome(int most);
     bool indexPass();
-    /// The ids `sql` (bound to `value`) selects, added to `ids`.
-    void collect(const char *sql, const QString &value, std::vector<qint64> *ids);
     /// Tells onChanged, with no lock held.
     void tell(const std::vector<StoredMessage> &changed) const;
     bool forget(qint64 id);
@@ -209,8 +207,8 @@ private:
     std::condition_variable m_done;
     std::condition_variable m_room; // the queue took a batch
     std::deque<std::shared_ptr<Job>> m_jobs;
-    std::set<QString> m_queuedKeys; // messages queued or in the outbox, not yet in messages
-    KeyFilter m_filter;             // every key stored or reserved, once m_filterReady
+    QSet<QString> m_queuedKeys; // messages queued or in the outbox, not yet in messages
+    KeyFilter m_filter;         // every key stored or reserved, once m_filterReady
     bool m_filterReady = false;
     mutable QString m_error;
     qint64 m_maxAgeMs = 0;

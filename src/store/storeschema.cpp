@@ -1,5 +1,6 @@
 #include "storeschema.h"
 
+#include "keyfilter.h"
 #include "searchtext.h"
 #include "sqlitedatabase.h"
 
@@ -41,6 +42,14 @@ const char *const kSteps[] = {
     "CREATE TABLE search_mark(upto INTEGER NOT NULL);"
     "INSERT INTO search_mark SELECT coalesce(max(id), 0) FROM messages;"
     "DROP TABLE unindexed;",
+    // 5: the keys' index holds a number per key (key_hash) instead of the
+    // key, its conversation and its sender: a tenth of the size, and much
+    // cheaper to write as keys come in no order. The rows it finds are
+    // checked against the strings.
+    "ALTER TABLE messages ADD COLUMN key_hash INTEGER NOT NULL DEFAULT 0;"
+    "UPDATE messages SET key_hash = key_hash(msg_key) WHERE msg_key <> '';"
+    "DROP INDEX messages_by_key;"
+    "CREATE INDEX messages_by_key ON messages(key_hash) WHERE key_hash <> 0;",
 };
 
 void searchWords(sqlite3_context *context, int, sqlite3_value **values)
@@ -53,6 +62,13 @@ void searchWords(sqlite3_context *context, int, sqlite3_value **values)
     }
     const QByteArray words = SearchText::words(QString::fromUtf8(utf8, bytes)).toUtf8();
     sqlite3_result_text(context, words.constData(), words.size(), SQLITE_TRANSIENT);
+}
+
+void keyHashOf(sqlite3_context *context, int, sqlite3_value **values)
+{
+    const auto *utf8 = reinterpret_cast<const char *>(sqlite3_value_text(values[0]));
+    sqlite3_result_int64(
+        context, StoreSchema::keyHash(std::string_view(utf8, std::size_t(sqlite3_value_bytes(values[0])))));
 }
 
 int integerOf(SqliteDatabase &db, const char *sql)
@@ -68,10 +84,23 @@ const char *StoreSchema::step(int to)
     return to >= 1 && to <= kVersion ? kSteps[to - 1] : nullptr;
 }
 
+std::int64_t StoreSchema::keyHash(std::string_view key)
+{
+    return key.empty() ? 0 : std::int64_t(KeyFilter::digest(key) >> 1) | 1;
+}
+
+std::int64_t StoreSchema::keyHash(const QString &key)
+{
+    const QByteArray utf8 = key.toUtf8();
+    return keyHash(std::string_view(utf8.constData(), std::size_t(utf8.size())));
+}
+
 bool StoreSchema::registerFunctions(SqliteDatabase &db)
 {
     return sqlite3_create_function(db.handle(), "search_words", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr,
-               searchWords, nullptr, nullptr) == SQLITE_OK;
+               searchWords, nullptr, nullptr) == SQLITE_OK &&
+           sqlite3_create_function(db.handle(), "key_hash", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr, keyHashOf,
+               nullptr, nullptr) == SQLITE_OK;
 }
 
 bool StoreSchema::prepare(SqliteDatabase &db, const QString &path, QString *error)

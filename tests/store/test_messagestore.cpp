@@ -272,7 +272,8 @@ TEST(MessageStore, RetentionKeepsTheNewestAndThePending)
 }
 
 // Stores of earlier versions: the first, without a search index; the
-// third, with a message listed as not yet indexed.
+// third, with a message listed as not yet indexed. Both index keys by
+// their strings.
 TEST(MessageStore, EarlierVersionsAreBroughtUp)
 {
     for (const int version : { 1, 3 }) {
@@ -294,6 +295,11 @@ TEST(MessageStore, EarlierVersionsAreBroughtUp)
         EXPECT_EQ(keys(store.search("北京", {}, 5)), QStringList{ "k" }) << version;
         EXPECT_EQ(keys(store.search("before", {}, 5)), QStringList{ "k" }) << version;
         EXPECT_EQ(store.conversations().size(), 1);
+        // Its key is found as a later one's is: a repeat is refused, and
+        // a page before it holds what came earlier.
+        EXPECT_FALSE(store.recordReceived(message("bob@x", "k", "again")));
+        ASSERT_TRUE(store.recordReceived(message("bob@x", "k2", "later")));
+        EXPECT_EQ(keys(store.messages("bob@x", "k2", 5)), QStringList{ "k" }) << version;
     }
 }
 

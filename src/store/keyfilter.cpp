@@ -1,5 +1,7 @@
 #include "keyfilter.h"
 
+#include "utf8view.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -42,9 +44,8 @@ std::uint64_t KeyFilter::digest(std::string_view conversation, std::string_view 
 
 std::uint64_t KeyFilter::digest(const QString &conversation, const QString &sender, const QString &key)
 {
-    const QByteArray c = conversation.toUtf8(), s = sender.toUtf8(), k = key.toUtf8();
-    return digest(std::string_view(c.constData(), std::size_t(c.size())),
-        std::string_view(s.constData(), std::size_t(s.size())), std::string_view(k.constData(), std::size_t(k.size())));
+    const Utf8View c(conversation), s(sender), k(key);
+    return digest(c.view(), s.view(), k.view());
 }
 
 std::uint64_t KeyFilter::digest(std::string_view key)

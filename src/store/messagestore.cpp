@@ -61,17 +61,19 @@ void bindFields(SqliteStatement &s, const StoredMessage &m)
     s.bind(13, StoreSchema::keyHash(m.key));
 }
 
-QString dedupKey(const StoredMessage &m)
+std::uint64_t digestOf(const StoredMessage &m)
 {
-    return m.conversation + QChar(0x1f) + m.sender + QChar(0x1f) + m.key;
+    return KeyFilter::digest(m.conversation, m.sender, m.key);
 }
 
 } // namespace
 
 struct MessageStore::Job {
     Work work;
-    bool awaited = false; // a caller waits for its commit
-    QString dedupKey;     // a received message's, while queued
+    bool awaited = false;     // a caller waits for its commit
+    StoredMessage received;   // a received message's job: the message
+    bool keyed = false;       // it has a key, reserved in m_queuedKeys while queued
+    std::uint64_t digest = 0; // its identity's
     qint64 id = 0;
     std::vector<StoredMessage> recorded; // told after the commit
     std::vector<qint64> touched;         // changed: read back and told after the commit
@@ -349,8 +351,8 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
         for (const auto &job : batch) {
             job->ok = job->ok && ok;
             job->done = true;
-            if (!job->dedupKey.isEmpty())
-                m_queuedKeys.remove(job->dedupKey);
+            if (job->keyed)
+                m_queuedKeys.remove(job->digest, job->received);
         }
     }
     settleOutbox(moving, ok, changed);
@@ -490,6 +492,7 @@ bool MessageStore::moveOutbox(Moving *moving)
     {
         std::lock_guard<std::mutex> lock(m_outboxMutex);
         moving->rows.swap(m_unmoved);
+        m_unmoved.reserve(moving->rows.size()); // as many again, likely
         moving->file = m_journal.rotate();
     }
     for (const StoredMessage &m : moving->rows) {
@@ -553,7 +556,7 @@ void MessageStore::settleOutbox(Moving &moving, bool committed, std::vector<Stor
     if (m_movedPending.size() > std::size_t(kMaxQueued))
         m_movedPending.clear();
     for (StoredMessage &m : moving.rows) {
-        m_queuedKeys.remove(dedupKey(m));
+        m_queuedKeys.remove(digestOf(m), m);
         if (m.state == StoredState::Sent) // acknowledged before it was moved
             changed->push_back(std::move(m));
         else if (onChanged)
@@ -648,16 +651,14 @@ qint64 MessageStore::recordSent(StoredMessage message)
 {
     message.outgoing = true;
     message.state = StoredState::Pending;
-    const QString key = dedupKey(message);
-    const std::uint64_t digest = KeyFilter::digest(message.conversation, message.sender, message.key);
+    const std::uint64_t digest = digestOf(message);
     bool maybe = true;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_thread.joinable() || m_stopping)
             return 0;
-        if (m_queuedKeys.contains(key))
+        if (!m_queuedKeys.add(digest, message))
             return -1; // reserved while it is written
-        m_queuedKeys.insert(key);
         maybe = mayBeStoredLocked(digest);
         m_filter.add(digest);
         message.id = ++m_nextId;
@@ -679,7 +680,7 @@ qint64 MessageStore::recordSent(StoredMessage message)
             wake = startGatheringLocked();
             m_moveDue = true;
         } else {
-            m_queuedKeys.remove(key);
+            m_queuedKeys.remove(digest, message);
         }
     }
     if (!ok)
@@ -741,14 +742,13 @@ bool MessageStore::keyStored(const StoredMessage &message)
 
 bool MessageStore::recordReceived(const StoredMessage &message)
 {
-    const QString key = message.key.isEmpty() ? QString() : dedupKey(message);
-    const std::uint64_t digest =
-        key.isEmpty() ? 0 : KeyFilter::digest(message.conversation, message.sender, message.key);
-    if (!key.isEmpty()) {
+    const bool keyed = !message.key.isEmpty();
+    const std::uint64_t digest = keyed ? digestOf(message) : 0;
+    if (keyed) {
         bool maybe = true;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_queuedKeys.contains(key))
+            if (m_queuedKeys.contains(digest, message))
                 return false;
             maybe = mayBeStoredLocked(digest);
         }
@@ -757,20 +757,21 @@ bool MessageStore::recordReceived(const StoredMessage &message)
     }
     auto job = std::make_shared<Job>();
     bool wake = false;
-    job->dedupKey = key;
-    job->work = [this, message = message](Job &job) mutable {
-        message.id = job.id;
-        const bool ok = insert(message, &job.id);
+    job->received = message;
+    job->work = [this](Job &job) {
+        job.received.id = job.id;
+        const bool ok = insert(job.received, &job.id);
         if (job.id > 0)
-            job.recorded.push_back(message);
+            job.recorded.push_back(job.received);
         return ok;
     };
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (!key.isEmpty()) {
-            if (m_queuedKeys.contains(key))
+        if (keyed) {
+            if (!m_queuedKeys.add(digest, message))
                 return false;
-            m_queuedKeys.insert(key);
+            job->keyed = true;
+            job->digest = digest;
             m_filter.add(digest);
         }
         if (!m_thread.joinable() || m_stopping)

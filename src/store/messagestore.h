@@ -27,10 +27,10 @@
 
 #include "keyfilter.h"
 #include "outboxjournal.h"
+#include "queuedkeys.h"
 #include "sqlitedatabase.h"
 #include "storedmessage.h"
 
-#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -207,8 +207,8 @@ private:
     std::condition_variable m_done;
     std::condition_variable m_room; // the queue took a batch
     std::deque<std::shared_ptr<Job>> m_jobs;
-    QSet<QString> m_queuedKeys; // messages queued or in the outbox, not yet in messages
-    KeyFilter m_filter;         // every key stored or reserved, once m_filterReady
+    QueuedKeys m_queuedKeys; // messages queued or in the outbox, not yet in messages
+    KeyFilter m_filter;      // every key stored or reserved, once m_filterReady
     bool m_filterReady = false;
     mutable QString m_error;
     qint64 m_maxAgeMs = 0;

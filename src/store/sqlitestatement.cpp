@@ -1,8 +1,16 @@
 #include "sqlitestatement.h"
 
+#include "utf8view.h"
+
 #include <sqlite3.h>
 
 #include <utility>
+
+namespace {
+
+constexpr std::size_t kKeptRoom = 64 * 1024;
+
+} // namespace
 
 SqliteStatement::SqliteStatement(sqlite3 *db, std::string_view sql)
 {
@@ -10,7 +18,11 @@ SqliteStatement::SqliteStatement(sqlite3 *db, std::string_view sql)
     if (m_rc != SQLITE_OK) {
         sqlite3_finalize(m_stmt);
         m_stmt = nullptr;
+        return;
     }
+    // Sized once: SQLite keeps pointers into these strings, which a
+    // resize would move (short ones live inside the string itself).
+    m_held.resize(std::size_t(sqlite3_bind_parameter_count(m_stmt)));
 }
 
 SqliteStatement::~SqliteStatement()
@@ -41,9 +53,11 @@ SqliteStatement &SqliteStatement::bind(int index, std::int64_t value)
 
 SqliteStatement &SqliteStatement::bind(int index, const QString &text)
 {
-    m_held.push_back(text.toUtf8());
-    const QByteArray &utf8 = m_held.back();
-    sqlite3_bind_text(m_stmt, index, utf8.constData(), utf8.size(), SQLITE_STATIC);
+    if (index < 1 || std::size_t(index) > m_held.size())
+        return *this; // no such parameter
+    std::string &utf8 = m_held[std::size_t(index - 1)];
+    Utf8View::assign(text, &utf8);
+    sqlite3_bind_text(m_stmt, index, utf8.data(), int(utf8.size()), SQLITE_STATIC);
     return *this;
 }
 
@@ -77,7 +91,10 @@ void SqliteStatement::reset()
 {
     sqlite3_reset(m_stmt);
     sqlite3_clear_bindings(m_stmt);
-    m_held.clear();
+    // The texts held stay, for their room, unless a large one took much.
+    for (std::string &held : m_held)
+        if (held.capacity() > kKeptRoom)
+            std::string().swap(held);
 }
 
 std::int64_t SqliteStatement::integer(int column) const

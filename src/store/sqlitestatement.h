@@ -5,13 +5,14 @@
 // used on one thread at a time, with its connection's lock held by the
 // caller where the connection is shared. Texts go in and out as UTF-8;
 // binding indexes count from 1, column indexes from 0. A QString bound is
-// held as UTF-8 by the statement until its reset, and bound without a
-// copy of SQLite's own.
+// held as UTF-8 by the statement until its next binding at that index (the
+// room kept from one use to the next), and bound without a copy of
+// SQLite's own.
 
-#include <QByteArray>
 #include <QString>
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -58,7 +59,7 @@ public:
 private:
     sqlite3_stmt *m_stmt = nullptr;
     int m_rc = 0;
-    std::vector<QByteArray> m_held; // the texts bound, until the reset
+    std::vector<std::string> m_held; // the texts bound, by index - 1
 };
 
 #endif // PUSHCHAT_SQLITESTATEMENT_H

@@ -3,6 +3,7 @@
 #include "keyfilter.h"
 #include "searchtext.h"
 #include "sqlitedatabase.h"
+#include "utf8view.h"
 
 #include <sqlite3.h>
 
@@ -91,8 +92,7 @@ std::int64_t StoreSchema::keyHash(std::string_view key)
 
 std::int64_t StoreSchema::keyHash(const QString &key)
 {
-    const QByteArray utf8 = key.toUtf8();
-    return keyHash(std::string_view(utf8.constData(), std::size_t(utf8.size())));
+    return keyHash(Utf8View(key).view());
 }
 
 bool StoreSchema::registerFunctions(SqliteDatabase &db)

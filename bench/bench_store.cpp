@@ -8,7 +8,8 @@
 // network; then chat between two façades through mosquitto with the
 // store off and on (synced, not synced, the sender's or the receiver's
 // alone), in alternating rounds of one run, each until the last message
-// arrived and both stores committed everything.
+// arrived and both stores committed everything. Message keys are
+// random-looking UUIDs, as applications and the library make them.
 
 #include "facadeside.h"
 #include "messagestore.h"
@@ -248,12 +249,14 @@ void chat(benchmark::State &state)
     MosquittoBroker broker;
     broker.start();
     const int count = int(benchmqtt::messageCount());
-    const int rounds = benchmqtt::smoke() ? 1 : 5;
+    const int rounds = benchmqtt::smoke() ? 1 : 7;
     std::vector<double> rates[5], ratioSynced, ratioUnsynced;
     for (auto _ : state) {
         for (int round = 0; round < rounds; ++round) {
             double rate[5];
-            for (int store = 0; store < 5; ++store) {
+            // Not synced right after off: the machine's state changes less
+            // between the two runs whose ratio is the figure.
+            for (const int store : { 0, 2, 1, 3, 4 }) {
                 if (!chosen(store)) {
                     rate[store] = 0;
                     continue;

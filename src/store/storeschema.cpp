@@ -46,11 +46,18 @@ const char *const kSteps[] = {
     // 5: the keys' index holds a number per key (key_hash) instead of the
     // key, its conversation and its sender: a tenth of the size, and much
     // cheaper to write as keys come in no order. The rows it finds are
-    // checked against the strings.
+    // checked against the strings. And the full-text index keeps no sizes
+    // of its rows (only a ranking would read them): rebuilt without, up to
+    // the mark.
     "ALTER TABLE messages ADD COLUMN key_hash INTEGER NOT NULL DEFAULT 0;"
     "UPDATE messages SET key_hash = key_hash(msg_key) WHERE msg_key <> '';"
     "DROP INDEX messages_by_key;"
-    "CREATE INDEX messages_by_key ON messages(key_hash) WHERE key_hash <> 0;",
+    "CREATE INDEX messages_by_key ON messages(key_hash) WHERE key_hash <> 0;"
+    "DROP TABLE search;"
+    "CREATE VIRTUAL TABLE search USING fts5(words, content='', columnsize=0,"
+    " tokenize='unicode61 remove_diacritics 2');"
+    "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages"
+    " WHERE id <= (SELECT upto FROM search_mark);",
 };
 
 void searchWords(sqlite3_context *context, int, sqlite3_value **values)

@@ -9,7 +9,7 @@
 // built from the bodies already there; version 3 the list of messages not
 // yet in it, which version 4 replaces with the id up to which it holds
 // them; version 5 indexes the keys by a number (keyHash) instead of the
-// strings. A store is brought up to kVersion step by step when it is opened;
+// strings, and keeps no row sizes in the full-text index. A store is brought up to kVersion step by step when it is opened;
 // the version is SQLite's user_version.
 
 #include <QString>

@@ -275,11 +275,11 @@ TEST(MessageStore, RetentionKeepsTheNewestAndThePending)
 }
 
 // Stores of earlier versions: the first, without a search index; the
-// third, with a message listed as not yet indexed. Both index keys by
-// their strings.
+// third, with a message listed as not yet indexed; the fourth, with one
+// indexed. All index keys by their strings.
 TEST(MessageStore, EarlierVersionsAreBroughtUp)
 {
-    for (const int version : { 1, 3 }) {
+    for (const int version : { 1, 3, 4 }) {
         QTemporaryDir dir;
         const QString path = dir.filePath("old.db");
         {
@@ -291,7 +291,10 @@ TEST(MessageStore, EarlierVersionsAreBroughtUp)
                 db.exec("PRAGMA user_version=" + std::to_string(version) +
                         ";INSERT INTO messages VALUES(1,'bob@x','k','bob@x',1,'','kept from before 北京',0,1,0,0,2);"
                         "INSERT INTO conversations VALUES('bob@x',1,1,1);" +
-                        (version == 3 ? "INSERT INTO unindexed VALUES(1);" : "")));
+                        (version == 3 ? "INSERT INTO unindexed VALUES(1);" : "") +
+                        (version == 4 ? "UPDATE search_mark SET upto = 1;"
+                                        "INSERT INTO search(rowid, words) SELECT id, search_words(body) FROM messages;"
+                                      : "")));
         }
         MessageStore store;
         ASSERT_TRUE(store.open(path)) << store.error().toStdString();

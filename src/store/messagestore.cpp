@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <pthread.h>
+#include <sched.h>
 #include <set>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -23,8 +25,9 @@ constexpr const char *kColumns =
     "m.id, m.conv, m.msg_key, m.sender, m.at, m.stamp, m.body, m.body_type, m.msg_type, m.sec_level, m.outgoing, "
     "m.state";
 constexpr std::int64_t kRetentionEveryMs = 10 * 60 * 1000;
-constexpr std::int64_t kGatherMs = 50;      // writes nobody waits for are committed within this
-constexpr std::int64_t kIndexQuietMs = 200; // an index pass follows this long without writes
+constexpr std::int64_t kGatherMs = 50;        // writes nobody waits for are committed within this
+constexpr std::int64_t kIndexQuietMs = 200;   // an index pass follows this long without writes
+constexpr std::int64_t kBackPressureMs = 100; // a receive waits this long for room, then commits
 
 std::int64_t steadyMs()
 {
@@ -237,13 +240,24 @@ bool MessageStore::enqueueLocked(const std::shared_ptr<Job> &job)
     return idle || job->awaited || m_jobs.size() == std::size_t(kBatch);
 }
 
+// The store's thread runs on idle processor time alone, which a busy
+// machine may leave it little of: a caller that waits commits the queue
+// itself, on its own thread, up to its job (the changes are still told by
+// the store's thread, in the order of the commits).
 bool MessageStore::waitFor(const std::shared_ptr<Job> &job)
 {
     if (job == nullptr)
         return false;
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_done.wait(lock, [&] { return job->done; });
-    return job->ok;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (job->done)
+                return job->ok;
+        }
+        std::lock_guard<std::mutex> writer(m_writerMutex);
+        if (!job->done) // else the store's thread committed it meanwhile
+            commitQueued();
+    }
 }
 
 // Writes are taken from the queue only with m_writerMutex held, so that
@@ -258,6 +272,7 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
     }
     for (const auto &job : batch)
         m_awaited -= job->awaited;
+    m_moveDue = false; // the commit moves the outbox and writes what was acknowledged
     m_gatherSinceMs = steadyMs();
     m_room.notify_all();
     return batch;
@@ -265,12 +280,16 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
 
 void MessageStore::run()
 {
-    // Below the connection's threads: what it commits, nobody waits for
-    // (a send waits for the journal alone), and it catches up when they
-    // leave the processor free.
-    ::setpriority(PRIO_PROCESS, ::gettid(), 10);
+    // On processor time nobody else wants: what it commits, nobody waits
+    // for (a send waits for the journal alone; a caller that waits commits
+    // itself, see waitFor), and it never takes a core from the connection's
+    // threads. Where the idle class is refused, below them (nice 10).
+    sched_param none{};
+    if (::pthread_setschedparam(::pthread_self(), SCHED_IDLE, &none) != 0)
+        ::setpriority(PRIO_PROCESS, ::gettid(), 10);
     std::int64_t wroteMs = steadyMs(); // the last batch's commit
     for (;;) {
+        deliverTells();
         enum {
             Batch,
             Retention,
@@ -280,7 +299,7 @@ void MessageStore::run()
             std::unique_lock<std::mutex> lock(m_mutex);
             const auto due = [&] { return m_retentionDueMs >= 0 && steadyMs() >= m_retentionDueMs; };
             const auto quiet = [&] { return m_unindexed > 0 && steadyMs() >= wroteMs + kIndexQuietMs; };
-            while (!m_stopping && m_jobs.empty() && !m_moveDue && !due() && !quiet()) {
+            while (!m_stopping && m_jobs.empty() && !m_moveDue && !due() && !quiet() && m_tells.empty()) {
                 std::int64_t until = m_retentionDueMs;
                 if (m_unindexed > 0 && (until < 0 || wroteMs + kIndexQuietMs < until))
                     until = wroteMs + kIndexQuietMs;
@@ -296,25 +315,21 @@ void MessageStore::run()
             };
             while ((!m_jobs.empty() || m_moveDue) && !gathered())
                 m_wake.wait_for(lock, std::chrono::milliseconds(m_gatherSinceMs + kGatherMs - steadyMs()));
+            if (!m_tells.empty())
+                continue; // a caller committed: its changes told first
             if (m_jobs.empty() && !m_moveDue && m_stopping)
                 return;
             if (m_jobs.empty() && !m_moveDue)
                 next = due() ? Retention : Index;
-            m_moveDue = false;
         }
         if (next == Batch) {
-            std::vector<StoredMessage> changed;
-            {
-                std::lock_guard<std::mutex> lock(m_writerMutex);
-                std::deque<std::shared_ptr<Job>> batch = takeJobs(kBatch);
-                commitBatch(batch, &changed);
-                // A backlog that writes without a pause would let grow is
-                // indexed between batches.
-                if (m_unindexed >= kIndexBacklog)
-                    indexPass();
-            }
+            std::lock_guard<std::mutex> lock(m_writerMutex);
+            commitQueued();
+            // A backlog that writes without a pause would let grow is
+            // indexed between batches.
+            if (m_unindexed >= kIndexBacklog)
+                indexPass();
             wroteMs = steadyMs();
-            tell(changed);
             continue;
         }
         if (next == Index) {
@@ -373,12 +388,31 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
     return ok;
 }
 
-void MessageStore::tell(const std::vector<StoredMessage> &changed) const
+bool MessageStore::commitQueued()
 {
+    std::vector<StoredMessage> changed;
+    std::deque<std::shared_ptr<Job>> batch = takeJobs(kBatch);
+    const bool ok = commitBatch(batch, &changed);
+    if (!changed.empty()) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_tells.push_back(std::move(changed));
+    }
+    m_wake.notify_one(); // the store's thread tells them
+    return ok;
+}
+
+void MessageStore::deliverTells()
+{
+    std::deque<std::vector<StoredMessage>> tells;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        tells.swap(m_tells);
+    }
     if (!onChanged)
         return;
-    for (const StoredMessage &m : changed)
-        onChanged(m);
+    for (const std::vector<StoredMessage> &changed : tells)
+        for (const StoredMessage &m : changed)
+            onChanged(m);
 }
 
 bool MessageStore::insert(const StoredMessage &m, qint64 *id)
@@ -781,9 +815,19 @@ bool MessageStore::recordReceived(const StoredMessage &message)
     }
     if (wake)
         m_wake.notify_one();
-    // Back-pressure: arrivals faster than the disk wait here, not in memory.
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_room.wait(lock, [&] { return m_stopping || m_jobs.size() < std::size_t(kMaxQueued); });
+    // Back-pressure: arrivals faster than the disk wait here, not in
+    // memory; a while for the store's thread (this one's wait frees the
+    // processor for it), then they commit a batch themselves.
+    bool full = false;
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const auto room = [&] { return m_stopping || m_jobs.size() < std::size_t(kMaxQueued); };
+        full = !m_room.wait_for(lock, std::chrono::milliseconds(kBackPressureMs), room);
+    }
+    if (full) {
+        std::lock_guard<std::mutex> writer(m_writerMutex);
+        commitQueued();
+    }
     return true;
 }
 

@@ -6,10 +6,12 @@
 // What it keeps is described in storedmessage.h; it knows nothing of the
 // protocol. recordSent appends its message to the outbox's journal (see
 // outboxjournal.h) on the caller's thread and returns once it is written.
-// Every other write is queued; the store's own thread commits what has
-// queued up, and the outbox's new rows, in one transaction (at most kBatch
-// writes) within kGatherMs, in the order made, or at once when a caller
-// waits. The full-text index follows in passes of its own: after a quiet
+// Every other write is queued; the store's own thread, on idle processor
+// time, commits what has queued up, and the outbox's new rows, in one
+// transaction (at most kBatch writes) within kGatherMs, in the order made.
+// A caller that waits for a commit (a read, flush, a receive when
+// kMaxQueued wait) makes it itself, on its own thread; the changes are
+// told by the store's thread in the order of the commits. The full-text index follows in passes of its own: after a quiet
 // spell, between commits when kIndexBacklog messages wait, and before a
 // search. Reads run on any thread, on a second connection (WAL: they see
 // the last commit and never wait for the writer), after the writes made
@@ -169,8 +171,12 @@ private:
     bool rollback();
     bool indexSome(int most);
     bool indexPass();
-    /// Tells onChanged, with no lock held.
-    void tell(const std::vector<StoredMessage> &changed) const;
+    /// With m_writerMutex held: commits a batch of what is queued, its
+    /// changes queued for deliverTells.
+    bool commitQueued();
+    /// On the store's thread: tells onChanged what the commits changed, in
+    /// their order, with no lock held.
+    void deliverTells();
     bool forget(qint64 id);
     bool recount(const QString &conversation);
     QList<StoredMessage> select(const char *sql, const std::function<void(SqliteStatement &)> &bind) const;
@@ -207,8 +213,9 @@ private:
     std::condition_variable m_done;
     std::condition_variable m_room; // the queue took a batch
     std::deque<std::shared_ptr<Job>> m_jobs;
-    QueuedKeys m_queuedKeys; // messages queued or in the outbox, not yet in messages
-    KeyFilter m_filter;      // every key stored or reserved, once m_filterReady
+    std::deque<std::vector<StoredMessage>> m_tells; // committed, to be told by the store's thread
+    QueuedKeys m_queuedKeys;                        // messages queued or in the outbox, not yet in messages
+    KeyFilter m_filter;                             // every key stored or reserved, once m_filterReady
     bool m_filterReady = false;
     mutable QString m_error;
     qint64 m_maxAgeMs = 0;

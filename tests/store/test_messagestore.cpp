@@ -21,6 +21,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <functional>
@@ -28,6 +29,7 @@
 #include <mutex>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -139,6 +141,44 @@ TEST(MessageStore, PagesUnreadCountsAndKeysOutliveAReopening)
     EXPECT_EQ(store->messages("bob@x", "s2", 1)[0].state, StoredState::Read);
     EXPECT_EQ(store->newestReceivedKey(), "r1");
     EXPECT_FALSE(store->recordReceived(message("room@x", "r0", "again, once the keys are all read")));
+}
+
+// Arrivals faster than the store's thread commits, on a machine kept busy
+// (the thread runs on idle time alone): past kMaxQueued the receiving
+// thread commits batches itself. All kept, in order, and told once each in
+// the order of the commits.
+TEST(MessageStore, ArrivalsFasterThanItsThreadAreAllKeptAndToldInOrder)
+{
+    Folder folder;
+    std::mutex mutex;
+    std::vector<qint64> told;
+    MessageStore &store = folder.open([&](const StoredMessage &m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        told.push_back(m.id);
+    });
+    std::atomic<bool> busy{ true };
+    std::vector<std::thread> spinners;
+    for (unsigned i = 0; i < std::max(2U, std::thread::hardware_concurrency()); ++i)
+        spinners.emplace_back([&] {
+            while (busy) { }
+        });
+    const int n = 2 * MessageStore::kMaxQueued + 7;
+    for (int i = 0; i < n; ++i)
+        EXPECT_TRUE(store.recordReceived(message("fast@x", QString("f%1").arg(i), "x")));
+    busy = false;
+    for (std::thread &spinner : spinners)
+        spinner.join();
+    ASSERT_TRUE(store.flush());
+    EXPECT_EQ(store.conversations().value(0).unread, n);
+    EXPECT_EQ(
+        keys(store.messages("fast@x", {}, 2)), (QStringList{ QString("f%1").arg(n - 2), QString("f%1").arg(n - 1) }));
+    EXPECT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return int(told.size()) >= n;
+    }));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(int(told.size()), n);
+    EXPECT_TRUE(std::is_sorted(told.begin(), told.end()));
 }
 
 // An acknowledgement before its message left the outbox, after it was

@@ -73,9 +73,7 @@ std::uint64_t digestOf(const StoredMessage &m)
 
 struct MessageStore::Job {
     Work work;
-    bool awaited = false;     // a caller waits for its commit
-    StoredMessage received;   // a received message's job: the message
-    bool keyed = false;       // it has a key, reserved in m_queuedKeys while queued
+    StoredMessage received;   // a received message's job: the message (with a key: reserved in m_queuedKeys)
     std::uint64_t digest = 0; // its identity's
     qint64 id = 0;
     std::vector<StoredMessage> recorded; // told after the commit
@@ -202,11 +200,10 @@ void MessageStore::fail(const QString &what) const
 
 // --- the store's thread -------------------------------------------------------
 
-std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work, bool awaited)
+std::shared_ptr<MessageStore::Job> MessageStore::queue(Work work)
 {
     auto job = std::make_shared<Job>();
     job->work = std::move(work);
-    job->awaited = awaited;
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -230,14 +227,14 @@ bool MessageStore::startGatheringLocked()
 }
 
 // Only what changes the thread's plan wakes it: the first write of a
-// gathering (which starts its clock), a write somebody waits for, a full
-// batch. A wake-up for every write would cost a thread switch each.
+// gathering (which starts its clock), a full batch (a write somebody waits
+// for is committed by that caller, see waitFor). A wake-up for every write
+// would cost a thread switch each.
 bool MessageStore::enqueueLocked(const std::shared_ptr<Job> &job)
 {
     const bool idle = startGatheringLocked();
     m_jobs.push_back(job);
-    m_awaited += job->awaited;
-    return idle || job->awaited || m_jobs.size() == std::size_t(kBatch);
+    return idle || m_jobs.size() == std::size_t(kBatch);
 }
 
 // The store's thread runs on idle processor time alone, which a busy
@@ -270,8 +267,6 @@ std::deque<std::shared_ptr<MessageStore::Job>> MessageStore::takeJobs(std::size_
         batch.push_back(std::move(m_jobs.front()));
         m_jobs.pop_front();
     }
-    for (const auto &job : batch)
-        m_awaited -= job->awaited;
     m_moveDue = false; // the commit moves the outbox and writes what was acknowledged
     m_gatherSinceMs = steadyMs();
     m_room.notify_all();
@@ -310,8 +305,7 @@ void MessageStore::run()
             }
             // Writes nobody waits for gather for a while: one commit for many.
             const auto gathered = [&] {
-                return m_stopping || m_awaited > 0 || m_jobs.size() >= std::size_t(kBatch) ||
-                       steadyMs() >= m_gatherSinceMs + kGatherMs;
+                return m_stopping || m_jobs.size() >= std::size_t(kBatch) || steadyMs() >= m_gatherSinceMs + kGatherMs;
             };
             while ((!m_jobs.empty() || m_moveDue) && !gathered())
                 m_wake.wait_for(lock, std::chrono::milliseconds(m_gatherSinceMs + kGatherMs - steadyMs()));
@@ -366,7 +360,7 @@ bool MessageStore::commitBatch(std::deque<std::shared_ptr<Job>> &batch, std::vec
         for (const auto &job : batch) {
             job->ok = job->ok && ok;
             job->done = true;
-            if (job->keyed)
+            if (!job->received.key.isEmpty())
                 m_queuedKeys.remove(job->digest, job->received);
         }
     }
@@ -394,10 +388,12 @@ bool MessageStore::commitQueued()
     std::deque<std::shared_ptr<Job>> batch = takeJobs(kBatch);
     const bool ok = commitBatch(batch, &changed);
     if (!changed.empty()) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_tells.push_back(std::move(changed));
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_tells.push_back(std::move(changed));
+        }
+        m_wake.notify_one(); // the store's thread tells them
     }
-    m_wake.notify_one(); // the store's thread tells them
     return ok;
 }
 
@@ -804,7 +800,6 @@ bool MessageStore::recordReceived(const StoredMessage &message)
         if (keyed) {
             if (!m_queuedKeys.add(digest, message))
                 return false;
-            job->keyed = true;
             job->digest = digest;
             m_filter.add(digest);
         }
@@ -862,34 +857,31 @@ void MessageStore::markSent(qint64 id)
 void MessageStore::markReadByPeer(const QString &key)
 {
     queue([this, key](Job &job) {
-        const char *const where =
-            " WHERE key_hash = ?2 AND key_hash <> 0 AND msg_key = ?1 AND outgoing = 1 AND state = 1";
-        const std::int64_t hash = StoreSchema::keyHash(key);
-        SqliteStatement found = m_writer.prepare(std::string("SELECT id FROM messages") + where);
-        found.bind(1, key).bind(2, hash);
-        while (found.next())
-            job.touched.push_back(found.integer(0));
-        return m_writer.prepare(std::string("UPDATE messages SET state = 3") + where).bind(1, key).bind(2, hash).run();
+        SqliteStatement marked = m_writer.prepare(
+            "UPDATE messages SET state = 3 WHERE key_hash = ?2 AND key_hash <> 0 AND msg_key = ?1 AND outgoing = 1"
+            " AND state = 1 RETURNING id");
+        marked.bind(1, key).bind(2, StoreSchema::keyHash(key));
+        while (marked.next())
+            job.touched.push_back(marked.integer(0));
+        return marked.result() == SQLITE_DONE;
     });
 }
 
 QStringList MessageStore::markConversationRead(const QString &conversation)
 {
-    auto job = queue(
-        [this, conversation](Job &job) {
-            SqliteStatement unread = m_writer.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
-            unread.bind(1, conversation);
-            while (unread.next()) {
-                job.touched.push_back(unread.integer(0));
-                if (unread.bytes(1) > 0)
-                    job.keys << unread.text(1);
-            }
-            return m_writer.prepare("UPDATE messages SET state = 3 WHERE conv = ?1 AND state = 2")
-                       .bind(1, conversation)
-                       .run() &&
-                   m_writer.prepare("UPDATE conversations SET unread = 0 WHERE conv = ?1").bind(1, conversation).run();
-        },
-        true);
+    auto job = queue([this, conversation](Job &job) {
+        SqliteStatement unread = m_writer.prepare("SELECT id, msg_key FROM messages WHERE conv = ?1 AND state = 2");
+        unread.bind(1, conversation);
+        while (unread.next()) {
+            job.touched.push_back(unread.integer(0));
+            if (unread.bytes(1) > 0)
+                job.keys << unread.text(1);
+        }
+        return m_writer.prepare("UPDATE messages SET state = 3 WHERE conv = ?1 AND state = 2")
+                   .bind(1, conversation)
+                   .run() &&
+               m_writer.prepare("UPDATE conversations SET unread = 0 WHERE conv = ?1").bind(1, conversation).run();
+    });
     return waitFor(job) ? job->keys : QStringList();
 }
 
@@ -906,7 +898,7 @@ void MessageStore::setRetention(qint64 maxAgeMs, int maxPerConversation)
 
 bool MessageStore::flush()
 {
-    return waitFor(queue([](Job &) { return true; }, true));
+    return waitFor(queue([](Job &) { return true; }));
 }
 
 // --- reads ------------------------------------------------------------------
@@ -1000,7 +992,7 @@ QList<StoredMessage> MessageStore::search(const QString &text, const QString &co
 {
     settle();
     if (m_unindexed > 0)
-        waitFor(queue([this](Job &) { return indexSome(INT_MAX); }, true));
+        waitFor(queue([this](Job &) { return indexSome(INT_MAX); }));
     QStringList lone;
     const QString match = SearchText::query(text, &lone);
     if (match.isEmpty() && lone.isEmpty())

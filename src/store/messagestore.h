@@ -133,8 +133,8 @@ public:
 private:
     struct Job;
     using Work = std::function<bool(Job &)>;
-    /// Queues a write; `awaited`: a caller will wait for its commit.
-    std::shared_ptr<Job> queue(Work work, bool awaited = false);
+    /// Queues a write (a caller that waits for it: waitFor).
+    std::shared_ptr<Job> queue(Work work);
     /// With m_mutex held: queues `job`; true when the thread must be woken.
     bool enqueueLocked(const std::shared_ptr<Job> &job);
     bool startGatheringLocked();
@@ -226,7 +226,6 @@ private:
     int m_outboxRows = 0;             // rows in the outbox
     std::vector<qint64> m_sentDue;    // acknowledgements of moved messages, to be written
     bool m_moveDue = false;           // the outbox waits to be moved, or m_sentDue to be written
-    int m_awaited = 0;                // queued writes a caller waits for
     std::int64_t m_gatherSinceMs = 0; // steady ms: since when queued writes wait
     std::thread m_thread;
     std::thread m_filterThread;
